@@ -1,0 +1,119 @@
+/*
+ * host/tarnhost.h - the host platform's own interface: what tools, tests,
+ * publishers and examples need beyond the platform calls that libtarn makes.
+ *
+ * Conventions
+ *
+ *  1. A simulated device lives in one directory, the host root: the value of
+ *     TARNHOST_ROOT, or /dev/shm/tarnhost.  Every process that names the same
+ *     root is a process of the same device: it sees the same databases, the
+ *     same supervisor state and the same message bus.
+ *
+ *  2. Statuses are the platform's 32-bit codes (KVS_ERR_* of
+ *     platform/kvs.h); 0 is success.
+ *
+ *  3. Nothing here is used by libtarn itself.
+ */
+#ifndef TARNHOST_TARNHOST_H
+#define TARNHOST_TARNHOST_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- the host root ------------------------------------------------------ */
+
+/* The root directory in force (TARNHOST_ROOT or the default). */
+const char *tarnhost_root(void);
+/* Create the root and its subdirectories (kvs/, log/, bus/, supervisor/),
+ * accessible to the owner only.  0 or an errno value. */
+int tarnhost_root_prepare(void);
+/* Map a database URI to its directory under the root.  0, or
+ * KVS_ERR_BAD_URI for a URI the root cannot hold (empty, no scheme, a ".."
+ * component, or too long). */
+uint32_t tarnhost_kvs_path(const char *uri, char *out, size_t size);
+
+/* ---- the supervisor ----------------------------------------------------- */
+
+/* The running-configuration URI that tarnhost_device_up() records. */
+#define TARNHOST_RUNNING_URI "volatile:/tarnhost/running"
+/* Bring the device up: from now on supv_running_cfg_uri_get() returns
+ * `running_uri` (TARNHOST_RUNNING_URI when null) in every process of the
+ * root.  0 or an errno value. */
+int tarnhost_device_up(const char *running_uri);
+/* Bring it down again: no running configuration. */
+int tarnhost_device_down(void);
+/* Override this process's cell context word (tests); reset to the
+ * environment's value with tarnhost_cell_reset(). */
+void tarnhost_cell_set(uint32_t cell_ctxt);
+void tarnhost_cell_reset(void);
+
+/* ---- database writer ---------------------------------------------------- */
+
+typedef struct tarnhost_kvs_txn tarnhost_kvs_txn_t;
+
+/* Begin a write transaction on the database named by `uri` (created when it
+ * does not exist).  Null on failure with *status set. */
+tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status);
+uint32_t tarnhost_kvs_txn_put(tarnhost_kvs_txn_t *txn, const void *key,
+                              uint32_t key_len, const void *value,
+                              uint32_t value_len);
+/* Delete a key; an absent key gives KVS_ERR_NOT_FOUND. */
+uint32_t tarnhost_kvs_txn_del(tarnhost_kvs_txn_t *txn, const void *key,
+                              uint32_t key_len);
+/* Delete every record of the database. */
+uint32_t tarnhost_kvs_txn_clear(tarnhost_kvs_txn_t *txn);
+/* Commit (readers see all of the transaction's changes at once) or abort;
+ * both release the transaction. */
+uint32_t tarnhost_kvs_txn_commit(tarnhost_kvs_txn_t *txn);
+void tarnhost_kvs_txn_abort(tarnhost_kvs_txn_t *txn);
+/* One-change transactions. */
+uint32_t tarnhost_kvs_put(const char *uri, const void *key, uint32_t key_len,
+                          const void *value, uint32_t value_len);
+uint32_t tarnhost_kvs_del(const char *uri, const void *key, uint32_t key_len);
+
+/* ---- fault injection ---------------------------------------------------- */
+
+#define TARNHOST_FAULT_ALWAYS 0xFFFFFFFFu
+
+/* Make the platform call named `call` (for example "kvs_read",
+ * "kvs_open", "alloctrack_alloc", "bus_options_set", "malloc",
+ * "syslog_msg_rate_limit") fail with `status` the next `times` times
+ * (TARNHOST_FAULT_ALWAYS: until cleared). */
+void tarnhost_fault_set(const char *call, uint32_t status, uint32_t times);
+void tarnhost_fault_clear(const char *call);
+void tarnhost_fault_clear_all(void);
+/* For host implementations: 1 (with *status) when `call` is to fail now. */
+int tarnhost_fault_hit(const char *call, uint32_t *status);
+
+/* ---- logging ------------------------------------------------------------ */
+
+/* Set this process's current facility (name at most 31 characters). */
+void tarnhost_log_set_facility(const char *name, uint8_t level);
+/* Forget the rate limiter's history. */
+void tarnhost_log_throttle_reset(void);
+
+/* Captured lines, by channel. */
+enum tarnhost_channel {
+    TARNHOST_CH_SYSLOG = 0,  /* rendered syslog messages               */
+    TARNHOST_CH_DEBUG = 1,   /* debug print lines                      */
+    TARNHOST_CH_ERROR = 2,   /* conversion errors (tlvkit_error_print) */
+    TARNHOST_CH_COUNT = 3
+};
+/* Start (1) or stop (0) keeping rendered lines in memory. */
+void tarnhost_capture(int on);
+void tarnhost_capture_clear(void);
+size_t tarnhost_capture_count(int channel);
+/* Line i of a channel, without its trailing newline; null past the end. */
+const char *tarnhost_capture_line(int channel, size_t i);
+/* For host implementations: keep a rendered line when capturing. */
+void tarnhost_capture_append(int channel, const char *line);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TARNHOST_TARNHOST_H */
