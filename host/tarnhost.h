@@ -80,7 +80,7 @@ uint32_t tarnhost_kvs_del(const char *uri, const void *key, uint32_t key_len);
 #define TARNHOST_FAULT_ALWAYS 0xFFFFFFFFu
 
 /* Make the platform call named `call` (for example "kvs_read",
- * "kvs_open", "alloctrack_alloc", "bus_options_set", "malloc",
+ * "kvs_open", "alloctrack_alloc", "bus_options_set",
  * "syslog_msg_rate_limit") fail with `status` the next `times` times
  * (TARNHOST_FAULT_ALWAYS: until cleared). */
 void tarnhost_fault_set(const char *call, uint32_t status, uint32_t times);
@@ -88,10 +88,16 @@ void tarnhost_fault_clear(const char *call);
 void tarnhost_fault_clear_all(void);
 /* For host implementations: 1 (with *status) when `call` is to fail now. */
 int tarnhost_fault_hit(const char *call, uint32_t *status);
+/* Fail the next `times` C-allocator requests of exactly `size` bytes (0
+ * times: stop).  Only where tarnhost_fault_malloc_supported() is 1: under
+ * the sanitizers the allocator is theirs. */
+void tarnhost_fault_malloc(size_t size, uint32_t times);
+int tarnhost_fault_malloc_supported(void);
 
 /* ---- logging ------------------------------------------------------------ */
 
-/* Set this process's current facility (name at most 31 characters). */
+/* Set this process's current facility (name at most 31 characters); a
+ * null name leaves the process without a current facility. */
 void tarnhost_log_set_facility(const char *name, uint8_t level);
 /* Forget the rate limiter's history. */
 void tarnhost_log_throttle_reset(void);
@@ -101,7 +107,9 @@ enum tarnhost_channel {
     TARNHOST_CH_SYSLOG = 0,  /* rendered syslog messages               */
     TARNHOST_CH_DEBUG = 1,   /* debug print lines                      */
     TARNHOST_CH_ERROR = 2,   /* conversion errors (tlvkit_error_print) */
-    TARNHOST_CH_COUNT = 3
+    TARNHOST_CH_CONSOLE = 3, /* console records (syslog_backtrace,
+                                syslog_traceback)                      */
+    TARNHOST_CH_COUNT = 4
 };
 /* Start (1) or stop (0) keeping rendered lines in memory. */
 void tarnhost_capture(int on);

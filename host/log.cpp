@@ -1,0 +1,354 @@
+// System logging, the debug wrapper and line capture.
+//
+// Every rendered message goes three ways: syslog(3), the device's message
+// file $TARNHOST_ROOT/log/messages (so that the processes of one simulated
+// device share one log), and, while a test captures, an in-memory list.
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/tarnhost.h"
+#include "platform/dbgwrap.h"
+#include "platform/kvs.h"
+#include "platform/syslog.h"
+
+namespace {
+
+constexpr size_t kLineMax = 4096;
+constexpr uint64_t kThrottleNs = 10ull * 1000 * 1000 * 1000;
+
+// ---- capture ---------------------------------------------------------------
+
+std::mutex g_capture_mutex;
+std::atomic<int> g_capturing{0};
+std::vector<std::string> g_captured[TARNHOST_CH_COUNT];
+
+std::string strip_newline(const char *line)
+{
+    std::string s(line);
+    while (!s.empty() && s.back() == '\n')
+        s.pop_back();
+    return s;
+}
+
+// ---- device log files -------------------------------------------------------
+
+void append_file(const char *name, const char *line)
+{
+    char path[1024];
+    int n = snprintf(path, sizeof path, "%s/log/%s", tarnhost_root(), name);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof path)
+        return;
+    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return;
+    std::string s = strip_newline(line);
+    s.push_back('\n');
+    // One write per line keeps lines of concurrent processes whole.
+    ssize_t w = write(fd, s.data(), s.size());
+    (void)w;
+    close(fd);
+}
+
+void emit_syslog(uint32_t severity, const char *line)
+{
+    syslog(LOG_USER | static_cast<int>(severity & 7u), "%s", line);
+    append_file("messages", line);
+    tarnhost_capture_append(TARNHOST_CH_SYSLOG, line);
+}
+
+// ---- facility ----------------------------------------------------------------
+
+char g_fac_name[32] = "tarn";
+syslog_fac_t g_facility = {g_fac_name, 2888, 5, 5, {0, 0}};
+
+// ---- rate limiter ------------------------------------------------------------
+
+std::mutex g_throttle_mutex;
+std::map<std::pair<const void *, std::string>, uint64_t> g_last_sent;
+
+uint64_t now_ns()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull +
+           static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// ---- debug wrapper -----------------------------------------------------------
+
+std::atomic<uint32_t> g_dbg_kinds[DBGWRAP_MAX_LIBS];
+
+void refresh_pid_and_tag()
+{
+    snprintf(dbgwrap_library_dbg_pid_and_tag,
+             sizeof dbgwrap_library_dbg_pid_and_tag, "[%d] %s",
+             static_cast<int>(getpid()), g_fac_name);
+}
+
+__attribute__((constructor)) void log_init()
+{
+    refresh_pid_and_tag();
+    pthread_atfork(nullptr, nullptr, refresh_pid_and_tag);
+}
+
+}  // namespace
+
+extern "C" {
+
+// ---- platform data -----------------------------------------------------------
+
+const syslog_fac_t *dbgwrap_sys_facility = &g_facility;
+unsigned char syslog_vmsg_params[SYSLOG_VMSG_PARAMS_SIZE];
+const char syslog_preamble[] = "tarnhost";
+int printf_curr_idx;
+
+#define TARNHOST_LIB_(n, name) #n, name
+const char *const dbgwrap_lib_id_and_names[2 * DBGWRAP_MAX_LIBS] = {
+    TARNHOST_LIB_(0, "platform"), TARNHOST_LIB_(1, "kvs"),
+    TARNHOST_LIB_(2, "bus"),      TARNHOST_LIB_(3, "supv"),
+    TARNHOST_LIB_(4, "nic"),      TARNHOST_LIB_(5, "bond"),
+    TARNHOST_LIB_(6, "tlvkit"),   TARNHOST_LIB_(7, "bst"),
+    TARNHOST_LIB_(8, "alloctrack"), TARNHOST_LIB_(9, "featsrv"),
+    TARNHOST_LIB_(10, "libtarn"),
+};
+#undef TARNHOST_LIB_
+char dbgwrap_library_dbg_pid_and_tag[64];
+const char dbgwrap_dbg_modname[] = "tarn";
+
+// ---- capture -------------------------------------------------------------------
+
+void tarnhost_capture(int on)
+{
+    g_capturing.store(on ? 1 : 0, std::memory_order_release);
+}
+
+void tarnhost_capture_clear(void)
+{
+    std::lock_guard<std::mutex> lock(g_capture_mutex);
+    for (auto &ch : g_captured)
+        ch.clear();
+}
+
+size_t tarnhost_capture_count(int channel)
+{
+    if (channel < 0 || channel >= TARNHOST_CH_COUNT)
+        return 0;
+    std::lock_guard<std::mutex> lock(g_capture_mutex);
+    return g_captured[channel].size();
+}
+
+const char *tarnhost_capture_line(int channel, size_t i)
+{
+    if (channel < 0 || channel >= TARNHOST_CH_COUNT)
+        return nullptr;
+    std::lock_guard<std::mutex> lock(g_capture_mutex);
+    if (i >= g_captured[channel].size())
+        return nullptr;
+    return g_captured[channel][i].c_str();
+}
+
+void tarnhost_capture_append(int channel, const char *line)
+{
+    if (g_capturing.load(std::memory_order_acquire) == 0 || line == nullptr ||
+        channel < 0 || channel >= TARNHOST_CH_COUNT)
+        return;
+    std::lock_guard<std::mutex> lock(g_capture_mutex);
+    g_captured[channel].push_back(strip_newline(line));
+}
+
+// ---- facility and throttle -----------------------------------------------------------
+
+void tarnhost_log_set_facility(const char *name, uint8_t level)
+{
+    if (name == nullptr) {
+        dbgwrap_sys_facility = nullptr;
+        return;
+    }
+    snprintf(g_fac_name, sizeof g_fac_name, "%s", name);
+    g_facility.current_level = level;
+    dbgwrap_sys_facility = &g_facility;
+    refresh_pid_and_tag();
+}
+
+void tarnhost_log_throttle_reset(void)
+{
+    std::lock_guard<std::mutex> lock(g_throttle_mutex);
+    g_last_sent.clear();
+}
+
+int syslog_msg_rate_limit(const msg_error_t *err, ...)
+{
+    uint32_t status;
+    if (tarnhost_fault_hit("syslog_msg_rate_limit", &status))
+        return 0;
+    if (err == nullptr)
+        return 0;
+    if (err->throttle == 0 || err->text == nullptr)
+        return 1;
+    char text[kLineMax];
+    va_list ap;
+    va_start(ap, err);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    vsnprintf(text, sizeof text, err->text, ap);
+#pragma GCC diagnostic pop
+    va_end(ap);
+    const uint64_t now = now_ns();
+    const uint64_t window = kThrottleNs / 10 * err->throttle;
+    std::lock_guard<std::mutex> lock(g_throttle_mutex);
+    auto key = std::make_pair(static_cast<const void *>(err), std::string(text));
+    auto it = g_last_sent.find(key);
+    if (it != g_last_sent.end() && now - it->second < window)
+        return 0;
+    g_last_sent[key] = now;
+    return 1;
+}
+
+// ---- the syslog calls ------------------------------------------------------------------
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+void plat_syslog(uint32_t severity, const char *format, ...)
+{
+    if (format == nullptr)
+        return;
+    char line[kLineMax];
+    va_list ap;
+    va_start(ap, format);
+    vsnprintf(line, sizeof line, format, ap);
+    va_end(ap);
+    emit_syslog(severity, line);
+}
+
+void basis_plat_syslog(void *params, uint32_t severity, const char *format, ...)
+{
+    (void)params;
+    if (format == nullptr)
+        return;
+    char line[kLineMax];
+    va_list ap;
+    va_start(ap, format);
+    vsnprintf(line, sizeof line, format, ap);
+    va_end(ap);
+    emit_syslog(severity, line);
+}
+#pragma GCC diagnostic pop
+
+void syslog_traceback(void *params, const char *facility, uint32_t severity,
+                      const char *short_name)
+{
+    char line[256];
+    snprintf(line, sizeof line, "traceback %s-%u-%s%s",
+             facility ? facility : "?", severity,
+             short_name ? short_name : "?", params ? " (service)" : "");
+    append_file("console", line);
+    tarnhost_capture_append(TARNHOST_CH_CONSOLE, line);
+}
+
+void syslog_backtrace(const char *routine, uint32_t flags)
+{
+    char line[256];
+    snprintf(line, sizeof line, "backtrace %s flags %u",
+             routine ? routine : "?", flags);
+    append_file("console", line);
+    tarnhost_capture_append(TARNHOST_CH_CONSOLE, line);
+}
+
+const char *syserr2str(uint32_t status)
+{
+    switch (status) {
+    case 0: return "success";
+    case KVS_ERR_NOT_FOUND: return "record not found";
+    case KVS_ERR_ALREADY_OPEN: return "database already open";
+    case 0x413C0002u: return "out of memory";
+    case KVS_ERR_NOT_OPEN: return "database not open";
+    case KVS_ERR_BAD_URI: return "invalid database URI";
+    case KVS_ERR_IO: return "database I/O error";
+    case KVS_ERR_INVALID: return "invalid argument";
+    case KVS_ERR_NO_POSITION: return "no iterator position";
+    case KVS_ERR_END: return "end of database";
+    default: break;
+    }
+    if (status < 4096) {
+        // strerror's table texts are constant for the C locale we run in.
+        return strerror(static_cast<int>(status));
+    }
+    static thread_local char unknown[40];
+    snprintf(unknown, sizeof unknown, "unknown error 0x%08x", status);
+    return unknown;
+}
+
+void basis_sys_mclock_get(void *out8)
+{
+    if (out8 == nullptr)
+        return;
+    uint64_t ns = now_ns();
+    memcpy(out8, &ns, sizeof ns);
+}
+
+// ---- debug wrapper ------------------------------------------------------------------------
+
+uint32_t dbgwrap_library_dbg_enable(uint32_t index, uint32_t kind, void *handle)
+{
+    if (index >= DBGWRAP_MAX_LIBS || kind >= 32 || handle == nullptr)
+        return 1;
+    g_dbg_kinds[index].fetch_or(1u << kind, std::memory_order_relaxed);
+    return 0;
+}
+
+uint32_t dbgwrap_library_dbg_disable(uint32_t index, uint32_t kind, void *handle)
+{
+    if (index >= DBGWRAP_MAX_LIBS || kind >= 32 || handle == nullptr)
+        return 1;
+    g_dbg_kinds[index].fetch_and(~(1u << kind), std::memory_order_relaxed);
+    return 0;
+}
+
+// Flag 2 is general debug output, which every enabled kind includes; other
+// flags test the kind's own bit.
+int dbgwrap_library_chk_int(uint32_t index, uint32_t flag)
+{
+    if (index >= DBGWRAP_MAX_LIBS)
+        return 0;
+    uint32_t kinds = g_dbg_kinds[index].load(std::memory_order_relaxed);
+    if (flag == 2)
+        return kinds != 0;
+    return flag < 32 && (kinds & (1u << flag)) != 0;
+}
+
+void dbgprint_func(int level, const char *modname, const char *prefix,
+                   int flags, const char *format, ...)
+{
+    (void)level;
+    (void)modname;
+    (void)flags;
+    if (format == nullptr)
+        return;
+    char text[kLineMax];
+    va_list ap;
+    va_start(ap, format);
+    vsnprintf(text, sizeof text, format, ap);
+    va_end(ap);
+    std::string line = prefix ? std::string(prefix) + " " + text : text;
+    fputs(line.c_str(), stderr);
+    if (line.empty() || line.back() != '\n')
+        fputc('\n', stderr);
+    append_file("debug", line.c_str());
+    tarnhost_capture_append(TARNHOST_CH_DEBUG, line.c_str());
+}
+
+}  // extern "C"

@@ -1,0 +1,57 @@
+// Allocation faults for code that takes memory straight from the C
+// allocator: the host interposes malloc and fails the next N requests of one
+// chosen size.  Matching on the size keeps unrelated allocations (the test
+// framework's, the database's) out of the fault.
+//
+// Sanitizer runtimes interpose malloc themselves, so there the fault is not
+// available (tarnhost_fault_malloc_supported() says so).
+
+#include <stddef.h>
+
+#include <atomic>
+
+#include "host/tarnhost.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define TARNHOST_NO_MALLOC_FAULT 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TARNHOST_NO_MALLOC_FAULT 1
+#endif
+#endif
+
+namespace {
+std::atomic<size_t> g_fail_size{0};
+std::atomic<uint32_t> g_fail_times{0};
+}  // namespace
+
+extern "C" {
+
+#ifndef TARNHOST_NO_MALLOC_FAULT
+void *__libc_malloc(size_t size);
+
+__attribute__((visibility("default"))) void *malloc(size_t size)
+{
+    if (g_fail_times.load(std::memory_order_relaxed) != 0 &&
+        size == g_fail_size.load(std::memory_order_relaxed)) {
+        uint32_t left = g_fail_times.load(std::memory_order_relaxed);
+        while (left != 0 && !g_fail_times.compare_exchange_weak(left, left - 1))
+            ;
+        if (left != 0)
+            return nullptr;
+    }
+    return __libc_malloc(size);
+}
+
+int tarnhost_fault_malloc_supported(void) { return 1; }
+#else
+int tarnhost_fault_malloc_supported(void) { return 0; }
+#endif
+
+void tarnhost_fault_malloc(size_t size, uint32_t times)
+{
+    g_fail_size.store(size, std::memory_order_relaxed);
+    g_fail_times.store(times, std::memory_order_relaxed);
+}
+
+}  // extern "C"
