@@ -1,0 +1,24 @@
+// Entry points of the shared database for the other host sources (the
+// kernel-sink access in kpipe.cpp).  They skip fault injection: the caller's
+// own platform call has had its chance to fail already.
+#ifndef TARNHOST_KVS_INTERNAL_H
+#define TARNHOST_KVS_INTERNAL_H
+
+#include <stdint.h>
+
+namespace tarnhost {
+
+#define TARNHOST_HIDDEN __attribute__((visibility("hidden")))
+
+// kvs_open without the fault hook: 0, KVS_ERR_ALREADY_OPEN or a failure.
+TARNHOST_HIDDEN uint32_t kvs_attach(const char *uri);
+// kvs_close without the fault hook.
+TARNHOST_HIDDEN uint32_t kvs_detach(const char *uri);
+// kvs_read without the fault hook, on a raw key.
+TARNHOST_HIDDEN uint32_t kvs_lookup(const char *uri, const void *key,
+                                    uint32_t key_len, const void **data,
+                                    uint32_t *len);
+
+}  // namespace tarnhost
+
+#endif
