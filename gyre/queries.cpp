@@ -1,0 +1,429 @@
+// Forwarding-tag and topology queries: from the cache when it is on, else
+// one keyed read of the Gyre database.
+
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "core/report.h"
+#include "core/state.h"
+#include "gyre/bits.h"
+#include "gyre/internal.h"
+#include "platform/kvs.h"
+#include "platform/supv.h"
+
+using tarn::tarn_debug;
+using tarn::tarn_report;
+
+namespace {
+
+enum : uint32_t { kKeyTpgFtag = 4 };
+
+bool null_result(const void *p, const char *what, const char *fn)
+{
+    if (p != nullptr)
+        return false;
+    tarn_report(&msg_error_TARN_LIB_INVALID_ARG, what, fn);
+    return true;
+}
+
+uint16_t load16(const void *p)
+{
+    uint16_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
+uint32_t load32(const void *p)
+{
+    uint32_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// The lowest ftag of `node` whose table entry passes `test`.
+template <class Test>
+bool lowest_ftag(const gyre_cache_tpg_node_t *node, Test test, uint16_t *ftag)
+{
+    for (int32_t f = gyre::next_set(node->ftags.bits, GYRE_FTAG_COUNT, 0); f >= 0;
+         f = gyre::next_set(node->ftags.bits, GYRE_FTAG_COUNT, static_cast<uint32_t>(f) + 1)) {
+        if (test(gyre_cache->ftags[f])) {
+            *ftag = static_cast<uint16_t>(f);
+            return true;
+        }
+    }
+    return false;
+}
+
+// The first 16-bit field of a topology-ftag record, read with `key`.
+bool read_tpg_ftag(const uint8_t *key, uint16_t *ftag, const char *what, const char *fn)
+{
+    const void *value = nullptr;
+    uint32_t len = 0, status = 0;
+    if (!gyre::read_key(key, &value, &len, what, fn, &status) || len < 2)
+        return false;
+    *ftag = load16(value);
+    return true;
+}
+
+}  // namespace
+
+namespace gyre {
+
+void report_read_error(const char *what, uint32_t status, const char *fn)
+{
+    tarn_report(&msg_error_TARN_KVS_READ, static_cast<int>(supv_get_cell_ctxt() & 0xffffu),
+                what, status, syserr2str(status), fn, static_cast<int>(getpid()));
+}
+
+bool read_key(const uint8_t *key, const void **value, uint32_t *len, const char *what,
+              const char *fn, uint32_t *status)
+{
+    *status = KVS_ERR_NOT_OPEN;
+    if (gyre_kvs_handle == nullptr)
+        return false;
+    if (kpipe_kvs_read(gyre_kvs_handle, key, GYRE_KEY_SIZE, value, len, status))
+        return true;
+    if (*status != KVS_ERR_NOT_FOUND && what != nullptr)
+        report_read_error(what, *status, fn);
+    return false;
+}
+
+}  // namespace gyre
+
+extern "C" {
+
+// ---- cache paths ---------------------------------------------------------------
+
+static uint32_t gyre_cache_get_ftag_l2_tpg(uint16_t ftag)
+{
+    const gyre_cache_tpg_node_t *owner = gyre_cache->ftags[ftag].owner;
+    if (owner == nullptr) {
+        tarn_debug("No tpg information in gyre_cache_get_ftag_l2_tpg()");
+        return GYRE_TPG_NONE;
+    }
+    tarn_debug("Ftag %d -> Tpg id %lu", ftag, static_cast<unsigned long>(owner->tpg_id));
+    return owner->tpg_id;
+}
+
+static uint32_t gyre_cache_get_vlan_l2_tpg(uint32_t vlan)
+{
+    const gyre_cache_tpg_node_t *owner = gyre_cache->vlans[vlan];
+    if (owner == nullptr)
+        return GYRE_TPG_NONE;
+    tarn_debug("Found tpg %lu for vlan %d", static_cast<unsigned long>(owner->tpg_id),
+               static_cast<int>(vlan));
+    return owner->tpg_id;
+}
+
+static uint32_t gyre_cache_get_l2_tpg_ftag(uint32_t tpg, uint16_t graph, uint16_t *ftag)
+{
+    const gyre_cache_tpg_node_t *node = gyre_cache_find_topo_by_id(tpg);
+    if (node == nullptr || ftag == nullptr)
+        return 0;
+    if (!lowest_ftag(node, [graph](const gyre_cache_ftag_entry_t &e) {
+            return e.owner != nullptr && e.graph_id == graph;
+        }, ftag))
+        return 0;
+    tarn_debug("Found ftag %d for tid %lu", *ftag, static_cast<unsigned long>(tpg));
+    return 1;
+}
+
+// Any non-zero flags pass, not only the unicast flag.
+static uint32_t gyre_cache_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag)
+{
+    const gyre_cache_tpg_node_t *node = gyre_cache_find_topo_by_id(tpg);
+    if (node == nullptr || ftag == nullptr)
+        return 0;
+    if (!lowest_ftag(node, [](const gyre_cache_ftag_entry_t &e) { return e.flags != 0; }, ftag))
+        return 0;
+    tarn_debug("Found ftag %d for tid %lu", *ftag, static_cast<unsigned long>(tpg));
+    return 1;
+}
+
+static uint32_t gyre_cache_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ftag)
+{
+    const gyre_cache_tpg_node_t *node = gyre_cache->vlans[vlan];
+    if (node == nullptr || ftag == nullptr)
+        return 0;
+    if (!lowest_ftag(node, [graph](const gyre_cache_ftag_entry_t &e) {
+            return e.owner != nullptr && e.graph_id == graph;
+        }, ftag))
+        return 0;
+    tarn_debug("%s() cache: Vlan: %d Ftag: %d", "gyre_cache_get_vlan_ftag",
+               static_cast<int>(vlan), *ftag);
+    return 1;
+}
+
+static uint32_t gyre_cache_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *ftag)
+{
+    const gyre_cache_tpg_node_t *node = gyre_cache->vlans[vlan];
+    if (node == nullptr || ftag == nullptr)
+        return 0;
+    if (!lowest_ftag(node, [](const gyre_cache_ftag_entry_t &e) { return e.flags != 0; }, ftag))
+        return 0;
+    tarn_debug("%s() cache: Vlan: %d Ftag: %d", "gyre_cache_get_vlan_ftag",
+               static_cast<int>(vlan), *ftag);
+    return 1;
+}
+
+// The length word of the caller's bitmap is not written.
+static uint32_t gyre_cache_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans)
+{
+    const gyre_cache_tpg_node_t *owner = gyre_cache->ftags[ftag].owner;
+    if (owner == nullptr || vlans == nullptr)
+        return 0;
+    char text[255];
+    gyre_sprintf_vlan_range(&owner->vlans, text, sizeof text);
+    tarn_debug("Found Vlans [%s] for ftag %d tpg %lu", text, ftag,
+               static_cast<unsigned long>(owner->tpg_id));
+    memcpy(vlans->bits, owner->vlans.bits, GYRE_VLAN_BMP_BYTES);
+    return 1;
+}
+
+// ---- the exported queries --------------------------------------------------------
+
+TARN_API uint32_t gyre_get_ftag_l2_tpg(uint16_t ftag)
+{
+    if (!gyre::ensure_init() || ftag > GYRE_MAX_FTAG)
+        return GYRE_TPG_NONE;
+    if (gyre_cache_enabled && gyre_cache != nullptr)
+        return gyre_cache_get_ftag_l2_tpg(ftag);
+    uint8_t key[GYRE_KEY_SIZE];
+    gyre_make_ftag_tpg_key(key, ftag);
+    char what[32];
+    snprintf(what, sizeof what, "ftag %d", ftag);
+    const void *value = nullptr;
+    uint32_t len = 0, status = 0;
+    if (!gyre::read_key(key, &value, &len, what, "gyre_get_ftag_l2_tpg", &status))
+        return GYRE_TPG_NONE;
+    gyre_ftag_info_t info;
+    memset(&info, 0, sizeof info);
+    gyre_ftag_info_t *out = &info;
+    gyre_ftag_info_to_structure(&out, value, len);
+    return info.tpg_id & GYRE_TPG_ID_MASK;
+}
+
+TARN_API uint32_t gyre_get_vlan_l2_tpg(uint32_t vlan)
+{
+    if (!gyre::ensure_init() || vlan > GYRE_MAX_VLAN)
+        return GYRE_TPG_NONE;
+    if (gyre_cache_enabled && gyre_cache != nullptr)
+        return gyre_cache_get_vlan_l2_tpg(vlan);
+    uint8_t key[GYRE_KEY_SIZE];
+    gyre_make_vlan_tpg_key(key, vlan);
+    char what[32];
+    snprintf(what, sizeof what, "vlan %d", static_cast<int>(vlan));
+    const void *value = nullptr;
+    uint32_t len = 0, status = 0;
+    if (!gyre::read_key(key, &value, &len, what, "gyre_get_vlan_l2_tpg", &status))
+        return GYRE_TPG_NONE;
+    gyre_kvs_vlan_info_t info;
+    memset(&info, 0, sizeof info);
+    gyre_kvs_vlan_info_t *out = &info;
+    gyre_kvs_vlan_info_to_structure(&out, value, len);
+    return info.tpg_id & GYRE_TPG_ID_MASK;
+}
+
+TARN_API uint32_t gyre_get_l2_tpg_ftag(uint32_t tpg, uint16_t graph, uint16_t *ftag)
+{
+    static const char fn[] = "gyre_get_l2_tpg_ftag";
+    if (!gyre::ensure_init() || null_result(ftag, "ftag", fn))
+        return 0;
+    if (gyre_cache_enabled && gyre_cache != nullptr)
+        return gyre_cache_get_l2_tpg_ftag(tpg, graph, ftag);
+    uint8_t key[GYRE_KEY_SIZE];
+    gyre_make_tpg_ftag_key(key, tpg | GYRE_TPG_STORED_BITS, graph);
+    char what[64];
+    snprintf(what, sizeof what, "topology 0x%lx, graph id %d",
+             static_cast<unsigned long>(tpg), graph);
+    return read_tpg_ftag(key, ftag, what, fn) ? 1 : 0;
+}
+
+TARN_API uint32_t gyre_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag)
+{
+    static const char fn[] = "gyre_get_l2_tpg_unicast_ftag";
+    if (!gyre::ensure_init() || null_result(ftag, "ftag", fn))
+        return 0;
+    if (gyre_cache_enabled && gyre_cache != nullptr)
+        return gyre_cache_get_l2_tpg_unicast_ftag(tpg, ftag);
+    uint8_t key[GYRE_KEY_SIZE];
+    gyre_make_tpg_ftag_key_new(key, tpg | GYRE_TPG_STORED_BITS, GYRE_FTAG_FLAG_UNICAST, 1);
+    char what[32];
+    snprintf(what, sizeof what, "topology 0x%lx", static_cast<unsigned long>(tpg));
+    return read_tpg_ftag(key, ftag, what, fn) ? 1 : 0;
+}
+
+TARN_API uint32_t gyre_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans)
+{
+    if (!gyre::ensure_init() || null_result(vlans, "vlans", "gyre_get_ftag_vlans") ||
+        ftag > GYRE_MAX_FTAG)
+        return 0;
+    if (gyre_cache_enabled && gyre_cache != nullptr)
+        return gyre_cache_get_ftag_vlans(ftag, vlans);
+    const uint32_t tpg = gyre_get_ftag_l2_tpg(ftag);
+    if (tpg == GYRE_TPG_NONE)
+        return 0;
+    return gyre_get_l2_tpg_act_vlans(tpg, vlans);
+}
+
+TARN_API uint32_t gyre_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *ftag)
+{
+    if (!gyre::ensure_init() || null_result(ftag, "ftag", "gyre_get_unicast_ftag_by_vlan") ||
+        vlan > GYRE_MAX_VLAN)
+        return 0;
+    if (gyre_cache_enabled && gyre_cache != nullptr)
+        return gyre_cache_get_unicast_ftag_by_vlan(vlan, ftag);
+    const uint32_t tpg = gyre_get_vlan_l2_tpg(vlan);
+    if (tpg == GYRE_TPG_NONE)
+        return 0;
+    return gyre_get_l2_tpg_unicast_ftag(tpg, ftag);
+}
+
+TARN_API uint32_t gyre_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ftag)
+{
+    if (!gyre::ensure_init() || null_result(ftag, "ftag", "gyre_get_vlan_ftag") ||
+        vlan > GYRE_MAX_VLAN)
+        return 0;
+    if (gyre_cache_enabled && gyre_cache != nullptr)
+        return gyre_cache_get_vlan_ftag(vlan, graph, ftag);
+    const uint32_t tpg = gyre_get_vlan_l2_tpg(vlan);
+    if (tpg == GYRE_TPG_NONE)
+        return 0;
+    return gyre_get_l2_tpg_ftag(tpg, graph, ftag);
+}
+
+// ---- ftag walks over the database ----------------------------------------------------
+
+// A topology-ftag record passes when its flag byte carries every filter bit
+// and it belongs to `tpg` (0xFFFFFFFF: any topology).
+static bool ftag_matches(const kvs_datum_t &key, uint32_t tpg, uint32_t filter)
+{
+    if (key.data == nullptr || key.len < 11)
+        return false;
+    const uint8_t *k = static_cast<const uint8_t *>(key.data);
+    if (load32(k) != kKeyTpgFtag || (k[10] & filter) != filter)
+        return false;
+    return tpg == GYRE_TPG_NONE || load32(k + 4) == (tpg | GYRE_TPG_STORED_BITS);
+}
+
+static uint32_t walk_filter(bool have, uint32_t tpg, uint32_t filter, uint16_t *ftag,
+                            kvs_datum_t *key, kvs_datum_t *value)
+{
+    const char *db = gyre_kvs_handle->uri;
+    for (; have; have = kvs_getnext(db, key, value) == 0) {
+        if (ftag_matches(*key, tpg, filter) && value->len >= 2) {
+            *ftag = load16(value->data);
+            return 1;
+        }
+    }
+    return 0;
+}
+
+TARN_API uint32_t gyre_get_first_ftag_by_filter(uint32_t tpg, uint32_t filter, uint16_t *ftag)
+{
+    static const char fn[] = "gyre_get_first_ftag_by_filter";
+    if (!gyre::ensure_init() || gyre_kvs_handle == nullptr || null_result(ftag, "ftag", fn))
+        return 0;
+    *ftag = 0;
+    const uint32_t rc = kvs_iterator_init(gyre_kvs_handle->uri, nullptr, 1);
+    if (rc != 0) {
+        gyre::report_read_error("Failed to init KVS iterator", rc, fn);
+        return 0;
+    }
+    kvs_datum_t key, value;
+    const bool have = kvs_getkey(gyre_kvs_handle->uri, &key, &value) == 0;
+    return walk_filter(have, tpg, filter, ftag, &key, &value);
+}
+
+// Continues from wherever the last walk of the process left the iterator.
+TARN_API uint32_t gyre_get_next_ftag_by_filter(uint32_t tpg, uint32_t filter, uint16_t *ftag)
+{
+    if (!gyre::ensure_init() || gyre_kvs_handle == nullptr ||
+        null_result(ftag, "ftag", "gyre_get_next_ftag_by_filter"))
+        return 0;
+    kvs_datum_t key, value;
+    const bool have = kvs_getnext(gyre_kvs_handle->uri, &key, &value) == 0;
+    return walk_filter(have, tpg, filter, ftag, &key, &value);
+}
+
+#define GYRE_FILTER_WALK_(name, filter)                                          \
+    TARN_API uint32_t gyre_get_first_##name(uint16_t *ftag)                      \
+    {                                                                            \
+        return gyre_get_first_ftag_by_filter(GYRE_TPG_NONE, filter, ftag);       \
+    }                                                                            \
+    TARN_API uint32_t gyre_get_next_##name(uint16_t *ftag)                       \
+    {                                                                            \
+        return gyre_get_next_ftag_by_filter(GYRE_TPG_NONE, filter, ftag);        \
+    }
+GYRE_FILTER_WALK_(active_ftag, GYRE_FTAG_FLAG_ACTIVE)
+GYRE_FILTER_WALK_(multicast_ftag, GYRE_FTAG_FLAG_MULTICAST)
+GYRE_FILTER_WALK_(unicast_ftag, GYRE_FTAG_FLAG_UNICAST)
+#undef GYRE_FILTER_WALK_
+
+TARN_API uint32_t gyre_get_l2_tpg_first_active_multicast_ftag(uint32_t tpg, uint16_t *ftag)
+{
+    return gyre_get_first_ftag_by_filter(
+        tpg, GYRE_FTAG_FLAG_ACTIVE | GYRE_FTAG_FLAG_MULTICAST, ftag);
+}
+
+TARN_API uint32_t gyre_get_l2_tpg_next_active_multicast_ftag(uint32_t tpg, uint16_t *ftag)
+{
+    return gyre_get_next_ftag_by_filter(
+        tpg, GYRE_FTAG_FLAG_ACTIVE | GYRE_FTAG_FLAG_MULTICAST, ftag);
+}
+
+TARN_API uint32_t gyre_get_l2_tpg_first_multicast_ftag(uint32_t tpg, uint16_t *ftag)
+{
+    return gyre_get_first_ftag_by_filter(tpg, GYRE_FTAG_FLAG_MULTICAST, ftag);
+}
+
+TARN_API uint32_t gyre_get_l2_tpg_next_multicast_ftag(uint32_t tpg, uint16_t *ftag)
+{
+    return gyre_get_next_ftag_by_filter(tpg, GYRE_FTAG_FLAG_MULTICAST, ftag);
+}
+
+// All ftags of one topology, whatever their flags.  The record's topology
+// id stays as the caller set it.
+static uint32_t walk_topology(bool have, uint32_t tpg, gyre_ftag_info_t *info,
+                              kvs_datum_t *key, kvs_datum_t *value)
+{
+    const char *db = gyre_kvs_handle->uri;
+    for (; have; have = kvs_getnext(db, key, value) == 0) {
+        if (!ftag_matches(*key, tpg, 0) || tpg == GYRE_TPG_NONE || value->len < 2)
+            continue;
+        const uint8_t *k = static_cast<const uint8_t *>(key->data);
+        info->graph_id = load16(k + 8);
+        info->flags = k[10];
+        info->ftag = load16(value->data);
+        return 1;
+    }
+    return 0;
+}
+
+TARN_API uint32_t gyre_get_l2_tpg_first_ftag(uint32_t tpg, struct gyre_ftag_info *info)
+{
+    static const char fn[] = "gyre_get_l2_tpg_first_ftag";
+    if (!gyre::ensure_init() || gyre_kvs_handle == nullptr || null_result(info, "info", fn))
+        return 0;
+    const uint32_t rc = kvs_iterator_init(gyre_kvs_handle->uri, nullptr, 1);
+    if (rc != 0) {
+        gyre::report_read_error("Failed to init KVS iterator", rc, fn);
+        return 0;
+    }
+    kvs_datum_t key, value;
+    const bool have = kvs_getkey(gyre_kvs_handle->uri, &key, &value) == 0;
+    return walk_topology(have, tpg, info, &key, &value);
+}
+
+TARN_API uint32_t gyre_get_l2_tpg_next_ftag(uint32_t tpg, struct gyre_ftag_info *info)
+{
+    if (!gyre::ensure_init() || gyre_kvs_handle == nullptr ||
+        null_result(info, "info", "gyre_get_l2_tpg_next_ftag"))
+        return 0;
+    kvs_datum_t key, value;
+    const bool have = kvs_getnext(gyre_kvs_handle->uri, &key, &value) == 0;
+    return walk_topology(have, tpg, info, &key, &value);
+}
+
+}  // extern "C"
