@@ -93,6 +93,204 @@ typedef struct gyre_store_svr_ftag_data {/* 136 bytes */
     TARN_API uint32_t R##_to_structure(T **record, const void *tlv,          \
                                        uint32_t tlv_len);
 
+/* ---- Gyre record catalogue ---------------------------------------------- */
+
+extern TARN_API const tlvkit_table_t gyre_tpg_vlan_info_tbl;
+extern TARN_API const tlvkit_table_t gyre_if_vlan_info_tbl;
+extern TARN_API const tlvkit_table_t gyre_ftag_info_tbl;
+extern TARN_API const tlvkit_table_t gyre_kvs_vlan_info_tbl;
+/* The table of gyre_store_svr_ftag_data_t. */
+extern TARN_API const tlvkit_table_t gyre_store_ftag_data_tbl;
+
+/* R_tlvize encodes into the caller's buffer (flag 1) and returns 1 on
+ * success, 0 on failure (the opposite sense of R_to_tlv); R_to_structure is
+ * R_to_struct with flag 1; R_get_tlv_size is R_get_tlv_sz. */
+GYRE_RECORD_OPS(gyre_tpg_vlan_info, gyre_tpg_vlan_info_t)
+GYRE_RECORD_OPS(gyre_if_vlan_info, gyre_if_vlan_info_t)
+GYRE_RECORD_OPS(gyre_ftag_info, gyre_ftag_info_t)
+GYRE_RECORD_OPS(gyre_kvs_vlan_info, gyre_kvs_vlan_info_t)
+GYRE_RECORD_OPS(gyre_store_svr_ftag_data, gyre_store_svr_ftag_data_t)
+
+/* Topology id 0, empty name, bitmap length word 512 and no VLAN set. */
+TARN_API uint32_t gyre_tpg_vlan_info_default_init(gyre_tpg_vlan_info_t *r);
+/* Interface index 0, bitmap length word 512 and no VLAN set. */
+TARN_API uint32_t gyre_if_vlan_info_default_init(gyre_if_vlan_info_t *r);
+/* Both words 0 and an empty name. */
+TARN_API uint32_t gyre_kvs_vlan_info_default_init(gyre_kvs_vlan_info_t *r);
+/* Zero exactly `bytes` bytes of the record. */
+TARN_API uint32_t gyre_ftag_info_default_init(gyre_ftag_info_t *r, uint32_t bytes);
+TARN_API uint32_t gyre_store_ftag_data_default_init(gyre_store_svr_ftag_data_t *r,
+                                                    uint32_t bytes);
+
+/* Scratch buffer for callers' own TLV conversions; libtarn never uses it. */
+#define GYRE_TLV_BUF_SIZE 8192u
+extern TARN_API uint8_t gyre_tlv_buf[GYRE_TLV_BUF_SIZE];
+
+/* Ftag flag bits (filters pass a record when every filter bit is set). */
+#define GYRE_FTAG_FLAG_MULTICAST 0x02u
+#define GYRE_FTAG_FLAG_ACTIVE 0x04u
+#define GYRE_FTAG_FLAG_UNICAST 0x10u
+
+/* Bus opcodes of the Gyre client. */
+#define BUS_OPC_GYRE_TPG_CREATE 51208u     /* topology created            */
+#define BUS_OPC_GYRE_TPG_DELETE 51210u     /* topology deleted            */
+#define BUS_OPC_GYRE_TPG_VLANS 51214u      /* topology VLAN sets changed  */
+#define BUS_OPC_GYRE_FTAG_UPDATE 51215u    /* ftags created/updated/deleted */
+#define BUS_OPC_GYRE_FTAG_NOTICE 51223u    /* converge / stale notice     */
+#define GYRE_SAP 365u                      /* the Gyre service's access point */
+
+/* Reasons of an ftag-update entry. */
+#define GYRE_FTAG_INVALID_REASON 0u
+#define GYRE_FTAG_CREATE 1u
+#define GYRE_FTAG_UPDATE 2u
+#define GYRE_FTAG_DELETE 3u
+
+/* Cache dump (attribute-change kind 4) response statuses. */
+#define GYRE_CACHE_DUMP_NONE 0u
+#define GYRE_CACHE_DUMP_MORE 2u
+#define GYRE_CACHE_DUMP_END 3u
+#define GYRE_CACHE_DUMP_PAGE 16u
+#define GYRE_CACHE_DUMP_RECORD_SIZE 656u
+#define GYRE_CACHE_DUMP_HEADER_SIZE 12u
+
+struct bus_msg;
+
+/* The attribute block given to gyre_enable_cache_mode: its first field is
+ * the caller's bus handle. */
+typedef struct gyre_cache_attr {
+    uint32_t bus_handle;
+} gyre_cache_attr_t;
+
+/* ---- initialisation and registration ------------------------------------ */
+
+/* Open the Gyre database of this device (lazily done by every query). */
+TARN_API uint32_t gyre_api_init(void);
+/* Mark the Gyre side initialised without opening anything (service
+ * processes that hold the data themselves). */
+TARN_API uint32_t gyre_api_init_internal(void);
+/* Subscribe the bus handle to the Gyre notifications; initialises first.
+ * 1 when the last subscription succeeded. */
+TARN_API uint32_t gyre_register(uint32_t bus_handle);
+/* Clear the subscriptions; the last option change's result (0: success). */
+TARN_API uint32_t gyre_deregister(uint32_t bus_handle);
+/* For processes that use the Gyre client alone: tarn_dispatch(msg) while
+ * the cache is on; otherwise answers a dump request and returns -1. */
+TARN_API int32_t gyre_dispatch(struct bus_msg *msg);
+/* Cache off, subscriptions cleared, database closed. */
+TARN_API void gyre_api_close(void);
+/* Gyre's debug switch (kind 2; shares the library's debug flag). */
+TARN_API uint32_t gyre_api_debug(void *handle, uint32_t enable);
+
+/* ---- the client cache ------------------------------------------------------ */
+
+/* Turn the cache on (registering first) and build it from the database.
+ * 1 when it is on afterwards. */
+TARN_API uint32_t gyre_enable_cache_mode(const gyre_cache_attr_t *attr);
+/* Turn it off and free it.  Always 1. */
+TARN_API uint32_t gyre_disable_cache_mode(void);
+/* Apply one received message (opcodes 51208 to 51215): 0, or -1 when the
+ * opcode is not the cache's. */
+TARN_API int32_t gyre_dispatch_internal(struct bus_msg *msg);
+/* Ftag notices to the Gyre service: converge, or a topology gone stale.
+ * 1 when sent. */
+TARN_API uint32_t gyre_ftag_converge(void);
+TARN_API uint32_t gyre_ftag_stale(uint32_t tpg);
+
+/* Cache primitives. */
+TARN_API uint32_t gyre_cache_get_topo_info(uint32_t tpg, gyre_vlan_bmp_t *vlans,
+                                           gyre_ftag_bmp_t *ftags);
+TARN_API uint32_t gyre_cache_delete_topo_ftag(const struct bus_msg *msg);
+TARN_API void gyre_cache_delete_info(void);
+/* Topology id of a decimal name, or 0xFFFFFFFF. */
+TARN_API uint32_t gyre_l2_tpg_name2id(const char *name);
+/* Text of an ftag-update reason. */
+TARN_API const char *gyre_ftag_reason2str(uint32_t reason);
+
+/* 40-byte database keys (numbers in host byte order). */
+TARN_API void gyre_make_tpg_ftag_key(uint8_t *key, uint32_t tpg, uint16_t graph);
+TARN_API void gyre_make_tpg_ftag_key_new(uint8_t *key, uint32_t tpg, uint8_t flags,
+                                         uint16_t graph);
+TARN_API void gyre_make_vlan_tpg_key(uint8_t *key, uint32_t vlan);
+TARN_API void gyre_make_ftag_tpg_key(uint8_t *key, uint16_t ftag);
+TARN_API void gyre_make_if_vlans_key(uint8_t *key, uint32_t ifindex, uint32_t type);
+TARN_API void gyre_make_tpg_vlans_key(uint8_t *key, const char *name, uint32_t type);
+
+/* ---- queries (from the cache when it is on, else the database) ---------- */
+
+/* Owner topology of an ftag (0-1023) or a VLAN (0-4095), or 0xFFFFFFFF. */
+TARN_API uint32_t gyre_get_ftag_l2_tpg(uint16_t ftag);
+TARN_API uint32_t gyre_get_vlan_l2_tpg(uint32_t vlan);
+/* The topology's ftag for a graph, or its unicast ftag: 1 when found. */
+TARN_API uint32_t gyre_get_l2_tpg_ftag(uint32_t tpg, uint16_t graph, uint16_t *ftag);
+TARN_API uint32_t gyre_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag);
+/* The VLANs that ride on an ftag. */
+TARN_API uint32_t gyre_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans);
+/* The ftag of a VLAN's topology for a graph, or its unicast ftag. */
+TARN_API uint32_t gyre_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *ftag);
+TARN_API uint32_t gyre_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ftag);
+
+/* Ftag walks over the database (one walk at a time per process). */
+TARN_API uint32_t gyre_get_first_ftag_by_filter(uint32_t tpg, uint32_t filter,
+                                                uint16_t *ftag);
+TARN_API uint32_t gyre_get_next_ftag_by_filter(uint32_t tpg, uint32_t filter,
+                                               uint16_t *ftag);
+TARN_API uint32_t gyre_get_first_active_ftag(uint16_t *ftag);
+TARN_API uint32_t gyre_get_next_active_ftag(uint16_t *ftag);
+TARN_API uint32_t gyre_get_first_multicast_ftag(uint16_t *ftag);
+TARN_API uint32_t gyre_get_next_multicast_ftag(uint16_t *ftag);
+TARN_API uint32_t gyre_get_first_unicast_ftag(uint16_t *ftag);
+TARN_API uint32_t gyre_get_next_unicast_ftag(uint16_t *ftag);
+TARN_API uint32_t gyre_get_l2_tpg_first_active_multicast_ftag(uint32_t tpg, uint16_t *ftag);
+TARN_API uint32_t gyre_get_l2_tpg_next_active_multicast_ftag(uint32_t tpg, uint16_t *ftag);
+TARN_API uint32_t gyre_get_l2_tpg_first_multicast_ftag(uint32_t tpg, uint16_t *ftag);
+TARN_API uint32_t gyre_get_l2_tpg_next_multicast_ftag(uint32_t tpg, uint16_t *ftag);
+/* All ftags of one topology; fills graph, ftag and flags of `info`. */
+TARN_API uint32_t gyre_get_l2_tpg_first_ftag(uint32_t tpg, struct gyre_ftag_info *info);
+TARN_API uint32_t gyre_get_l2_tpg_next_ftag(uint32_t tpg, struct gyre_ftag_info *info);
+
+/* Interface VLANs (a port-channel member reports its port-channel's). */
+TARN_API uint32_t gyre_get_if_vlans(uint32_t iod, gyre_vlan_bmp_t *vlans, uint32_t type);
+TARN_API uint32_t gyre_get_if_act_vlans(uint32_t ifindex, gyre_vlan_bmp_t *vlans);
+TARN_API uint32_t gyre_get_if_cfg_vlans(uint32_t ifindex, gyre_vlan_bmp_t *vlans);
+TARN_API uint32_t gyre_get_if_act_vlans_iod(uint32_t iod, gyre_vlan_bmp_t *vlans);
+TARN_API uint32_t gyre_get_if_cfg_vlans_iod(uint32_t iod, gyre_vlan_bmp_t *vlans);
+/* Topology VLANs by name (the decimal id) or id. */
+TARN_API uint32_t gyre_get_l2_tpg_vlans(const char *name, gyre_vlan_bmp_t *vlans,
+                                        uint32_t type);
+TARN_API uint32_t gyre_get_l2_tpg_act_vlans(uint32_t tpg, gyre_vlan_bmp_t *vlans);
+TARN_API uint32_t gyre_get_l2_tpg_act_vlans_by_name(const char *name,
+                                                    gyre_vlan_bmp_t *vlans);
+TARN_API uint32_t gyre_get_l2_tpg_cfg_vlans_by_name(const char *name,
+                                                    gyre_vlan_bmp_t *vlans);
+/* Walk the layer-2 topologies (0xFFFFFFFF at the end). */
+TARN_API uint32_t gyre_get_first_l2_tpg(tarn_table_info_t *info);
+TARN_API uint32_t gyre_get_next_l2_tpg(tarn_table_info_t *info);
+/* Walk the topologies of one interface. */
+TARN_API uint32_t gyre_get_next_if_table_info(uint32_t ifindex, uint32_t first,
+                                              tarn_table_info_t *info);
+TARN_API uint32_t gyre_get_if_l2_tpg_info(uint32_t ifindex, const char *name,
+                                          tarn_table_info_t *info);
+
+/* ---- VLAN-set text --------------------------------------------------------- */
+
+/* "1-3,5,10-11" in a static scratch string overwritten by the next call, or
+ * "--" for an empty set. */
+TARN_API const char *gyre_vlans2str(const void *vlans);
+TARN_API const char *gyre_ftag2str(const void *ftags);
+/* "1-3 5 10-11 " into buf; the number of characters written. */
+TARN_API int32_t gyre_sprintf_vlan_range(const void *vlans, char *buf, uint32_t size);
+TARN_API extern char gyre_scratch_bmp_str[2098];
+TARN_API extern char gyre_scratch_bmp_str2[2098];
+
+/* ---- cache dump --------------------------------------------------------------- */
+
+/* Fetch another process's cache page by page over the bus and print it on
+ * standard output.  0 on success. */
+TARN_API uint32_t gyre_client_dbg_print_cache(uint32_t bus_handle, uint32_t dest_a,
+                                              uint32_t dest_b);
+/* Serve a dump request: -1 for a message that is not one, else 1. */
+TARN_API int32_t gyre_dump_cache_info(uint32_t bus_handle, struct bus_msg *msg);
+
 #ifdef __cplusplus
 }
 #endif

@@ -181,6 +181,43 @@ TARN_API uint32_t tarn_featsrv_kvs_init(void);
 TARN_API void tarn_featsrv_kvs_close(void);
 
 /* ------------------------------------------------------------------------ */
+/* Registration, client cache mode, AS-number display format                 */
+
+struct bus_msg;
+
+/* Record the caller's bus handle and subscribe it to the registration
+ * opcode; registers before initialising when needed.  1 when the handle was
+ * recorded and its option set; 0 otherwise (an all-ones handle changes
+ * nothing).  A failed option change is reported but still registers. */
+TARN_API uint32_t tarn_register(uint32_t bus_handle);
+/* Leave cache mode and clear the registration option.  1 when a handle was
+ * registered for the cell. */
+TARN_API uint32_t tarn_deregister(void);
+
+/* Hand one received bus message to the library: the Gyre side looks first,
+ * then Tarn's own attribute change.  -1 when the process is not registered
+ * or no handler took the message (the caller keeps it), 0 outside cell 1,
+ * else the handler's result (1: handled, and the message dropped). */
+TARN_API int32_t tarn_dispatch(struct bus_msg *msg);
+
+/* 1 while client cache mode is on. */
+TARN_API uint32_t tarn_cache_is_enabled(void);
+/* Turn cache mode on (registered clients only) and track `features` (bit 0:
+ * the AS-number display format).  1 on success. */
+TARN_API uint32_t tarn_enable_cache_mode(uint32_t features);
+/* Turn cache mode off.  1 (also when it was off); 0 outside cell 1. */
+TARN_API uint32_t tarn_disable_cache_mode(void);
+
+/* The cached AS-number display format while cache mode is on, else 1. */
+TARN_API uint32_t tarn_get_as_format(void);
+/* tarn_enable_cache_mode(1). */
+TARN_API uint32_t tarn_track_as_format(void);
+/* Read the format from the database into the cache; 1 when valid after. */
+TARN_API uint32_t tarn_refresh_as_format_info(void);
+/* 1 when `msg` is an attribute change of kind 1 (AS format). */
+TARN_API uint32_t tarn_is_msg_asformat_update(const struct bus_msg *msg);
+
+/* ------------------------------------------------------------------------ */
 /* Log catalogue                                                             */
 
 /* The catalogue's records are exported as data for the platform's logging
@@ -335,6 +372,128 @@ typedef struct tarn_store_kvs_ctx_data { /* 4 bytes, count x 188 bytes follow */
 } tarn_store_kvs_ctx_data_t;
 
 /* ------------------------------------------------------------------------ */
+/* Queries                                                                   */
+/*
+ * Every query answers from one keyed read (two for the composed ones) of
+ * the cell's shared database; absence is an ordinary answer and is never
+ * reported.  Before initialisation a query reports TARN_LIBINIT with its
+ * label and fails.  Result records are filled only on success, except that
+ * a failed conversion may leave one partly written.  A null result pointer
+ * is reported as TARN_LIB_INVALID_ARG and fails.
+ */
+
+/* Database key kinds (the first word of the 48-byte big-endian key). */
+#define TARN_KVS_KIND_CONTEXT_NAME 1u
+#define TARN_KVS_KIND_TABLE_ID 2u
+#define TARN_KVS_KIND_CONTEXT_INFO 3u
+#define TARN_KVS_KIND_TABLE_INFO 4u
+#define TARN_KVS_KIND_IF_CONTEXT 5u
+#define TARN_KVS_KIND_IF_TOPOLOGY 6u
+#define TARN_KVS_KIND_VPNID 7u
+#define TARN_KVS_KIND_SOO 8u
+#define TARN_KVS_KIND_RT_LIMITS 9u
+#define TARN_KVS_KIND_AS_FORMAT 10u
+#define TARN_KVS_KEY_SIZE 48u
+
+/* An interface's context. */
+typedef struct tarn_if_context_info {
+    uint32_t context_id;             /* 0 when the name has no id record */
+    char context_name[TARN_NAME_SIZE];
+} tarn_if_context_info_t;
+
+/* A table's route limits as handed to the caller. */
+typedef struct tarn_rt_limits {
+    uint32_t table_id;               /* the table asked for              */
+    uint32_t limit1;                 /* the stored first limit word      */
+    uint32_t limit3;                 /* the stored third limit word      */
+    uint8_t setting1;
+    uint8_t setting2;
+} tarn_rt_limits_t;
+
+/* Context id of `name` (cut to 32 characters; null reads the empty name),
+ * or 0. */
+TARN_API uint32_t tarn_get_context_id(const char *name);
+/* Fill `info` with context `context_id`; 1 when found.  Id 0 gives 0 at
+ * once. */
+TARN_API uint32_t tarn_get_context_info(uint32_t context_id,
+                                        tarn_context_info_t *info);
+/* The context's name, or "<unknown>", in `buf` (33 bytes) or, when null, in
+ * this operation's own static buffer.  Never null. */
+TARN_API char *tarn_get_context_name(uint32_t context_id, char *buf);
+/* The next context after `context_id` (0 to begin) in ascending id order,
+ * with `info` filled; 0 at the end.  "l2-vrf" is never returned.  Walks of
+ * one database must not be interleaved. */
+TARN_API uint32_t tarn_get_next_context_info(uint32_t context_id,
+                                             tarn_context_info_t *info);
+
+/* Table id registered under (context id, address family, name), or 0. */
+TARN_API uint32_t tarn_get_table_id(uint32_t context_id, uint32_t af,
+                                    const char *table_name);
+TARN_API uint32_t tarn_context_get_table_id(const char *context_name,
+                                            uint32_t af,
+                                            const char *table_name);
+TARN_API uint32_t tarn_if_get_table_id(uint32_t ifindex, uint32_t af,
+                                       const char *table_name);
+/* Fill `info` with table `table_id`; 1 when found. */
+TARN_API uint32_t tarn_get_table_info(uint32_t table_id,
+                                      tarn_table_info_t *info);
+/* The table's name, or "<unknown>"; buffer rules as tarn_get_context_name. */
+TARN_API char *tarn_get_table_name(uint32_t table_id, char *buf);
+/* The table's name into the FIRST buffer and its context's name into the
+ * SECOND ("<unknown>" where not found); 1 when both were found. */
+TARN_API uint32_t tarn_get_vrf_name_table_name(uint32_t table_id,
+                                               char *table_name_buf,
+                                               char *vrf_name_buf);
+
+/* The interface's context; 1 when known.  Every interface is in "default"
+ * (id 1) when the cell manager names this cell; the management interface is
+ * always in "management". */
+TARN_API uint32_t tarn_if_get_context_info(uint32_t ifindex,
+                                           tarn_if_context_info_t *info);
+TARN_API uint32_t tarn_is_if_cli_ready(uint32_t ifindex);
+TARN_API char *tarn_if_get_context_name(uint32_t ifindex, char *buf);
+TARN_API uint32_t tarn_if_get_context_id(uint32_t ifindex);
+/* 1 when the interface's context exists and is Up. */
+TARN_API uint32_t tarn_is_if_usable(uint32_t ifindex);
+/* The next interface after `ifindex` (0 to begin) that has a context
+ * record, in ascending ifindex order, optionally only those of context
+ * `context_name`; 0 at the end. */
+TARN_API uint32_t tarn_get_next_if_context_info(uint32_t ifindex,
+                                                const char *context_name,
+                                                tarn_if_context_info_t *info);
+
+/* Route limits of a table (the stored second word is not handed out). */
+TARN_API uint32_t tarn_get_rt_limits_info(uint32_t table_id,
+                                          tarn_rt_limits_t *limits);
+/* Site-of-origin of an interface. */
+TARN_API uint32_t tarn_get_if_soo_info(uint32_t ifindex,
+                                       tarn_soo_info_t *soo_info);
+/* VPN id of a VRF (null reads the empty name). */
+TARN_API uint32_t tarn_get_context_vpnid(const char *vrf_name,
+                                         tarn_vpnid_info_t *vpnid);
+
+/* Tell the Tarn service that a protocol's configuration changed (the only
+ * operation that writes).  `type` 1 to 64; `context` required; `name` may be
+ * null; `entries` holds `count` words.  1 when handed to the bus.  Needs a
+ * registered process, not the database. */
+TARN_API uint32_t tarn_send_protocol_config_change_msg(uint32_t type,
+                                                       const char *name,
+                                                       uint32_t param,
+                                                       const char *context,
+                                                       uint16_t count,
+                                                       const uint32_t *entries);
+
+/* The configuration-change payload (host byte order). */
+typedef struct tarn_protocol_config {
+    uint32_t type;
+    uint32_t param;
+    char name[TARN_NAME_SIZE];
+    char context[TARN_NAME_SIZE];
+    uint16_t count;
+    uint32_t entries[];
+} tarn_protocol_config_t;
+
+/* ------------------------------------------------------------------------ */
 /* Record operation family                                                   */
 /*
  * For every record type with operation prefix R and descriptor table R_tbl
@@ -365,6 +524,107 @@ typedef struct tarn_store_kvs_ctx_data { /* 4 bytes, count x 188 bytes follow */
                         uint32_t a, uint32_t *b, uint32_t flag);             \
     TARN_API uint32_t R##_to_struct(T **record, const void *tlv, uint32_t tlv_len,    \
                            uint32_t flag);
+
+/* ------------------------------------------------------------------------ */
+/* Tarn record catalogue                                                     */
+/*
+ * Descriptor tables (constant; the wire contract of each record) and the
+ * operation family of every Tarn record type.  Default initialisers write
+ * the record's defaults and return 0; a null record is accepted.  Those with
+ * a byte count zero exactly that many bytes of the record and nothing else.
+ */
+extern TARN_API const tlvkit_table_t tarn_store_if_data_tbl;
+extern TARN_API const tlvkit_table_t tarn_store_svr_data_tbl;
+extern TARN_API const tlvkit_table_t tarn_store_vrf_data_tbl;
+extern TARN_API const tlvkit_table_t tarn_table_info_tbl;
+extern TARN_API const tlvkit_table_t tarn_context_info_tbl;
+extern TARN_API const tlvkit_table_t tarn_vname_tbl;
+extern TARN_API const tlvkit_table_t tarn_tname_tbl;
+extern TARN_API const tlvkit_table_t tarn_if_table_info_tbl;
+extern TARN_API const tlvkit_table_t tarn_soo_info_tbl;
+extern TARN_API const tlvkit_table_t tarn_vpnid_info_tbl;
+extern TARN_API const tlvkit_table_t tarn_rt_limits_info_tbl;
+extern TARN_API const tlvkit_table_t tarn_as_format_tbl;
+extern TARN_API const tlvkit_table_t tarn_store_data_tbl;
+extern TARN_API const tlvkit_table_t tarn_store_tib_data_tbl;
+extern TARN_API const tlvkit_table_t tarn_tlv_if_data_tbl;
+extern TARN_API const tlvkit_table_t tarn_store_if_kvs_data_tbl;
+extern TARN_API const tlvkit_table_t tarn_store_cfg_tbl;
+extern TARN_API const tlvkit_table_t tarn_store_kvs_ctx_data_tbl;
+
+TARN_RECORD_OPS(tarn_store_if_data, tarn_store_if_data_t)
+TARN_RECORD_OPS(tarn_store_svr_data, tarn_store_svr_data_t)
+TARN_RECORD_OPS(tarn_store_vrf_data, tarn_store_vrf_data_t)
+TARN_RECORD_OPS(tarn_table_info, tarn_table_info_t)
+TARN_RECORD_OPS(tarn_context_info, tarn_context_info_t)
+TARN_RECORD_OPS(tarn_vname, tarn_vname_t)
+TARN_RECORD_OPS(tarn_tname, tarn_tname_t)
+TARN_RECORD_OPS(tarn_if_table_info, tarn_if_table_info_t)
+TARN_RECORD_OPS(tarn_soo_info, tarn_soo_info_t)
+TARN_RECORD_OPS(tarn_vpnid_info, tarn_vpnid_info_t)
+TARN_RECORD_OPS(tarn_rt_limits_info, tarn_tib_rt_limits_t)
+TARN_RECORD_OPS(tarn_as_format, tarn_as_format_t)
+TARN_RECORD_OPS(tarn_store_data, tarn_store_data_t)
+TARN_RECORD_OPS(tarn_store_tib_data, tarn_store_tib_data_t)
+TARN_RECORD_OPS(tarn_tlv_if_data, tarn_tlv_if_data_t)
+TARN_RECORD_OPS(tarn_store_if_kvs_data, tarn_store_if_kvs_data_t)
+TARN_RECORD_OPS(tarn_store_cfg, tarn_store_cfg_t)
+TARN_RECORD_OPS(tarn_store_kvs_ctx_data, tarn_store_kvs_ctx_data_t)
+
+/* Zeroes the five words; both strings keep what the memory held. */
+TARN_API uint32_t tarn_store_if_data_default_init(tarn_store_if_data_t *r);
+/* Zeroes the words of ids 1, 2 and 4; the word of id 3 is left as it is. */
+TARN_API uint32_t tarn_store_svr_data_default_init(tarn_store_svr_data_t *r);
+/* Zeroes the whole record, then sets the word of id 4 to 1. */
+TARN_API uint32_t tarn_store_vrf_data_default_init(tarn_store_vrf_data_t *r);
+/* All words 0, empty name. */
+TARN_API uint32_t tarn_table_info_default_init(tarn_table_info_t *r);
+/* Zeroes the first nine bytes: both words and the name's first byte. */
+TARN_API uint32_t tarn_context_info_default_init(tarn_context_info_t *r);
+/* Empty name. */
+TARN_API uint32_t tarn_vname_default_init(tarn_vname_t *r);
+/* Empty name (only the byte at offset 8 is written). */
+TARN_API uint32_t tarn_tname_default_init(tarn_tname_t *r);
+/* Words 0 except the word of id 2 (1); the word of id 4 is not written. */
+TARN_API uint32_t tarn_if_table_data_default_init(tarn_if_table_info_t *r);
+TARN_API uint32_t tarn_soo_info_default_init(tarn_soo_info_t *r, uint32_t bytes);
+TARN_API uint32_t tarn_vpnid_info_default_init(tarn_vpnid_info_t *r, uint32_t bytes);
+TARN_API uint32_t tarn_rt_limits_info_default_init(tarn_tib_rt_limits_t *r, uint32_t bytes);
+TARN_API uint32_t tarn_as_format_default_init(tarn_as_format_t *r, uint32_t bytes);
+TARN_API uint32_t tarn_store_data_default_init(tarn_store_data_t *r, uint32_t bytes);
+TARN_API uint32_t tarn_store_tib_data_default_init(tarn_store_tib_data_t *r, uint32_t bytes);
+/* These two write nothing. */
+TARN_API uint32_t tarn_tlv_if_data_default_init(tarn_tlv_if_data_t *r);
+TARN_API uint32_t tarn_store_if_kvs_data_default_init(tarn_store_if_kvs_data_t *r);
+
+/* Custom-field callbacks of the variable-length store records (the table
+ * entries of tarn_store_cfg_tbl and tarn_store_data_tbl).  Encoders return
+ * 0, 73 (TLVKIT_CB_NULL_ARG) for a missing pointer or 1 (TLVKIT_CB_NOMEM)
+ * when out of memory; decoders 0 or 73.
+ *
+ * tarn_store_cfg_t: the data bytes that follow the length word, handed out
+ * in place (allocated flag 0); the decoder copies exactly `len` bytes after
+ * the destination's length word, which must have room for them. */
+TARN_API uint32_t tarn_store_cfg_data_to_tlv(const void *record, uint32_t unused,
+                                             void **data, uint32_t *len,
+                                             uint32_t *allocated);
+TARN_API uint32_t tarn_store_cfg_data_to_struct(void *record, const void *data,
+                                                uint32_t len);
+TARN_API uint32_t tarn_store_cfg_tlv_data_sz(const void *record);
+/* tarn_store_data_t: a 4-byte prefix word followed by the encoded sub-record
+ * of kinds 1 to 3, in a buffer from tlvkit_malloc (allocated flag 1); no
+ * data for other kinds.  The prefix is the union's first word; the decoder
+ * reads it back as the kind selector. */
+TARN_API uint32_t tarn_store_data_info_struct_to_tlv(const void *record,
+                                                     uint32_t unused, void **data,
+                                                     uint32_t *len,
+                                                     uint32_t *allocated);
+TARN_API uint32_t tarn_store_data_info_tlv_to_struct(void *record, const void *data,
+                                                     uint32_t len);
+TARN_API uint32_t tarn_store_data_info_get_tlv_data_sz(const void *record);
+
+/* Encoded size of a tarn_store_cfg_t whose length word is 0. */
+TARN_API uint32_t tarn_empty_store_cfg_get_tlv_size(void);
 
 #ifdef __cplusplus
 }
