@@ -1,0 +1,343 @@
+// Message bus cost between two processes, each figure beside a bare
+// Unix-domain datagram exchange of the same size in the same run:
+//
+//  BM_BusNotifyLatency     one-way publish -> recv latency of a 28-byte
+//                          notification (p50, p99), paced by a ping-pong so
+//                          that no queue builds up;
+//  BM_BusNotifyThroughput  sustained notifications per second into one
+//                          subscriber in another process.
+//
+// One-way latency is measured with CLOCK_MONOTONIC, which both processes
+// share: the echoing process stamps the notification just before it sends,
+// the benchmark process reads the clock just after it has received.
+
+#include <errno.h>
+#include <signal.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "host/tarnhost.h"
+#include "host/tarnhost_bus.h"
+#include "platform/bus.h"
+
+namespace {
+
+constexpr uint32_t kPing = 62001;
+constexpr uint32_t kPong = 62002;
+constexpr uint32_t kData = 62003;
+constexpr uint32_t kEnd = 62004;
+constexpr uint32_t kStop = 62005;
+constexpr uint32_t kNoteLen = 28;
+constexpr int kBatch = 1000;
+
+uint64_t now_ns()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u +
+           static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// A private device for one benchmark run.
+struct Device {
+    std::string root;
+    Device()
+    {
+        char tmpl[] = "/tmp/tarnbench.XXXXXX";
+        root = mkdtemp(tmpl);
+        setenv("TARNHOST_ROOT", root.c_str(), 1);
+        tarnhost_root_prepare();
+    }
+    ~Device()
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(root, ec);
+    }
+};
+
+// The echoing bus process: answers kPing with a stamped kPong, counts kData
+// until kEnd and then publishes the count, and leaves on kStop.
+pid_t spawn_bus_peer(int ready_fd)
+{
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    uint32_t h = bus_bind(0, -1, nullptr, "bench peer");
+    tarnhost_bus_subscribe(h, kPing, 1);
+    tarnhost_bus_subscribe(h, kData, 1);
+    tarnhost_bus_subscribe(h, kEnd, 1);
+    tarnhost_bus_subscribe(h, kStop, 1);
+    char one = 1;
+    if (write(ready_fd, &one, 1) != 1)
+        _exit(1);
+    uint32_t count = 0;
+    for (;;) {
+        bus_msg_t *m = tarnhost_bus_recv_ms(h, 30000);
+        if (m == nullptr)
+            _exit(2);
+        uint32_t opc = bus_opc_get(m);
+        bus_drop(h, m);
+        if (opc == kStop)
+            break;
+        unsigned char note[kNoteLen] = {};
+        if (opc == kPing) {
+            uint64_t t = now_ns();
+            memcpy(note, &t, sizeof t);
+            tarnhost_bus_publish(h, kPong, note, kNoteLen);
+        } else if (opc == kData) {
+            ++count;
+        } else if (opc == kEnd) {
+            memcpy(note, &count, sizeof count);
+            count = 0;
+            tarnhost_bus_publish(h, kPong, note, kNoteLen);
+        }
+    }
+    bus_unbind(h);
+    _exit(0);
+}
+
+// The same peer on bare datagram sockets bound under the root.  The first
+// byte of a datagram tells its kind, as the opcode does on the bus.
+pid_t spawn_bare_peer(const std::string &mine, const std::string &theirs,
+                      int ready_fd)
+{
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un self{}, peer{};
+    self.sun_family = peer.sun_family = AF_UNIX;
+    strncpy(self.sun_path, mine.c_str(), sizeof self.sun_path - 1);
+    strncpy(peer.sun_path, theirs.c_str(), sizeof peer.sun_path - 1);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&self), sizeof self) != 0)
+        _exit(1);
+    char one = 1;
+    if (write(ready_fd, &one, 1) != 1)
+        _exit(1);
+    uint32_t count = 0;
+    unsigned char buf[kNoteLen];
+    for (;;) {
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n <= 0)
+            _exit(2);
+        if (buf[0] == 's')
+            break;
+        unsigned char note[kNoteLen] = {};
+        if (buf[0] == 'p') {
+            uint64_t t = now_ns();
+            memcpy(note, &t, sizeof t);
+        } else if (buf[0] == 'd') {
+            ++count;
+            continue;
+        } else {
+            memcpy(note, &count, sizeof count);
+            count = 0;
+        }
+        sendto(fd, note, kNoteLen, 0, reinterpret_cast<sockaddr *>(&peer),
+               sizeof peer);
+    }
+    _exit(0);
+}
+
+struct Peers {
+    Device dev;
+    uint32_t h = BUS_HANDLE_NONE;
+    int bare = -1;
+    sockaddr_un bare_peer{};
+    pid_t bus_pid = -1;
+    pid_t bare_pid = -1;
+
+    bool up()
+    {
+        int pfd[2];
+        if (pipe(pfd) != 0)
+            return false;
+        std::string mine = dev.root + "/bare.bench";
+        std::string theirs = dev.root + "/bare.peer";
+        bus_pid = spawn_bus_peer(pfd[1]);
+        bare_pid = spawn_bare_peer(theirs, mine, pfd[1]);
+        char c;
+        bool ok = read(pfd[0], &c, 1) == 1 && read(pfd[0], &c, 1) == 1;
+        close(pfd[0]);
+        close(pfd[1]);
+        h = bus_bind(0, -1, nullptr, "bench");
+        ok = ok && h != BUS_HANDLE_NONE &&
+             tarnhost_bus_subscribe(h, kPong, 1) == 0;
+        bare = socket(AF_UNIX, SOCK_DGRAM, 0);
+        sockaddr_un self{};
+        self.sun_family = bare_peer.sun_family = AF_UNIX;
+        strncpy(self.sun_path, mine.c_str(), sizeof self.sun_path - 1);
+        strncpy(bare_peer.sun_path, theirs.c_str(),
+                sizeof bare_peer.sun_path - 1);
+        ok = ok && bind(bare, reinterpret_cast<sockaddr *>(&self),
+                        sizeof self) == 0;
+        return ok;
+    }
+
+    ~Peers()
+    {
+        tarnhost_bus_publish(h, kStop, nullptr, 0);
+        unsigned char stop[kNoteLen] = {'s'};
+        bare_send(stop);
+        for (pid_t pid : {bus_pid, bare_pid}) {
+            if (pid <= 0)
+                continue;
+            int st;
+            for (int i = 0; i < 200 && waitpid(pid, &st, WNOHANG) == 0; ++i)
+                usleep(10000);
+            kill(pid, SIGKILL);
+            waitpid(pid, &st, 0);
+        }
+        bus_unbind(h);
+        if (bare >= 0)
+            close(bare);
+    }
+
+    void bare_send(const unsigned char *note)
+    {
+        sendto(bare, note, kNoteLen, 0,
+               reinterpret_cast<sockaddr *>(&bare_peer), sizeof bare_peer);
+    }
+
+    // The 28-byte answer from the bus peer, copied into out.
+    bool bus_answer(unsigned char *out)
+    {
+        bus_msg_t *m = tarnhost_bus_recv_ms(h, 5000);
+        if (m == nullptr)
+            return false;
+        uint32_t len = 0;
+        const void *p = bus_payload_get(m, &len);
+        bool ok = len == kNoteLen;
+        if (ok)
+            memcpy(out, p, kNoteLen);
+        bus_drop(h, m);
+        return ok;
+    }
+
+    bool bare_answer(unsigned char *out)
+    {
+        pollfd pf{bare, POLLIN, 0};
+        recv(bare, out, kNoteLen, MSG_DONTWAIT);
+        poll(&pf, 1, 5000);
+        return recv(bare, out, kNoteLen, 0) == kNoteLen;
+    }
+};
+
+double percentile(std::vector<double> &v, double q)
+{
+    if (v.empty())
+        return 0;
+    size_t i = static_cast<size_t>(q * static_cast<double>(v.size() - 1));
+    std::nth_element(v.begin(), v.begin() + static_cast<ptrdiff_t>(i),
+                     v.end());
+    return v[i];
+}
+
+void BM_BusNotifyLatency(benchmark::State &state)
+{
+    Peers peers;
+    if (!peers.up()) {
+        state.SkipWithError("could not start the peers");
+        return;
+    }
+    std::vector<double> bus_us, bare_us;
+    unsigned char note[kNoteLen] = {'p'};
+    unsigned char answer[kNoteLen];
+    for (auto _ : state) {
+        if (tarnhost_bus_publish(peers.h, kPing, note, kNoteLen) != 0 ||
+            !peers.bus_answer(answer)) {
+            state.SkipWithError("bus round failed");
+            break;
+        }
+        uint64_t t1 = now_ns(), t0;
+        memcpy(&t0, answer, sizeof t0);
+        bus_us.push_back(static_cast<double>(t1 - t0) / 1000.0);
+
+        peers.bare_send(note);
+        if (!peers.bare_answer(answer)) {
+            state.SkipWithError("bare round failed");
+            break;
+        }
+        t1 = now_ns();
+        memcpy(&t0, answer, sizeof t0);
+        bare_us.push_back(static_cast<double>(t1 - t0) / 1000.0);
+    }
+    double bus50 = percentile(bus_us, 0.50), bus99 = percentile(bus_us, 0.99);
+    double bare50 = percentile(bare_us, 0.50);
+    double bare99 = percentile(bare_us, 0.99);
+    state.counters["bus_p50_us"] = bus50;
+    state.counters["bus_p99_us"] = bus99;
+    state.counters["bare_p50_us"] = bare50;
+    state.counters["bare_p99_us"] = bare99;
+    state.counters["ratio_p50"] = bare50 > 0 ? bus50 / bare50 : 0;
+    state.counters["ratio_p99"] = bare99 > 0 ? bus99 / bare99 : 0;
+}
+BENCHMARK(BM_BusNotifyLatency)->Iterations(20000)->UseRealTime();
+
+void BM_BusNotifyThroughput(benchmark::State &state)
+{
+    Peers peers;
+    if (!peers.up()) {
+        state.SkipWithError("could not start the peers");
+        return;
+    }
+    double bus_s = 0, bare_s = 0;
+    uint64_t notes = 0;
+    unsigned char note[kNoteLen] = {'d'};
+    unsigned char end[kNoteLen] = {'e'};
+    unsigned char answer[kNoteLen];
+    for (auto _ : state) {
+        uint64_t t0 = now_ns();
+        for (int i = 0; i < kBatch; ++i)
+            tarnhost_bus_publish(peers.h, kData, note, kNoteLen);
+        tarnhost_bus_publish(peers.h, kEnd, end, kNoteLen);
+        uint32_t got = 0;
+        if (!peers.bus_answer(answer)) {
+            state.SkipWithError("bus batch not acknowledged");
+            break;
+        }
+        memcpy(&got, answer, sizeof got);
+        uint64_t t1 = now_ns();
+
+        for (int i = 0; i < kBatch; ++i)
+            peers.bare_send(note);
+        peers.bare_send(end);
+        if (!peers.bare_answer(answer)) {
+            state.SkipWithError("bare batch not acknowledged");
+            break;
+        }
+        uint64_t t2 = now_ns();
+        if (got != static_cast<uint32_t>(kBatch)) {
+            state.SkipWithError("bus notifications lost");
+            break;
+        }
+        bus_s += static_cast<double>(t1 - t0) / 1e9;
+        bare_s += static_cast<double>(t2 - t1) / 1e9;
+        notes += kBatch;
+    }
+    double bus_rate = bus_s > 0 ? static_cast<double>(notes) / bus_s : 0;
+    double bare_rate = bare_s > 0 ? static_cast<double>(notes) / bare_s : 0;
+    state.counters["bus_notes_per_s"] = bus_rate;
+    state.counters["bare_notes_per_s"] = bare_rate;
+    state.counters["ratio_rate"] = bare_rate > 0 ? bus_rate / bare_rate : 0;
+}
+BENCHMARK(BM_BusNotifyThroughput)->Iterations(200)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
