@@ -7,6 +7,7 @@
 // available (tarnhost_fault_malloc_supported() says so).
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include <atomic>
 
@@ -29,18 +30,31 @@ extern "C" {
 
 #ifndef TARNHOST_NO_MALLOC_FAULT
 void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+
+// True when this request of `size` bytes is to fail.
+static bool fail_now(size_t size)
+{
+    if (g_fail_times.load(std::memory_order_relaxed) == 0 ||
+        size != g_fail_size.load(std::memory_order_relaxed))
+        return false;
+    uint32_t left = g_fail_times.load(std::memory_order_relaxed);
+    while (left != 0 && !g_fail_times.compare_exchange_weak(left, left - 1))
+        ;
+    return left != 0;
+}
 
 __attribute__((visibility("default"))) void *malloc(size_t size)
 {
-    if (g_fail_times.load(std::memory_order_relaxed) != 0 &&
-        size == g_fail_size.load(std::memory_order_relaxed)) {
-        uint32_t left = g_fail_times.load(std::memory_order_relaxed);
-        while (left != 0 && !g_fail_times.compare_exchange_weak(left, left - 1))
-            ;
-        if (left != 0)
-            return nullptr;
-    }
-    return __libc_malloc(size);
+    return fail_now(size) ? nullptr : __libc_malloc(size);
+}
+
+// Compilers turn malloc followed by zeroing into calloc.
+__attribute__((visibility("default"))) void *calloc(size_t count, size_t size)
+{
+    if (size != 0 && count <= SIZE_MAX / size && fail_now(count * size))
+        return nullptr;
+    return __libc_calloc(count, size);
 }
 
 int tarnhost_fault_malloc_supported(void) { return 1; }
