@@ -1,0 +1,1108 @@
+// The device loader (see device_loader.h and docs/device-format.md).
+//
+// Three stages, kept apart so that nothing is written for a description
+// that is wrong anywhere:
+//   1. read: JSON text into a Device, checking every key, type and range;
+//   2. encode: the Device into the records of each database, with the
+//      record catalogue's own conversions;
+//   3. write: one transaction per database (clear, puts, commit), then the
+//      device is brought up.
+
+#include "tools/device_loader.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <cmath>
+#include <map>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include <tarn/gyre.h>
+#include <tarn/tarn.h>
+
+#include "host/tarnhost.h"
+#include "host/tarnhost_ifmgr.h"
+#include "platform/supv.h"
+
+namespace tarndev {
+namespace {
+
+using json = nlohmann::json;
+using Bytes = std::vector<uint8_t>;
+
+constexpr size_t kNameMax = 32;       // characters in a 33-byte name field
+constexpr uint32_t kTpgStored = 0xC0000000u;
+constexpr uint32_t kTpgMax = 0x3FFFFFFFu;
+constexpr uint32_t kTableMax = 0xBFFFFFFFu;  // higher ids are topologies
+constexpr uint32_t kVlanMax = 4095;
+constexpr uint32_t kFtagMax = 1023;
+constexpr uint32_t kU32Max = 0xFFFFFFFFu;
+
+const char kCellMgrUri[] = "volatile:/dev/shm/cell_mgr_kvs";
+
+// ---- the description ---------------------------------------------------------
+
+struct VlanSet {
+    bool given = false;
+    std::vector<bool> bits = std::vector<bool>(kVlanMax + 1, false);
+};
+
+struct Table {
+    uint32_t id = 0;
+    uint32_t af = 0;
+    std::string name;
+    bool has_limits = false;
+    uint32_t limit[3] = {0, 0, 0};
+    uint8_t setting[2] = {0, 0};
+};
+
+struct Context {
+    uint32_t id = 0;
+    std::string name;
+    uint32_t state = 2;
+    uint32_t reason = 0;
+    bool has_vpn = false;
+    uint32_t vpn[3] = {0, 0, 0};
+    std::vector<Table> tables;
+};
+
+struct IfTopology {
+    std::string name;
+    uint32_t topology = 0;
+};
+
+struct Interface {
+    uint32_t ifindex = 0;
+    uint32_t iod = 0;
+    std::string name;
+    std::string short_name;
+    bool mgmt = false;
+    uint32_t port_channel = 0;
+    bool has_context = false;
+    std::string context;
+    bool has_soo = false;
+    uint32_t soo_word = 0;
+    uint64_t soo_value = 0;
+    VlanSet active;
+    VlanSet configured;
+    std::vector<IfTopology> topologies;
+};
+
+struct Ftag {
+    uint32_t ftag = 0;
+    uint32_t graph = 0;
+    uint32_t flags = 0;
+};
+
+struct Topology {
+    uint32_t id = 0;
+    VlanSet active;
+    VlanSet configured;
+    std::vector<Ftag> ftags;
+};
+
+struct Device {
+    uint16_t cell = 1;
+    std::vector<uint16_t> cells{1};
+    bool has_as_format = false;
+    uint32_t as_format = 0;
+    std::vector<Context> contexts;
+    std::vector<Interface> interfaces;
+    std::vector<Topology> topologies;
+};
+
+// ---- reading -------------------------------------------------------------------
+
+// Thrown by the reader with the complete message; caught at the stage's edge.
+struct Refusal {
+    std::string message;
+};
+
+[[noreturn]] void refuse(const std::string &path, const std::string &problem)
+{
+    throw Refusal{(path.empty() ? std::string("(top level)") : path) + ": " +
+                  problem};
+}
+
+std::string member(const std::string &path, const std::string &key)
+{
+    return path.empty() ? key : path + "." + key;
+}
+
+std::string item(const std::string &path, size_t i)
+{
+    return path + "[" + std::to_string(i) + "]";
+}
+
+// An object whose keys are all in `known`; keys starting with "_" are
+// comments and ignored wherever they appear.
+const json &object_at(const json &v, const std::string &path,
+                      std::initializer_list<const char *> known)
+{
+    if (!v.is_object())
+        refuse(path, "expected an object");
+    for (auto it = v.begin(); it != v.end(); ++it) {
+        const std::string &k = it.key();
+        if (!k.empty() && k[0] == '_')
+            continue;
+        bool ok = false;
+        for (const char *n : known)
+            if (k == n) {
+                ok = true;
+                break;
+            }
+        if (!ok)
+            refuse(member(path, k), "unknown key");
+    }
+    return v;
+}
+
+const json *find(const json &obj, const char *key)
+{
+    auto it = obj.find(key);
+    return it == obj.end() ? nullptr : &*it;
+}
+
+const json &need(const json &obj, const std::string &path, const char *key)
+{
+    const json *v = find(obj, key);
+    if (v == nullptr)
+        refuse(member(path, key), "required key missing");
+    return *v;
+}
+
+uint64_t number(const json &v, const std::string &path, uint64_t lo,
+                uint64_t hi)
+{
+    if (!v.is_number())
+        refuse(path, "expected a number");
+    if (v.is_number_float()) {
+        const double d = v.get<double>();
+        if (!std::isfinite(d) || std::trunc(d) != d)
+            refuse(path, "expected a whole number");
+        // Compared as doubles before any conversion: a huge value has no
+        // integer form to convert to.
+        if (d < static_cast<double>(lo) || d > static_cast<double>(hi))
+            refuse(path, v.dump() + " is out of range " + std::to_string(lo) +
+                             ".." + std::to_string(hi));
+        return static_cast<uint64_t>(d);
+    }
+    if (v.is_number_integer() && !v.is_number_unsigned() &&
+        v.get<int64_t>() < 0)
+        refuse(path, v.dump() + " is out of range " + std::to_string(lo) +
+                         ".." + std::to_string(hi));
+    uint64_t n = v.get<uint64_t>();
+    if (n < lo || n > hi)
+        refuse(path, v.dump() + " is out of range " + std::to_string(lo) +
+                         ".." + std::to_string(hi));
+    return n;
+}
+
+uint32_t u32(const json &v, const std::string &path, uint32_t lo = 0,
+             uint32_t hi = kU32Max)
+{
+    return static_cast<uint32_t>(number(v, path, lo, hi));
+}
+
+bool boolean(const json &v, const std::string &path)
+{
+    if (!v.is_boolean())
+        refuse(path, "expected true or false");
+    return v.get<bool>();
+}
+
+std::string text(const json &v, const std::string &path)
+{
+    if (!v.is_string())
+        refuse(path, "expected text");
+    return v.get<std::string>();
+}
+
+// A name for a 33-byte field: 1 to 32 bytes, no NUL inside.
+std::string name_text(const json &v, const std::string &path)
+{
+    std::string s = text(v, path);
+    if (s.empty())
+        refuse(path, "text is empty");
+    if (s.find('\0') != std::string::npos)
+        refuse(path, "text contains a NUL character");
+    if (s.size() > kNameMax)
+        refuse(path, "text longer than 32 characters");
+    return s;
+}
+
+const json &list(const json &v, const std::string &path)
+{
+    if (!v.is_array())
+        refuse(path, "expected a list");
+    return v;
+}
+
+// "10-20, 30": numbers and ranges 0..4095 separated by commas; blanks around
+// the parts are allowed; "" is the empty set.
+void vlan_text(const json &v, const std::string &path, VlanSet *out)
+{
+    const std::string s = text(v, path);
+    out->given = true;
+    size_t i = 0;
+    auto blanks = [&] {
+        while (i < s.size() && (s[i] == ' ' || s[i] == '\t'))
+            ++i;
+    };
+    auto bad = [&](const std::string &what) {
+        refuse(path, "bad VLAN list \"" + s + "\": " + what);
+    };
+    auto num = [&]() -> uint32_t {
+        blanks();
+        if (i >= s.size() || s[i] < '0' || s[i] > '9')
+            bad(i >= s.size() ? "a number is missing at the end"
+                              : "expected a number at character " +
+                                    std::to_string(i + 1));
+        const size_t start = i;
+        while (i < s.size() && s[i] >= '0' && s[i] <= '9')
+            ++i;
+        const std::string digits = s.substr(start, i - start);
+        if (digits.size() > 4 || std::stoul(digits) > kVlanMax)
+            bad("VLAN " + digits + " is out of range 0..4095");
+        const uint32_t n = static_cast<uint32_t>(std::stoul(digits));
+        blanks();
+        return n;
+    };
+    blanks();
+    if (i == s.size())
+        return;
+    for (;;) {
+        uint32_t lo = num();
+        uint32_t hi = lo;
+        if (i < s.size() && s[i] == '-') {
+            ++i;
+            hi = num();
+            if (hi < lo)
+                bad("range " + std::to_string(lo) + "-" + std::to_string(hi) +
+                    " runs backwards");
+        }
+        for (uint32_t x = lo; x <= hi; ++x)
+            out->bits[x] = true;
+        if (i == s.size())
+            return;
+        if (s[i] != ',')
+            bad("expected \",\" at character " + std::to_string(i + 1));
+        ++i;
+    }
+}
+
+uint64_t hex64(const json &v, const std::string &path)
+{
+    const std::string s = text(v, path);
+    const char *what = "expected \"0x\" and 16 hexadecimal digits";
+    if (s.size() != 18 || s[0] != '0' || (s[1] != 'x' && s[1] != 'X'))
+        refuse(path, what);
+    uint64_t n = 0;
+    for (size_t i = 2; i < s.size(); ++i) {
+        char c = s[i];
+        unsigned d;
+        if (c >= '0' && c <= '9')
+            d = static_cast<unsigned>(c - '0');
+        else if (c >= 'a' && c <= 'f')
+            d = static_cast<unsigned>(c - 'a' + 10);
+        else if (c >= 'A' && c <= 'F')
+            d = static_cast<unsigned>(c - 'A' + 10);
+        else
+            refuse(path, what);
+        n = (n << 4) | d;
+    }
+    return n;
+}
+
+Table read_table(const json &v, const std::string &path)
+{
+    const json &o = object_at(v, path, {"id", "af", "name", "route_limits"});
+    Table t;
+    t.id = u32(need(o, path, "id"), member(path, "id"), 1, kTableMax);
+    t.af = u32(need(o, path, "af"), member(path, "af"), 0, 2);
+    t.name = name_text(need(o, path, "name"), member(path, "name"));
+    if (const json *rl = find(o, "route_limits")) {
+        const std::string p = member(path, "route_limits");
+        list(*rl, p);
+        if (rl->size() != 5)
+            refuse(p, "expected a list of 5 numbers");
+        for (size_t i = 0; i < 3; ++i)
+            t.limit[i] = u32((*rl)[i], item(p, i));
+        for (size_t i = 0; i < 2; ++i)
+            t.setting[i] =
+                static_cast<uint8_t>(u32((*rl)[3 + i], item(p, 3 + i), 0, 255));
+        t.has_limits = true;
+    }
+    return t;
+}
+
+Context read_context(const json &v, const std::string &path)
+{
+    const json &o = object_at(
+        v, path, {"id", "name", "state", "reason", "vpn_id", "tables"});
+    Context c;
+    c.id = u32(need(o, path, "id"), member(path, "id"), 1, kU32Max);
+    c.name = name_text(need(o, path, "name"), member(path, "name"));
+    if (const json *s = find(o, "state"))
+        c.state = u32(*s, member(path, "state"), 0, 2);
+    if (const json *r = find(o, "reason"))
+        c.reason = u32(*r, member(path, "reason"));
+    if (const json *vp = find(o, "vpn_id")) {
+        const std::string p = member(path, "vpn_id");
+        list(*vp, p);
+        if (vp->size() != 3)
+            refuse(p, "expected a list of 3 numbers");
+        for (size_t i = 0; i < 3; ++i)
+            c.vpn[i] = u32((*vp)[i], item(p, i));
+        c.has_vpn = true;
+    }
+    if (const json *ts = find(o, "tables")) {
+        const std::string p = member(path, "tables");
+        list(*ts, p);
+        for (size_t i = 0; i < ts->size(); ++i)
+            c.tables.push_back(read_table((*ts)[i], item(p, i)));
+    }
+    return c;
+}
+
+Interface read_interface(const json &v, const std::string &path)
+{
+    const json &o = object_at(
+        v, path,
+        {"ifindex", "iod", "name", "short_name", "mgmt", "port_channel",
+         "context", "soo", "active_vlans", "configured_vlans", "topologies"});
+    Interface f;
+    f.ifindex = u32(need(o, path, "ifindex"), member(path, "ifindex"), 1);
+    f.iod = u32(need(o, path, "iod"), member(path, "iod"));
+    f.name = name_text(need(o, path, "name"), member(path, "name"));
+    f.short_name = f.name;
+    if (const json *s = find(o, "short_name"))
+        f.short_name = name_text(*s, member(path, "short_name"));
+    if (const json *m = find(o, "mgmt"))
+        f.mgmt = boolean(*m, member(path, "mgmt"));
+    if (const json *pc = find(o, "port_channel"))
+        f.port_channel = u32(*pc, member(path, "port_channel"));
+    if (const json *c = find(o, "context")) {
+        f.context = name_text(*c, member(path, "context"));
+        f.has_context = true;
+    }
+    if (const json *s = find(o, "soo")) {
+        const std::string p = member(path, "soo");
+        const json &so = object_at(*s, p, {"word", "value"});
+        if (const json *w = find(so, "word"))
+            f.soo_word = u32(*w, member(p, "word"));
+        f.soo_value = hex64(need(so, p, "value"), member(p, "value"));
+        f.has_soo = true;
+    }
+    if (const json *a = find(o, "active_vlans"))
+        vlan_text(*a, member(path, "active_vlans"), &f.active);
+    if (const json *c = find(o, "configured_vlans"))
+        vlan_text(*c, member(path, "configured_vlans"), &f.configured);
+    if (const json *ts = find(o, "topologies")) {
+        const std::string p = member(path, "topologies");
+        list(*ts, p);
+        for (size_t i = 0; i < ts->size(); ++i) {
+            const std::string ip = item(p, i);
+            const json &to = object_at((*ts)[i], ip, {"name", "topology"});
+            IfTopology t;
+            t.name = name_text(need(to, ip, "name"), member(ip, "name"));
+            t.topology = u32(need(to, ip, "topology"), member(ip, "topology"),
+                             1, kTpgMax);
+            f.topologies.push_back(t);
+        }
+    }
+    return f;
+}
+
+Topology read_topology(const json &v, const std::string &path)
+{
+    const json &o =
+        object_at(v, path, {"id", "active_vlans", "configured_vlans", "ftags"});
+    Topology t;
+    t.id = u32(need(o, path, "id"), member(path, "id"), 1, kTpgMax);
+    if (const json *a = find(o, "active_vlans"))
+        vlan_text(*a, member(path, "active_vlans"), &t.active);
+    if (const json *c = find(o, "configured_vlans"))
+        vlan_text(*c, member(path, "configured_vlans"), &t.configured);
+    if (const json *fs = find(o, "ftags")) {
+        const std::string p = member(path, "ftags");
+        list(*fs, p);
+        for (size_t i = 0; i < fs->size(); ++i) {
+            const std::string ip = item(p, i);
+            const json &fo = object_at((*fs)[i], ip, {"ftag", "graph", "flags"});
+            Ftag f;
+            f.ftag = u32(need(fo, ip, "ftag"), member(ip, "ftag"), 0, kFtagMax);
+            f.graph = u32(need(fo, ip, "graph"), member(ip, "graph"), 0, 0xFFFF);
+            // Without flags, graph 1 is the unicast graph and the others
+            // multicast, as the service marks them.
+            f.flags = f.graph == 1 ? 0x10u : 0x02u;
+            if (const json *fl = find(fo, "flags"))
+                f.flags = u32(*fl, member(ip, "flags"), 0, 0xFF);
+            t.ftags.push_back(f);
+        }
+    }
+    return t;
+}
+
+// Facts that would land on the same database key: the later one would
+// silently replace the earlier, so the description is refused instead.
+template <typename K>
+void unique(std::map<K, std::string> *seen, const K &key,
+            const std::string &path, const std::string &shown)
+{
+    auto r = seen->emplace(key, path);
+    if (!r.second)
+        refuse(path, shown + " is already used by " + r.first->second);
+}
+
+void check_unique(const Device &d)
+{
+    std::map<uint32_t, std::string> ctx_ids, table_ids, ifindexes, iods,
+        tpg_ids, ftags, vlans;
+    std::map<std::string, std::string> ctx_names;
+    std::map<std::string, std::string> table_keys;
+    for (size_t i = 0; i < d.contexts.size(); ++i) {
+        const Context &c = d.contexts[i];
+        const std::string p = item("contexts", i);
+        unique(&ctx_ids, c.id, member(p, "id"), std::to_string(c.id));
+        unique(&ctx_names, c.name, member(p, "name"), "\"" + c.name + "\"");
+        for (size_t j = 0; j < c.tables.size(); ++j) {
+            const Table &t = c.tables[j];
+            const std::string tp = item(member(p, "tables"), j);
+            unique(&table_ids, t.id, member(tp, "id"), std::to_string(t.id));
+            unique(&table_keys,
+                   std::to_string(c.id) + "/" + std::to_string(t.af) + "/" +
+                       t.name,
+                   member(tp, "name"),
+                   "\"" + t.name + "\" with af " + std::to_string(t.af));
+        }
+    }
+    for (size_t i = 0; i < d.interfaces.size(); ++i) {
+        const Interface &f = d.interfaces[i];
+        const std::string p = item("interfaces", i);
+        unique(&ifindexes, f.ifindex, member(p, "ifindex"),
+               std::to_string(f.ifindex));
+        unique(&iods, f.iod, member(p, "iod"), std::to_string(f.iod));
+        // The interface-topology key keeps 16 characters of the name.
+        std::map<std::string, std::string> names;
+        for (size_t j = 0; j < f.topologies.size(); ++j) {
+            const std::string n = f.topologies[j].name.substr(0, 16);
+            unique(&names, n,
+                   member(item(member(p, "topologies"), j), "name"),
+                   "\"" + n + "\" (the first 16 characters)");
+        }
+    }
+    for (size_t i = 0; i < d.topologies.size(); ++i) {
+        const Topology &t = d.topologies[i];
+        const std::string p = item("topologies", i);
+        unique(&tpg_ids, t.id, member(p, "id"), std::to_string(t.id));
+        for (uint32_t v = 0; v <= kVlanMax; ++v)
+            if (t.active.bits[v])
+                unique(&vlans, v, member(p, "active_vlans"),
+                       "active VLAN " + std::to_string(v));
+        std::map<uint32_t, std::string> graph_flags;
+        for (size_t j = 0; j < t.ftags.size(); ++j) {
+            const Ftag &f = t.ftags[j];
+            const std::string fp = item(member(p, "ftags"), j);
+            unique(&ftags, f.ftag, member(fp, "ftag"), std::to_string(f.ftag));
+            unique(&graph_flags, (f.graph << 8) | f.flags, member(fp, "graph"),
+                   "graph " + std::to_string(f.graph) + " with flags " +
+                       std::to_string(f.flags));
+        }
+    }
+}
+
+Device read_device(const json &doc)
+{
+    const json &o = object_at(doc, "",
+                              {"cell", "cells", "as_format", "contexts",
+                               "interfaces", "topologies"});
+    Device d;
+    if (const json *c = find(o, "cell"))
+        d.cell = static_cast<uint16_t>(u32(*c, "cell", 0, 0xFFFF));
+    if (const json *cs = find(o, "cells")) {
+        list(*cs, "cells");
+        d.cells.clear();
+        for (size_t i = 0; i < cs->size(); ++i)
+            d.cells.push_back(
+                static_cast<uint16_t>(u32((*cs)[i], item("cells", i), 0, 0xFFFF)));
+    }
+    if (const json *a = find(o, "as_format")) {
+        d.as_format = u32(*a, "as_format");
+        d.has_as_format = true;
+    }
+    if (const json *cs = find(o, "contexts")) {
+        list(*cs, "contexts");
+        for (size_t i = 0; i < cs->size(); ++i)
+            d.contexts.push_back(read_context((*cs)[i], item("contexts", i)));
+    }
+    if (const json *is = find(o, "interfaces")) {
+        list(*is, "interfaces");
+        for (size_t i = 0; i < is->size(); ++i)
+            d.interfaces.push_back(
+                read_interface((*is)[i], item("interfaces", i)));
+    }
+    if (const json *ts = find(o, "topologies")) {
+        list(*ts, "topologies");
+        for (size_t i = 0; i < ts->size(); ++i)
+            d.topologies.push_back(
+                read_topology((*ts)[i], item("topologies", i)));
+    }
+    check_unique(d);
+    return d;
+}
+
+Device parse(const std::string &textv, const std::string &source)
+{
+    json doc;
+    try {
+        doc = json::parse(textv);
+    } catch (const json::parse_error &e) {
+        // Drop nlohmann's "[json.exception.parse_error.101] " tag.
+        std::string what = e.what();
+        size_t close = what.find("] ");
+        if (what.compare(0, 1, "[") == 0 && close != std::string::npos)
+            what = what.substr(close + 2);
+        throw Refusal{source + ": not valid JSON: " + what};
+    }
+    return read_device(doc);
+}
+
+// ---- database keys ---------------------------------------------------------------
+//
+// The Tarn database's keys are 48 bytes: the kind as a big-endian u32 in
+// bytes 0-3, then the kind's fields, big-endian numbers and 33-byte names,
+// the rest zero.  The Gyre database's keys are 40 bytes with the type in
+// bytes 0-3 and every number in host byte order.  Names are copied bounded:
+// at most the field's size less one characters, always terminated.
+
+constexpr size_t kTarnKeySize = TARN_KVS_KEY_SIZE;
+constexpr size_t kGyreKeySize = 40;
+
+void be32_at(Bytes *b, size_t off, uint32_t n)
+{
+    (*b)[off] = static_cast<uint8_t>(n >> 24);
+    (*b)[off + 1] = static_cast<uint8_t>(n >> 16);
+    (*b)[off + 2] = static_cast<uint8_t>(n >> 8);
+    (*b)[off + 3] = static_cast<uint8_t>(n);
+}
+
+template <typename T>
+void host_at(Bytes *b, size_t off, T n)
+{
+    memcpy(b->data() + off, &n, sizeof n);
+}
+
+void name_at(Bytes *b, size_t off, const std::string &name, size_t field)
+{
+    size_t n = name.size() < field - 1 ? name.size() : field - 1;
+    memcpy(b->data() + off, name.data(), n);
+}
+
+// Kinds 3, 4, 5, 8, 9: one number.
+Bytes tarn_key_num(uint32_t kind, uint32_t n)
+{
+    Bytes k(kTarnKeySize, 0);
+    be32_at(&k, 0, kind);
+    be32_at(&k, 4, n);
+    return k;
+}
+
+// Kinds 1 and 7: a context name in bytes 4-36.
+Bytes tarn_key_name(uint32_t kind, const std::string &name)
+{
+    Bytes k(kTarnKeySize, 0);
+    be32_at(&k, 0, kind);
+    name_at(&k, 4, name, TARN_NAME_SIZE);
+    return k;
+}
+
+// Kind 2: context id, address family, table name in bytes 12-44.
+Bytes tarn_key_table_id(uint32_t context, uint32_t af, const std::string &name)
+{
+    Bytes k(kTarnKeySize, 0);
+    be32_at(&k, 0, TARN_KVS_KIND_TABLE_ID);
+    be32_at(&k, 4, context);
+    be32_at(&k, 8, af);
+    name_at(&k, 12, name, TARN_NAME_SIZE);
+    return k;
+}
+
+// Kind 6: ifindex, then the topology name bounded to 17 bytes (8-24).
+Bytes tarn_key_if_topology(uint32_t ifindex, const std::string &name)
+{
+    Bytes k(kTarnKeySize, 0);
+    be32_at(&k, 0, TARN_KVS_KIND_IF_TOPOLOGY);
+    be32_at(&k, 4, ifindex);
+    name_at(&k, 8, name, 17);
+    return k;
+}
+
+// Kind 10: no fields.
+Bytes tarn_key_as_format()
+{
+    Bytes k(kTarnKeySize, 0);
+    be32_at(&k, 0, TARN_KVS_KIND_AS_FORMAT);
+    return k;
+}
+
+// Gyre types 2 and 3 (interface VLANs): the IOD in bytes 4-7.
+// Type 5 (a VLAN's topology): the VLAN in bytes 4-7.
+Bytes gyre_key_u32(uint32_t type, uint32_t n)
+{
+    Bytes k(kGyreKeySize, 0);
+    host_at<uint32_t>(&k, 0, type);
+    host_at<uint32_t>(&k, 4, n);
+    return k;
+}
+
+// Types 0 and 1 (topology VLANs): the topology name in bytes 4-36.
+Bytes gyre_key_tpg_vlans(uint32_t type, const std::string &name)
+{
+    Bytes k(kGyreKeySize, 0);
+    host_at<uint32_t>(&k, 0, type);
+    name_at(&k, 4, name, TARN_NAME_SIZE);
+    return k;
+}
+
+// Type 4 (a topology's ftag): stored topology id, graph u16, flag byte.
+Bytes gyre_key_tpg_ftag(uint32_t stored_tpg, uint16_t graph, uint8_t flags)
+{
+    Bytes k(kGyreKeySize, 0);
+    host_at<uint32_t>(&k, 0, 4);
+    host_at<uint32_t>(&k, 4, stored_tpg);
+    host_at<uint16_t>(&k, 8, graph);
+    k[10] = flags;
+    return k;
+}
+
+// Type 6 (an ftag's topology): the ftag u16 in bytes 4-5.
+Bytes gyre_key_ftag(uint16_t ftag)
+{
+    Bytes k(kGyreKeySize, 0);
+    host_at<uint32_t>(&k, 0, 6);
+    host_at<uint16_t>(&k, 4, ftag);
+    return k;
+}
+
+// ---- encoding ----------------------------------------------------------------------
+
+using Records = std::vector<std::pair<Bytes, Bytes>>;
+
+template <typename T>
+using ToTlv = uint32_t (*)(const T *, void **, uint32_t *, uint32_t,
+                           uint32_t *, uint32_t);
+
+template <typename T>
+Bytes encode(ToTlv<T> fn, const T &rec, const char *what)
+{
+    void *buf = nullptr;
+    uint32_t len = 0;
+    uint32_t rc = fn(&rec, &buf, &len, 0, nullptr, 0);
+    if (rc != 0 || buf == nullptr) {
+        free(buf);
+        char code[16];
+        snprintf(code, sizeof code, "0x%x", rc);
+        throw Refusal{std::string("cannot encode a ") + what + " record (" +
+                      code + ")"};
+    }
+    const uint8_t *p = static_cast<const uint8_t *>(buf);
+    Bytes out(p, p + len);
+    free(buf);
+    return out;
+}
+
+// Values of kinds 1 and 2: a TLV array whose first TLV (type 1) holds the id.
+Bytes id_array(uint32_t id)
+{
+    Bytes v(12, 0);
+    be32_at(&v, 0, 1);
+    be32_at(&v, 4, 4);
+    be32_at(&v, 8, id);
+    return v;
+}
+
+void copy_name(char *dst, const std::string &s)
+{
+    memset(dst, 0, TARN_NAME_SIZE);
+    memcpy(dst, s.data(), s.size() < kNameMax ? s.size() : kNameMax);
+}
+
+void fill_bitmap(gyre_vlan_bmp_t *bmp, const VlanSet &set)
+{
+    bmp->len = GYRE_VLAN_BMP_BYTES;
+    memset(bmp->bits, 0, sizeof bmp->bits);
+    for (uint32_t v = 0; v <= kVlanMax; ++v)
+        if (set.bits[v])
+            bmp->bits[v / 8] |= static_cast<uint8_t>(0x80u >> (v % 8));
+}
+
+struct Encoded {
+    Records tarn;
+    Records gyre;
+    Records cell_mgr;
+    std::vector<tarnhost_if_t> ifs;  // name pointers into the Device
+};
+
+void encode_contexts(const Device &d, Records *out)
+{
+    for (const Context &c : d.contexts) {
+        out->emplace_back(tarn_key_name(TARN_KVS_KIND_CONTEXT_NAME, c.name),
+                          id_array(c.id));
+        tarn_context_info_t info;
+        memset(&info, 0, sizeof info);
+        info.state = c.state;
+        info.reason = c.reason;
+        copy_name(info.name, c.name);
+        out->emplace_back(tarn_key_num(TARN_KVS_KIND_CONTEXT_INFO, c.id),
+                          encode<tarn_context_info_t>(tarn_context_info_to_tlv,
+                                                      info, "context"));
+        if (c.has_vpn) {
+            tarn_vpnid_info_t vpn;
+            memset(&vpn, 0, sizeof vpn);
+            vpn.w0 = c.vpn[0];
+            vpn.w1 = c.vpn[1];
+            vpn.w2 = c.vpn[2];
+            out->emplace_back(
+                tarn_key_name(TARN_KVS_KIND_VPNID, c.name),
+                encode<tarn_vpnid_info_t>(tarn_vpnid_info_to_tlv, vpn, "VPN id"));
+        }
+        for (const Table &t : c.tables) {
+            out->emplace_back(tarn_key_table_id(c.id, t.af, t.name),
+                              id_array(t.id));
+            tarn_table_info_t ti;
+            memset(&ti, 0, sizeof ti);
+            ti.context_id = c.id;
+            copy_name(ti.name, t.name);
+            out->emplace_back(
+                tarn_key_num(TARN_KVS_KIND_TABLE_INFO, t.id),
+                encode<tarn_table_info_t>(tarn_table_info_to_tlv, ti, "table"));
+            if (t.has_limits) {
+                tarn_tib_rt_limits_t rl;
+                memset(&rl, 0, sizeof rl);
+                rl.limit1 = t.limit[0];
+                rl.limit2 = t.limit[1];
+                rl.limit3 = t.limit[2];
+                rl.setting1 = t.setting[0];
+                rl.setting2 = t.setting[1];
+                out->emplace_back(
+                    tarn_key_num(TARN_KVS_KIND_RT_LIMITS, t.id),
+                    encode<tarn_tib_rt_limits_t>(tarn_rt_limits_info_to_tlv, rl,
+                                                 "route limits"));
+            }
+        }
+    }
+}
+
+void encode_interfaces(const Device &d, Encoded *e)
+{
+    for (const Interface &f : d.interfaces) {
+        tarnhost_if_t ifc;
+        ifc.ifindex = f.ifindex;
+        ifc.iod = f.iod;
+        ifc.name = f.name.c_str();
+        ifc.short_name = f.short_name.c_str();
+        ifc.mgmt = f.mgmt ? 1 : 0;
+        ifc.pc_ifindex = f.port_channel;
+        e->ifs.push_back(ifc);
+
+        if (f.has_context) {
+            tarn_vname_t vn;
+            copy_name(vn.name, f.context);
+            e->tarn.emplace_back(
+                tarn_key_num(TARN_KVS_KIND_IF_CONTEXT, f.ifindex),
+                encode<tarn_vname_t>(tarn_vname_to_tlv, vn, "interface context"));
+        }
+        if (f.has_soo) {
+            tarn_soo_info_t soo;
+            memset(&soo, 0, sizeof soo);
+            soo.word = f.soo_word;
+            soo.soo = f.soo_value;
+            e->tarn.emplace_back(
+                tarn_key_num(TARN_KVS_KIND_SOO, f.ifindex),
+                encode<tarn_soo_info_t>(tarn_soo_info_to_tlv, soo,
+                                        "site-of-origin"));
+        }
+        for (const IfTopology &t : f.topologies) {
+            tarn_table_info_t ti;
+            memset(&ti, 0, sizeof ti);
+            ti.tpg_id = t.topology | kTpgStored;
+            copy_name(ti.name, t.name);
+            e->tarn.emplace_back(tarn_key_if_topology(f.ifindex, t.name),
+                                 encode<tarn_table_info_t>(
+                                     tarn_table_info_to_tlv, ti,
+                                     "interface topology"));
+        }
+        const std::pair<const VlanSet *, uint32_t> sets[] = {
+            {&f.active, 3}, {&f.configured, 2}};
+        for (const auto &s : sets) {
+            if (!s.first->given)
+                continue;
+            gyre_if_vlan_info_t iv;
+            memset(&iv, 0, sizeof iv);
+            iv.ifindex = f.ifindex;
+            fill_bitmap(&iv.vlans, *s.first);
+            e->gyre.emplace_back(gyre_key_u32(s.second, f.iod),
+                                 encode<gyre_if_vlan_info_t>(
+                                     gyre_if_vlan_info_to_tlv, iv,
+                                     "interface VLAN"));
+        }
+    }
+}
+
+void encode_topologies(const Device &d, Encoded *e)
+{
+    for (const Topology &t : d.topologies) {
+        const uint32_t stored = t.id | kTpgStored;
+        const std::string name = std::to_string(t.id);
+
+        tarn_table_info_t ti;
+        memset(&ti, 0, sizeof ti);
+        ti.tpg_id = stored;
+        copy_name(ti.name, name);
+        e->tarn.emplace_back(
+            tarn_key_num(TARN_KVS_KIND_TABLE_INFO, stored),
+            encode<tarn_table_info_t>(tarn_table_info_to_tlv, ti, "topology"));
+
+        const std::pair<const VlanSet *, uint32_t> sets[] = {
+            {&t.active, 1}, {&t.configured, 0}};
+        for (const auto &s : sets) {
+            if (!s.first->given)
+                continue;
+            gyre_tpg_vlan_info_t tv;
+            memset(&tv, 0, sizeof tv);
+            tv.tpg_id = stored;
+            copy_name(tv.name, name);
+            fill_bitmap(&tv.vlans, *s.first);
+            e->gyre.emplace_back(gyre_key_tpg_vlans(s.second, name),
+                                 encode<gyre_tpg_vlan_info_t>(
+                                     gyre_tpg_vlan_info_to_tlv, tv,
+                                     "topology VLAN"));
+        }
+        for (uint32_t v = 0; v <= kVlanMax; ++v) {
+            if (!t.active.bits[v])
+                continue;
+            gyre_kvs_vlan_info_t vi;
+            memset(&vi, 0, sizeof vi);
+            vi.tpg_id = stored;
+            copy_name(vi.name, name);
+            e->gyre.emplace_back(gyre_key_u32(5, v),
+                                 encode<gyre_kvs_vlan_info_t>(
+                                     gyre_kvs_vlan_info_to_tlv, vi, "VLAN"));
+        }
+        for (const Ftag &f : t.ftags) {
+            // The topology-ftag value is raw: ftag, graph, flags in host
+            // order, read back by its first 16-bit field.
+            Bytes raw(8, 0);
+            host_at<uint16_t>(&raw, 0, static_cast<uint16_t>(f.ftag));
+            host_at<uint16_t>(&raw, 2, static_cast<uint16_t>(f.graph));
+            host_at<uint32_t>(&raw, 4, f.flags);
+            e->gyre.emplace_back(
+                gyre_key_tpg_ftag(stored, static_cast<uint16_t>(f.graph),
+                                  static_cast<uint8_t>(f.flags)),
+                raw);
+            gyre_ftag_info_t fi;
+            memset(&fi, 0, sizeof fi);
+            fi.tpg_id = stored;
+            fi.graph_id = static_cast<uint16_t>(f.graph);
+            fi.ftag = static_cast<uint16_t>(f.ftag);
+            fi.flags = f.flags;
+            e->gyre.emplace_back(
+                gyre_key_ftag(static_cast<uint16_t>(f.ftag)),
+                encode<gyre_ftag_info_t>(gyre_ftag_info_to_tlv, fi, "ftag"));
+        }
+    }
+}
+
+// The cell manager's record: network byte order, designated cell at 520,
+// the count at 522 and the cells from 526; the word at 516 is 0.
+Bytes cell_mgr_record(const Device &d)
+{
+    Bytes v(526 + 2 * d.cells.size(), 0);
+    v[520] = static_cast<uint8_t>(d.cell >> 8);
+    v[521] = static_cast<uint8_t>(d.cell);
+    be32_at(&v, 522, static_cast<uint32_t>(d.cells.size()));
+    for (size_t i = 0; i < d.cells.size(); ++i) {
+        v[526 + 2 * i] = static_cast<uint8_t>(d.cells[i] >> 8);
+        v[527 + 2 * i] = static_cast<uint8_t>(d.cells[i]);
+    }
+    return v;
+}
+
+Encoded encode_device(const Device &d)
+{
+    Encoded e;
+    encode_contexts(d, &e.tarn);
+    if (d.has_as_format) {
+        tarn_as_format_t af;
+        af.format = d.as_format;
+        e.tarn.emplace_back(
+            tarn_key_as_format(),
+            encode<tarn_as_format_t>(tarn_as_format_to_tlv, af, "AS format"));
+    }
+    encode_interfaces(d, &e);
+    encode_topologies(d, &e);
+    const uint8_t key[5] = {0x1C, 0, 0, 0, 0};
+    e.cell_mgr.emplace_back(Bytes(key, key + 5), cell_mgr_record(d));
+    return e;
+}
+
+// ---- writing --------------------------------------------------------------------------
+
+std::string status_text(uint32_t st)
+{
+    char buf[16];
+    snprintf(buf, sizeof buf, "0x%08x", st);
+    return buf;
+}
+
+// Replaces the database at `uri` by `records` (and the interfaces, for the
+// interface manager's database) in one transaction.
+std::string replace(const std::string &uri, const Records &records,
+                    const std::vector<tarnhost_if_t> *ifs)
+{
+    uint32_t st = 0;
+    tarnhost_kvs_txn_t *txn = tarnhost_kvs_txn_begin(uri.c_str(), &st);
+    if (txn == nullptr)
+        return "cannot open " + uri + " for writing (" + status_text(st) + ")";
+    st = tarnhost_kvs_txn_clear(txn);
+    for (size_t i = 0; st == 0 && i < records.size(); ++i)
+        st = tarnhost_kvs_txn_put(txn, records[i].first.data(),
+                                  static_cast<uint32_t>(records[i].first.size()),
+                                  records[i].second.data(),
+                                  static_cast<uint32_t>(records[i].second.size()));
+    if (ifs != nullptr)
+        for (size_t i = 0; st == 0 && i < ifs->size(); ++i)
+            st = tarnhost_ifmgr_txn_put(txn, &(*ifs)[i]);
+    if (st != 0) {
+        tarnhost_kvs_txn_abort(txn);
+        return "cannot write " + uri + " (" + status_text(st) + ")";
+    }
+    st = tarnhost_kvs_txn_commit(txn);
+    if (st != 0)
+        return "cannot commit " + uri + " (" + status_text(st) + ")";
+    return "";
+}
+
+std::string complete(const char *name)
+{
+    const char *uri = supv_uri_complete(TARNHOST_RUNNING_URI, 0, name);
+    return uri != nullptr ? std::string(uri) : std::string();
+}
+
+LoadOutcome write_device(const Device &d, const Encoded &e)
+{
+    LoadOutcome out;
+    int rc = tarnhost_root_prepare();
+    if (rc != 0) {
+        out.message = std::string("cannot prepare the host root ") +
+                      tarnhost_root() + ": " + strerror(rc);
+        return out;
+    }
+    const std::string tarn_uri = complete("tarn_global_kvs");
+    const std::string gyre_uri = complete("gyre_kvs_info");
+    if (tarn_uri.empty() || gyre_uri.empty()) {
+        out.message = "cannot name the device's databases";
+        return out;
+    }
+    struct Step {
+        std::string uri;
+        const Records *records;
+        const std::vector<tarnhost_if_t> *ifs;
+    };
+    static const Records kNone;
+    const Step steps[] = {
+        {TARNHOST_IFMGR_URI, &kNone, &e.ifs},
+        {kCellMgrUri, &e.cell_mgr, nullptr},
+        {tarn_uri, &e.tarn, nullptr},
+        {gyre_uri, &e.gyre, nullptr},
+    };
+    for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
+        std::string err = replace(steps[i].uri, *steps[i].records, steps[i].ifs);
+        if (!err.empty()) {
+            out.message = err;
+            out.partly_written = i > 0;
+            return out;
+        }
+    }
+    rc = tarnhost_device_up(nullptr);
+    if (rc != 0) {
+        out.message = std::string("cannot bring the device up: ") + strerror(rc);
+        out.partly_written = true;
+        return out;
+    }
+    out.status = 0;
+    out.contexts = d.contexts.size();
+    for (const Context &c : d.contexts)
+        out.tables += c.tables.size();
+    out.interfaces = d.interfaces.size();
+    out.topologies = d.topologies.size();
+    return out;
+}
+
+}  // namespace
+
+LoadOutcome load_device_text(const std::string &textv, const std::string &source)
+{
+    Device d;
+    Encoded e;
+    try {
+        d = parse(textv, source);
+        e = encode_device(d);
+    } catch (const Refusal &r) {
+        LoadOutcome out;
+        out.message = r.message;
+        return out;
+    }
+    return write_device(d, e);
+}
+
+LoadOutcome load_device_file(const std::string &path)
+{
+    LoadOutcome out;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        out.message = "cannot read " + path + ": " + strerror(errno);
+        return out;
+    }
+    std::string textv;
+    char buf[65536];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            out.message = "cannot read " + path + ": " + strerror(errno);
+            close(fd);
+            return out;
+        }
+        if (n == 0)
+            break;
+        textv.append(buf, static_cast<size_t>(n));
+    }
+    close(fd);
+    return load_device_text(textv, path);
+}
+
+std::string check_device_text(const std::string &textv,
+                              const std::string &source)
+{
+    try {
+        Device d = parse(textv, source);
+        encode_device(d);
+    } catch (const Refusal &r) {
+        return r.message;
+    }
+    return "";
+}
+
+}  // namespace tarndev

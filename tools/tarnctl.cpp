@@ -1,0 +1,65 @@
+// tarnctl: entry point and command table.
+
+#include "tools/tarnctl.h"
+
+#include <stdio.h>
+#include <string.h>
+
+namespace tarnctl {
+namespace {
+
+const Command *const kCommands[] = {
+    &kLoad,
+};
+
+void print_usage(FILE *out)
+{
+    fprintf(out,
+            "usage: tarnctl COMMAND [ARGUMENTS]\n"
+            "       tarnctl COMMAND --help\n"
+            "\n"
+            "Works on the simulated device in $TARNHOST_ROOT "
+            "(default /dev/shm/tarnhost).\n"
+            "\n"
+            "Commands:\n");
+    for (const Command *c : kCommands)
+        fprintf(out, "  %-8s %s\n", c->name, c->summary);
+    fprintf(out,
+            "\n"
+            "Exit status: 0 success, 1 the command failed, 2 usage error.\n");
+}
+
+}  // namespace
+
+int usage_error(const Command &cmd, const char *message)
+{
+    fprintf(stderr, "tarnctl %s: %s; usage: tarnctl %s %s "
+                    "(see \"tarnctl %s --help\")\n",
+            cmd.name, message, cmd.name, cmd.synopsis, cmd.name);
+    return kExitUsage;
+}
+
+}  // namespace tarnctl
+
+int main(int argc, char **argv)
+{
+    using namespace tarnctl;
+    if (argc < 2) {
+        print_usage(stderr);
+        return kExitUsage;
+    }
+    const char *name = argv[1];
+    if (strcmp(name, "--help") == 0 || strcmp(name, "-h") == 0 ||
+        strcmp(name, "help") == 0) {
+        print_usage(stdout);
+        return kExitOk;
+    }
+    for (const Command *c : kCommands)
+        if (strcmp(c->name, name) == 0)
+            return c->run(argc - 2, argv + 2);
+    fprintf(stderr,
+            "tarnctl: unknown command \"%s\"; run \"tarnctl --help\" for the "
+            "list of commands\n",
+            name);
+    return kExitUsage;
+}

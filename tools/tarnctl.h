@@ -1,0 +1,34 @@
+// tarnctl: the command-line tool of a simulated device.  Each subcommand
+// lives in a source file of its own (tarnctl_<name>.cpp) and is listed in
+// the command table of tarnctl.cpp.
+#ifndef TARN_TOOLS_TARNCTL_H
+#define TARN_TOOLS_TARNCTL_H
+
+namespace tarnctl {
+
+// Exit statuses shared by every subcommand.
+enum Exit {
+    kExitOk = 0,
+    kExitFailed = 1,  // the command ran and did not succeed
+    kExitUsage = 2,   // the command line was wrong
+};
+
+struct Command {
+    const char *name;
+    const char *synopsis;  // arguments, for the usage text
+    const char *summary;   // one line for the tool's --help
+    // Runs with the arguments after the command's name; returns an Exit.
+    int (*run)(int argc, char **argv);
+};
+
+// Prints "tarnctl <name>: <message>" and a hint on standard error; returns
+// kExitUsage.
+int usage_error(const Command &cmd, const char *message);
+
+// tarnctl load FILE
+int cmd_load(int argc, char **argv);
+extern const Command kLoad;
+
+}  // namespace tarnctl
+
+#endif

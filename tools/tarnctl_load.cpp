@@ -1,0 +1,85 @@
+// tarnctl load FILE: replace the device's databases by a device description.
+
+#include <stdio.h>
+#include <string.h>
+
+#include "host/tarnhost.h"
+#include "tools/device_loader.h"
+#include "tools/tarnctl.h"
+
+namespace tarnctl {
+
+const Command kLoad = {
+    "load",
+    "FILE",
+    "load a device description (JSON) into the device, replacing it",
+    cmd_load,
+};
+
+namespace {
+
+void print_help()
+{
+    printf("usage: tarnctl load FILE\n"
+           "\n"
+           "Checks the device description FILE (JSON; docs/device-format.md) "
+           "and, when it\n"
+           "is valid, replaces the databases of the device in $TARNHOST_ROOT "
+           "by what it\n"
+           "describes and brings the device up.  A description with any error "
+           "is refused\n"
+           "and nothing is written.\n"
+           "\n"
+           "Exit status: 0 loaded, 1 refused or failed, 2 usage error.\n");
+}
+
+}  // namespace
+
+int cmd_load(int argc, char **argv)
+{
+    const char *file = nullptr;
+    bool options_done = false;
+    for (int i = 0; i < argc; ++i) {
+        const char *a = argv[i];
+        if (!options_done && (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0)) {
+            print_help();
+            return kExitOk;
+        }
+        if (!options_done && strcmp(a, "--") == 0) {
+            options_done = true;
+            continue;
+        }
+        if (!options_done && a[0] == '-' && a[1] != '\0') {
+            char msg[256];
+            snprintf(msg, sizeof msg, "unknown option \"%s\"", a);
+            return usage_error(kLoad, msg);
+        }
+        if (file != nullptr)
+            return usage_error(kLoad, "one FILE only");
+        file = a;
+    }
+    if (file == nullptr)
+        return usage_error(kLoad, "FILE is missing");
+
+    tarndev::LoadOutcome r = tarndev::load_device_file(file);
+    if (r.status != 0) {
+        if (r.partly_written)
+            fprintf(stderr,
+                    "tarnctl load: %s: %s; the device may be partly loaded, "
+                    "run \"tarnctl load %s\" again\n",
+                    file, r.message.c_str(), file);
+        else
+            fprintf(stderr,
+                    "tarnctl load: %s; nothing was written, correct %s and "
+                    "run \"tarnctl load %s\" again\n",
+                    r.message.c_str(), file, file);
+        return kExitFailed;
+    }
+    printf("loaded %s into %s: %zu contexts, %zu tables, %zu interfaces, "
+           "%zu topologies\n",
+           file, tarnhost_root(), r.contexts, r.tables, r.interfaces,
+           r.topologies);
+    return kExitOk;
+}
+
+}  // namespace tarnctl
