@@ -8,7 +8,9 @@ string(REPLACE "\n" ";" lines "${out}")
 set(actual "")
 foreach(line ${lines})
   string(REGEX MATCH "[^ ]+$" name "${line}")
-  if(name AND NOT name MATCHES "^(_init|_fini|_edata|_end|__bss_start)$")
+  # The sanitizers add their own markers (__odr_asan.*, __asan_*).
+  if(name AND NOT name MATCHES "^(_init|_fini|_edata|_end|__bss_start)$"
+     AND NOT name MATCHES "^__(odr_asan|asan|ubsan|sancov)")
     list(APPEND actual ${name})
   endif()
 endforeach()
