@@ -10,7 +10,11 @@
  *     returns the handle, or BUS_HANDLE_NONE (all ones) with errno set.
  *     `type` and the 24-byte `addr` record are the caller's bind parameters
  *     and are kept with the handle; `name` labels it.  bus_unbind(handle)
- *     closes it and withdraws its subscriptions.
+ *     closes it and withdraws its subscriptions (0 or an errno value).
+ *     Binding an access point that a live handle holds fails with
+ *     EADDRINUSE; `sap` 0 or below -1 with EINVAL.  Handles are unique on
+ *     the device and belong to the process that bound them: a forked child
+ *     does not inherit them.
  *
  *  2. Options.  Each handle has one 32-bit option word per opcode,
  *     bus_options_get(handle, opcode) / bus_options_set(handle, opcode,
@@ -28,12 +32,19 @@
  *     sender, whatever node and sap say.  When `sent` is not null it
  *     receives a reference to the sent message, which the caller releases
  *     with bus_drop.  The payload is copied: the caller may free it at once.
- *     Payloads up to BUS_MAX_PAYLOAD bytes.
+ *     Payloads up to BUS_MAX_PAYLOAD bytes; a longer one fails with
+ *     EMSGSIZE and nothing is sent.  Other errno values: EBADF (handle not
+ *     bound in this process), ECONNREFUSED (nobody at that access point, or
+ *     the replied-to sender is gone), EHOSTUNREACH (a node other than
+ *     BUS_NODE_LOCAL or 0), EAGAIN (a receiver's queue stayed full for the
+ *     send wait; on a publish every other subscriber still got the message).
  *
  *  4. Receiving.  bus_recv(handle, opts) returns the next message for the
  *     handle, or null with errno set (EAGAIN after opts->timeout_s seconds
- *     without one; 0 means do not wait).  The caller owns the message until
- *     bus_drop(handle, msg) (0, or -1 with errno set).
+ *     without one; 0 means do not wait; a null `opts` or a mode other than
+ *     1 does not wait either).  The caller owns the message until
+ *     bus_drop(handle, msg) (0, or -1 with errno set; the message is
+ *     released even then, so a failed drop is never retried).
  *
  *  5. Messages.  bus_payload_get(msg, &len) gives the payload (null and 0
  *     when the message has none); bus_opc_get the opcode; bus_msg_id_get

@@ -1,0 +1,80 @@
+/*
+ * host/tarnhost_bus.h - the service side of the message bus, for tools,
+ * tests, publishers and examples: publishing notifications, serving an
+ * access point, answering requests, and a few views of the bus state that
+ * platform/bus.h does not offer.
+ *
+ * Layout of the bus under the host root (every process that names the same
+ * root shares it):
+ *
+ *   <root>/bus/lock            the next handle id; flock-ed while binding
+ *   <root>/bus/h/<handle>      the datagram socket of a handle (0600)
+ *   <root>/bus/ap/<sap>        symlink to the socket bound at that access
+ *                              point
+ *   <root>/bus/sub/<opcode>/<handle>
+ *                              one empty file (0600) per subscription
+ *
+ * Handles are decimal in file names.  Statuses are errno values, 0 for
+ * success.
+ */
+#ifndef TARNHOST_TARNHOST_BUS_H
+#define TARNHOST_TARNHOST_BUS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "platform/bus.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- publishing --------------------------------------------------------- */
+
+/* Publish a notification of `opcode` to every handle subscribed to it.
+ * `handle` is the sender; BUS_HANDLE_NONE binds a temporary dynamic handle
+ * for the one message. */
+int tarnhost_bus_publish(uint32_t handle, uint32_t opcode,
+                         const void *payload, uint32_t len);
+
+/* Set (on = 1) or clear (on = 0) the receive bit of a handle's option word
+ * for `opcode`, keeping the other bits. */
+int tarnhost_bus_subscribe(uint32_t handle, uint32_t opcode, int on);
+
+/* The handles subscribed to `opcode` on this device now, in no particular
+ * order: up to `max` of them are written to `out`; the result is how many
+ * there are. */
+size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max);
+
+/* ---- serving ------------------------------------------------------------ */
+
+/* Bind the fixed access point `sap` (>= 1).  The handle, or BUS_HANDLE_NONE
+ * with errno set (EADDRINUSE when a live process holds it). */
+uint32_t tarnhost_bus_serve(int32_t sap, const char *name);
+
+/* Receive with a timeout in milliseconds (0: do not wait).  Null with errno
+ * set (EAGAIN when nothing came in time). */
+bus_msg_t *tarnhost_bus_recv_ms(uint32_t handle, uint32_t timeout_ms);
+
+/* Answer `request`, received on `handle`, with a message of `opcode`. */
+int tarnhost_bus_reply(uint32_t handle, const bus_msg_t *request,
+                       uint32_t opcode, const void *payload, uint32_t len);
+
+/* ---- messages ----------------------------------------------------------- */
+
+/* The handle that sent a message (BUS_HANDLE_NONE for null). */
+uint32_t tarnhost_bus_sender_get(const bus_msg_t *msg);
+/* The id of the message that this one answers; 0 when it is no reply. */
+uint32_t tarnhost_bus_reply_to_get(const bus_msg_t *msg);
+
+/* ---- tuning ------------------------------------------------------------- */
+
+/* How long a send may wait for room in a receiver's queue before it gives
+ * up with EAGAIN (default 2000 ms).  Process-wide. */
+void tarnhost_bus_set_send_wait_ms(uint32_t ms);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TARNHOST_TARNHOST_BUS_H */
