@@ -18,6 +18,8 @@
 
 #include <atomic>
 #include <mutex>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "host/kvs_internal.h"
 #include "host/tarnhost.h"
@@ -118,9 +120,56 @@ uint32_t lookup(const uint8_t *key, const void **data, uint32_t *len)
     return st;
 }
 
+// What this thread has read of the interfaces, kept while the database's
+// generation stays the same: the query paths ask about the same interfaces
+// again and again, and most of all whether one is the management interface.
+struct IfCache {
+    const char *root = nullptr;
+    uint64_t generation = 0;
+    std::unordered_map<uint32_t, IfRecord> known;
+    std::unordered_set<uint32_t> unknown;
+};
+constexpr size_t kIfCacheMax = 1u << 16;
+
+uint32_t read_if_from_store(uint32_t ifindex, IfRecord *rec);
+
 // 0 with *rec filled, NIC_ERR_UNKNOWN for an unknown interface, or the
 // store's status.
 uint32_t read_if(uint32_t ifindex, IfRecord *rec)
+{
+    static thread_local IfCache cache;
+    const char *root = g_attached_root.load(std::memory_order_acquire);
+    uint64_t generation = 0;
+    if (root == nullptr || strcmp(root, tarnhost_root()) != 0 ||
+        tarnhost::kvs_generation(kUri, &generation) != KVS_OK)
+        return read_if_from_store(ifindex, rec);
+    if (cache.root != root || cache.generation != generation ||
+        cache.known.size() + cache.unknown.size() >= kIfCacheMax) {
+        cache.known.clear();
+        cache.unknown.clear();
+        cache.root = root;
+        cache.generation = generation;
+    }
+    auto it = cache.known.find(ifindex);
+    if (it != cache.known.end()) {
+        *rec = it->second;
+        return KVS_OK;
+    }
+    if (cache.unknown.count(ifindex) != 0)
+        return NIC_ERR_UNKNOWN;
+    const uint32_t st = read_if_from_store(ifindex, rec);
+    // Only what was read within the generation checked above is kept.
+    uint64_t after = 0;
+    if (tarnhost::kvs_generation(kUri, &after) == KVS_OK && after == generation) {
+        if (st == KVS_OK)
+            cache.known.emplace(ifindex, *rec);
+        else if (st == NIC_ERR_UNKNOWN)
+            cache.unknown.insert(ifindex);
+    }
+    return st;
+}
+
+uint32_t read_if_from_store(uint32_t ifindex, IfRecord *rec)
 {
     uint8_t key[kKeyLen];
     make_key(key, kTagIf, ifindex);

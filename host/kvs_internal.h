@@ -19,6 +19,11 @@ TARNHOST_HIDDEN uint32_t kvs_lookup(const char *uri, const void *key,
                                     uint32_t key_len, const void **data,
                                     uint32_t *len);
 
+// The id of the database's last committed transaction: it changes with
+// every change any process commits, so a reader may keep what it derived
+// from the database for as long as the id stays the same.
+TARNHOST_HIDDEN uint32_t kvs_generation(const char *uri, uint64_t *generation);
+
 }  // namespace tarnhost
 
 #endif

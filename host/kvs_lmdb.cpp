@@ -554,6 +554,21 @@ uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len,
     return KVS_OK;
 }
 
+uint32_t kvs_generation(const char *uri, uint64_t *generation)
+{
+    if (uri == nullptr || generation == nullptr)
+        return KVS_ERR_INVALID;
+    uint32_t st = KVS_OK;
+    Reader *rd = reader_for(uri, &st);
+    if (rd == nullptr)
+        return st;
+    MDB_envinfo info;
+    if (mdb_env_info(rd->link->env->env, &info) != 0)
+        return KVS_ERR_IO;
+    *generation = static_cast<uint64_t>(info.me_last_txnid);
+    return KVS_OK;
+}
+
 }  // namespace tarnhost
 
 // ---- iterator ---------------------------------------------------------------

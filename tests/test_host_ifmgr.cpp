@@ -138,6 +138,25 @@ TEST_F(host_ifmgr, management_interface)
     EXPECT_EQ(0u, nic_is_mgmtether(0x5000001));
 }
 
+TEST_F(host_ifmgr, answers_follow_every_change_of_any_process)
+{
+    ASSERT_EQ(0u, put(0x5000000, 1, "mgmt0", nullptr, 1));
+    // Asked twice, so a second answer could come from what was kept.
+    EXPECT_NE(0u, nic_is_mgmtether(0x5000000));
+    EXPECT_NE(0u, nic_is_mgmtether(0x5000000));
+    EXPECT_EQ(0u, nic_is_mgmtether(0x5000001));
+    ASSERT_EQ(0, tarntest::run_child([] {
+        return static_cast<int>(put(0x5000000, 1, "mgmt0", nullptr, 0) |
+                                put(0x5000001, 2, "mgmt1", nullptr, 1));
+    }));
+    EXPECT_EQ(0u, nic_is_mgmtether(0x5000000));
+    EXPECT_NE(0u, nic_is_mgmtether(0x5000001));
+    EXPECT_STREQ("mgmt1", nic_get_if_name(0x5000001));
+    ASSERT_EQ(0u, tarnhost_ifmgr_clear());
+    EXPECT_EQ(0u, nic_is_mgmtether(0x5000001));
+    EXPECT_STREQ("unknown(83886081)", nic_get_if_name(0x5000001));
+}
+
 TEST_F(host_ifmgr, port_channel_of_a_member_port)
 {
     ASSERT_EQ(0u, put(0x16000001, 100, "port-channel1"));
