@@ -10,6 +10,8 @@ namespace {
 
 const Command *const kCommands[] = {
     &kLoad,
+    &kShow,
+    &kWatch,
 };
 
 void print_usage(FILE *out)

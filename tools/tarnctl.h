@@ -29,6 +29,14 @@ int usage_error(const Command &cmd, const char *message);
 int cmd_load(int argc, char **argv);
 extern const Command kLoad;
 
+// tarnctl show WHAT [ARGUMENTS] [--json]
+int cmd_show(int argc, char **argv);
+extern const Command kShow;
+
+// tarnctl watch [--sap N] [--count N] [--timeout S]
+int cmd_watch(int argc, char **argv);
+extern const Command kWatch;
+
 }  // namespace tarnctl
 
 #endif

@@ -197,9 +197,13 @@ TARN_API uint32_t gyre_ftag_converge(void);
 TARN_API uint32_t gyre_ftag_stale(uint32_t tpg);
 
 /* Cache primitives. */
+/* Copy a cached topology's VLAN and ftag bits into the caller's bitmaps
+ * (their length words are not written); 1 when the topology is cached. */
 TARN_API uint32_t gyre_cache_get_topo_info(uint32_t tpg, gyre_vlan_bmp_t *vlans,
                                            gyre_ftag_bmp_t *ftags);
+/* Remove the ftags named by an attribute change of kind 2 from the cache. */
 TARN_API uint32_t gyre_cache_delete_topo_ftag(const struct bus_msg *msg);
+/* Free the whole cache (topologies and tables); the cache flag stays. */
 TARN_API void gyre_cache_delete_info(void);
 /* Topology id of a decimal name, or 0xFFFFFFFF. */
 TARN_API uint32_t gyre_l2_tpg_name2id(const char *name);

@@ -152,6 +152,7 @@ TARN_API uint32_t __tarn_api_mem_type_t_str2enum(const char *name);
 /* Debug switch: tarn_api_debug(handle, enable) is
  * tarn_api_debug_common(handle, 1, enable).  A null handle returns 0. */
 TARN_API uint32_t tarn_api_debug(void *handle, uint32_t enable);
+/* The switch itself: `kind` 1 Tarn, 2 Gyre; both set the one debug flag. */
 TARN_API uint32_t tarn_api_debug_common(void *handle, uint32_t kind, uint32_t enable);
 /* 1 when the client record exists; else reports TARN_NOALLOC, returns 0. */
 TARN_API uint32_t tarn_clt_initialized(void);
@@ -429,9 +430,11 @@ TARN_API uint32_t tarn_get_next_context_info(uint32_t context_id,
 /* Table id registered under (context id, address family, name), or 0. */
 TARN_API uint32_t tarn_get_table_id(uint32_t context_id, uint32_t af,
                                     const char *table_name);
+/* As tarn_get_table_id, the context given by name (0 when unknown). */
 TARN_API uint32_t tarn_context_get_table_id(const char *context_name,
                                             uint32_t af,
                                             const char *table_name);
+/* As tarn_get_table_id, in the context of interface `ifindex`. */
 TARN_API uint32_t tarn_if_get_table_id(uint32_t ifindex, uint32_t af,
                                        const char *table_name);
 /* Fill `info` with table `table_id`; 1 when found. */
@@ -450,8 +453,12 @@ TARN_API uint32_t tarn_get_vrf_name_table_name(uint32_t table_id,
  * always in "management". */
 TARN_API uint32_t tarn_if_get_context_info(uint32_t ifindex,
                                            tarn_if_context_info_t *info);
+/* 1 when tarn_if_get_context_info knows the interface's context. */
 TARN_API uint32_t tarn_is_if_cli_ready(uint32_t ifindex);
+/* The interface's context name, or "<unknown>"; buffer rules as
+ * tarn_get_context_name. */
 TARN_API char *tarn_if_get_context_name(uint32_t ifindex, char *buf);
+/* The interface's context id, or 0. */
 TARN_API uint32_t tarn_if_get_context_id(uint32_t ifindex);
 /* 1 when the interface's context exists and is Up. */
 TARN_API uint32_t tarn_is_if_usable(uint32_t ifindex);

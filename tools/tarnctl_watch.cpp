@@ -1,0 +1,484 @@
+// tarnctl watch: a client process of the device that keeps libtarn's
+// caches (the AS-number display format, the Gyre topology cache) and says,
+// one line per notification, what each one changed.
+
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include <string>
+#include <vector>
+
+#include <tarn/gyre.h>
+#include <tarn/tarn.h>
+
+#include "host/tarnhost.h"
+#include "platform/alloctrack.h"
+#include "platform/bus.h"
+#include "tools/tarnctl.h"
+
+namespace tarnctl {
+
+const Command kWatch = {
+    "watch",
+    "[--sap N] [--count N] [--timeout S]",
+    "follow the device's notifications as a caching client",
+    cmd_watch,
+};
+
+namespace {
+
+// Access points tried, in order, when --sap is not given.
+constexpr int32_t kFirstSap = 1000;
+constexpr int32_t kLastSap = 1099;
+constexpr int32_t kMaxSap = 0x7FFFFFFF;
+
+volatile sig_atomic_t g_stop = 0;
+
+void on_signal(int) { g_stop = 1; }
+
+void print_help()
+{
+    printf("usage: tarnctl watch [--sap N] [--count N] [--timeout S]\n"
+           "\n"
+           "Runs as a client process of the device in $TARNHOST_ROOT: binds "
+           "a bus access\n"
+           "point (N, or the first free one from %d to %d), registers with "
+           "the Tarn and\n"
+           "Gyre clients, tracks the AS-number display format and keeps the "
+           "Gyre cache.\n"
+           "It prints its access point and bus handle first, then one line "
+           "per message\n"
+           "received: the time, the opcode's name and what the message "
+           "changed.  Cache\n"
+           "dump requests (\"tarnctl dump-cache\") sent to its access point "
+           "are answered.\n"
+           "\n"
+           "It stops on SIGINT or SIGTERM, after N messages (--count) or "
+           "after S seconds\n"
+           "(--timeout), closes the library, releases its access point and "
+           "prints the\n"
+           "memory that libtarn still holds in the memory tracker "
+           "(library %u).\n"
+           "\n"
+           "Exit status: 0 stopped, 1 could not start, 2 usage error.\n",
+           kFirstSap, kLastSap, TARN_LIB_ALLOC_ID);
+}
+
+std::string now_text()
+{
+    timeval tv;
+    gettimeofday(&tv, nullptr);
+    time_t secs = tv.tv_sec;
+    tm t;
+    localtime_r(&secs, &t);
+    char buf[32];
+    snprintf(buf, sizeof buf, "%02d:%02d:%02d.%03ld", t.tm_hour, t.tm_min,
+             t.tm_sec, static_cast<long>(tv.tv_usec / 1000));
+    return buf;
+}
+
+double monotonic_seconds()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9;
+}
+
+uint32_t load32(const uint8_t *p)
+{
+    uint32_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
+uint16_t load16(const uint8_t *p)
+{
+    uint16_t v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// What the cache holds for a topology now.
+std::string topology_now(uint32_t tpg)
+{
+    gyre_vlan_bmp_t vlans;
+    gyre_ftag_bmp_t ftags;
+    memset(&vlans, 0, sizeof vlans);
+    memset(&ftags, 0, sizeof ftags);
+    vlans.len = GYRE_VLAN_BMP_BYTES;
+    ftags.len = GYRE_FTAG_BMP_BYTES;
+    if (gyre_cache_get_topo_info(tpg, &vlans, &ftags) == 0)
+        return "topology " + std::to_string(tpg) + " not cached";
+    std::string v = gyre_vlans2str(&vlans);
+    std::string f = gyre_ftag2str(&ftags);
+    return "topology " + std::to_string(tpg) + " vlans " + v + " ftags " + f;
+}
+
+// The facts of a message taken before it is handed over: the library may
+// free it while applying it.
+struct Seen {
+    uint32_t opcode = 0;
+    bool has_payload = false;
+    uint16_t kind = 0;                 // attribute change
+    uint32_t word24 = 0;               // attribute change: format or page
+    std::vector<uint32_t> topologies;  // 51208, 51210, 51214, kind 2
+    struct Ftag {
+        uint32_t reason, tpg, flags;
+        uint16_t graph, ftag;
+    };
+    std::vector<Ftag> ftags;  // 51215
+};
+
+Seen inspect(const bus_msg_t *msg)
+{
+    Seen s;
+    s.opcode = bus_opc_get(msg);
+    uint32_t len = 0;
+    const uint8_t *p = static_cast<const uint8_t *>(bus_payload_get(msg, &len));
+    s.has_payload = p != nullptr;
+    if (p == nullptr)
+        return s;
+    switch (s.opcode) {
+    case BUS_OPC_GYRE_TPG_CREATE:
+    case BUS_OPC_GYRE_TPG_DELETE:
+        if (len >= 24)
+            s.topologies.push_back(load32(p + 20));
+        break;
+    case BUS_OPC_GYRE_TPG_VLANS:
+        if (len >= 24) {
+            uint32_t n = load32(p + 20);
+            for (uint32_t i = 0; i < n && 24 + (i + 1) * 556ull <= len; ++i)
+                s.topologies.push_back(load32(p + 24 + i * 556));
+        }
+        break;
+    case BUS_OPC_GYRE_FTAG_UPDATE:
+        if (len >= 4) {
+            uint32_t n = load32(p);
+            for (uint32_t i = 0; i < n && 4 + i * 1048ull + 16 <= len; ++i) {
+                const uint8_t *e = p + 4 + i * 1048;
+                s.ftags.push_back({load32(e), load32(e + 4),
+                                   load32(e + 12), load16(e + 8),
+                                   load16(e + 10)});
+            }
+        }
+        break;
+    case BUS_OPC_TARN_ATTR_CHANGE:
+        if (len >= 4)
+            s.kind = load16(p + 2);
+        if (len >= 28)
+            s.word24 = load32(p + 24);
+        if (s.kind == 2 && len >= 32)
+            s.topologies.push_back(load32(p + 28));
+        break;
+    default:
+        break;
+    }
+    return s;
+}
+
+// What the message changed, told from the library's state after it was
+// applied.
+std::string describe(const Seen &s, int32_t result)
+{
+    std::string out;
+    auto add = [&](const std::string &part) {
+        out += (out.empty() ? "" : "; ") + part;
+    };
+    if (!s.has_payload && s.opcode != 51209 && s.opcode != 51211 &&
+        s.opcode != 51212 && s.opcode != 51213)
+        add("no payload");
+    switch (s.opcode) {
+    case BUS_OPC_GYRE_TPG_CREATE:
+        for (uint32_t t : s.topologies)
+            add("created: " + topology_now(t));
+        break;
+    case BUS_OPC_GYRE_TPG_DELETE:
+        for (uint32_t t : s.topologies)
+            add("deleted: " + topology_now(t));
+        break;
+    case BUS_OPC_GYRE_TPG_VLANS:
+        for (uint32_t t : s.topologies)
+            add(topology_now(t));
+        break;
+    case BUS_OPC_GYRE_FTAG_UPDATE:
+        for (const Seen::Ftag &f : s.ftags) {
+            uint32_t owner = gyre_get_ftag_l2_tpg(f.ftag);
+            char buf[160];
+            snprintf(buf, sizeof buf,
+                     "%s ftag %u topology %u graph %u flags 0x%x: ",
+                     gyre_ftag_reason2str(f.reason),
+                     static_cast<unsigned>(f.ftag),
+                     static_cast<unsigned>(f.tpg),
+                     static_cast<unsigned>(f.graph),
+                     static_cast<unsigned>(f.flags));
+            add(std::string(buf) +
+                (owner == GYRE_TPG_NONE
+                     ? "ftag " + std::to_string(f.ftag) + " unused"
+                     : topology_now(owner)));
+        }
+        break;
+    case 51209:
+    case 51211:
+    case 51212:
+    case 51213:
+        add("nothing for the cache");
+        break;
+    case BUS_OPC_TARN_ATTR_CHANGE:
+        if (!s.has_payload)
+            break;
+        switch (s.kind) {
+        case 1:
+            add("kind 1: AS format " + std::to_string(tarn_get_as_format()));
+            break;
+        case 2:
+            for (uint32_t t : s.topologies)
+                add("kind 2: ftags deleted, " + topology_now(t));
+            break;
+        case 3:
+            add("kind 3: Gyre cache deleted");
+            break;
+        case 4:
+            add("kind 4: cache dump page " + std::to_string(s.word24) +
+                (result == 1 ? " answered" : " not answered"));
+            break;
+        default:
+            add("kind " + std::to_string(s.kind) + ": ignored");
+            break;
+        }
+        break;
+    default:
+        add("not for libtarn");
+        break;
+    }
+    return out;
+}
+
+void print_memory()
+{
+    printf("tracked memory of library %u:", TARN_LIB_ALLOC_ID);
+    for (uint32_t type = TARN_LIB_MEM_NONE + 1; type < TARN_LIB_MEM_MAX;
+         ++type) {
+        const char *name = __tarn_api_mem_type_t_find(type);
+        printf(" %s %llu (%llu bytes)%s", name ? name : "?",
+               static_cast<unsigned long long>(
+                   alloctrack_live_count(TARN_LIB_ALLOC_ID, type)),
+               static_cast<unsigned long long>(
+                   alloctrack_live_bytes(TARN_LIB_ALLOC_ID, type)),
+               type + 1 < TARN_LIB_MEM_MAX ? "," : "\n");
+    }
+}
+
+bool parse_number(const char *text, uint64_t lo, uint64_t hi, uint64_t *out)
+{
+    if (text == nullptr || *text == '\0' || strlen(text) > 10)
+        return false;
+    for (const char *c = text; *c; ++c)
+        if (*c < '0' || *c > '9')
+            return false;
+    uint64_t v = strtoull(text, nullptr, 10);
+    if (v < lo || v > hi)
+        return false;
+    *out = v;
+    return true;
+}
+
+// Binds the access point asked for, or the first free one of the range.
+uint32_t bind_access_point(int32_t asked, int32_t *sap)
+{
+    bus_addr_t addr;
+    memset(&addr, 0, sizeof addr);
+    if (asked > 0) {
+        *sap = asked;
+        return bus_bind(0, asked, &addr, "tarnctl watch");
+    }
+    for (int32_t s = kFirstSap; s <= kLastSap; ++s) {
+        uint32_t h = bus_bind(0, s, &addr, "tarnctl watch");
+        if (h != BUS_HANDLE_NONE || errno != EADDRINUSE) {
+            *sap = s;
+            return h;
+        }
+    }
+    *sap = kLastSap;
+    errno = EADDRINUSE;
+    return BUS_HANDLE_NONE;
+}
+
+}  // namespace
+
+int cmd_watch(int argc, char **argv)
+{
+    uint64_t sap = 0, count = 0, timeout = 0;
+    for (int i = 0; i < argc; ++i) {
+        const char *a = argv[i];
+        if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
+            print_help();
+            return kExitOk;
+        }
+        struct {
+            const char *name;
+            uint64_t *out;
+            uint64_t hi;
+            const char *what;
+        } const opts[] = {
+            {"--sap", &sap, kMaxSap, "--sap takes an access point from 1 to 2147483647"},
+            {"--count", &count, 0xFFFFFFFFu, "--count takes a number from 1 to 4294967295"},
+            {"--timeout", &timeout, 86400u * 365, "--timeout takes seconds from 1 to 31536000"},
+        };
+        bool matched = false;
+        for (const auto &o : opts) {
+            size_t n = strlen(o.name);
+            const char *value = nullptr;
+            if (strcmp(a, o.name) == 0) {
+                if (i + 1 >= argc)
+                    return usage_error(kWatch, (std::string(o.name) +
+                                                " needs a value").c_str());
+                value = argv[++i];
+            } else if (strncmp(a, o.name, n) == 0 && a[n] == '=') {
+                value = a + n + 1;
+            } else {
+                continue;
+            }
+            if (!parse_number(value, 1, o.hi, o.out))
+                return usage_error(kWatch, o.what);
+            matched = true;
+            break;
+        }
+        if (matched)
+            continue;
+        std::string msg = a[0] == '-' ? "unknown option \"" + std::string(a) + "\""
+                                      : "unexpected argument \"" + std::string(a) + "\"";
+        return usage_error(kWatch, msg.c_str());
+    }
+
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_signal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+
+    if (tarn_api_init() != TARN_SUCCESS) {
+        fprintf(stderr,
+                "tarnctl watch: libtarn could not be initialised for the "
+                "device in %s (it serves cell 1 only; check TARNHOST_CELL and "
+                "%s/log/messages)\n",
+                tarnhost_root(), tarnhost_root());
+        return kExitFailed;
+    }
+    if (tarn_clt == nullptr || tarn_clt->initialized == 0) {
+        fprintf(stderr,
+                "tarnctl watch: the device in %s is not up; load one with "
+                "\"tarnctl load FILE\"\n",
+                tarnhost_root());
+        return kExitFailed;
+    }
+
+    int32_t bound_sap = 0;
+    uint32_t h = bind_access_point(static_cast<int32_t>(sap), &bound_sap);
+    if (h == BUS_HANDLE_NONE) {
+        int err = errno;
+        tarn_api_close();
+        if (err == EADDRINUSE)
+            fprintf(stderr,
+                    sap != 0 ? "tarnctl watch: access point %d is taken by a "
+                               "live process; choose another with --sap\n"
+                             : "tarnctl watch: access points up to %d are all "
+                               "taken; choose one with --sap\n",
+                    bound_sap);
+        else
+            fprintf(stderr,
+                    "tarnctl watch: cannot bind a bus access point in %s/bus "
+                    "(%s); check that the directory is writable\n",
+                    tarnhost_root(), strerror(err));
+        return kExitFailed;
+    }
+
+    const char *step = nullptr;
+    gyre_cache_attr_t attr;
+    attr.bus_handle = h;
+    if (tarn_register(h) != TARN_SUCCESS)
+        step = "tarn_register";
+    else if (gyre_register(h) != TARN_SUCCESS)
+        step = "gyre_register";
+    else if (tarn_track_as_format() != TARN_SUCCESS)
+        step = "tarn_track_as_format";
+    else if (gyre_enable_cache_mode(&attr) != TARN_SUCCESS)
+        step = "gyre_enable_cache_mode";
+    if (step != nullptr) {
+        gyre_api_close();
+        tarn_api_close();
+        bus_unbind(h);
+        fprintf(stderr,
+                "tarnctl watch: %s failed; the reason is in %s/log/messages\n",
+                step, tarnhost_root());
+        return kExitFailed;
+    }
+
+    printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
+           tarnhost_root());
+    printf("AS format %u\n", tarn_get_as_format());
+    {
+        std::vector<uint32_t> tpgs;
+        tarn_table_info_t info;
+        memset(&info, 0, sizeof info);
+        for (uint32_t t = gyre_get_first_l2_tpg(&info);
+             t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
+            tpgs.push_back(t);
+        for (uint32_t t : tpgs)
+            printf("cached %s\n", topology_now(t).c_str());
+    }
+    printf("watching\n");
+
+    const double start = monotonic_seconds();
+    uint64_t handled = 0;
+    const char *why = "signal";
+    bus_recv_opts_t ro;
+    ro.mode = 1;
+    ro.flags = 0;
+    ro.timeout_s = 1;
+    for (;;) {
+        if (g_stop) {
+            why = "signal";
+            break;
+        }
+        if (count != 0 && handled >= count) {
+            why = "count";
+            break;
+        }
+        if (timeout != 0 && monotonic_seconds() - start >= timeout) {
+            why = "timeout";
+            break;
+        }
+        bus_msg_t *msg = bus_recv(h, &ro);
+        if (msg == nullptr)
+            continue;
+        const Seen seen = inspect(msg);
+        const std::string name = bus_opc_name_get(seen.opcode);
+        const int32_t r = tarn_dispatch(msg);
+        // 1: the library applied the message and dropped it; anything else
+        // leaves it to us.
+        if (r != 1)
+            bus_drop(h, msg);
+        std::string what = describe(seen, r);
+        if (r == -1 && what != "not for libtarn")
+            what += " (not taken by libtarn)";
+        printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+        ++handled;
+    }
+
+    gyre_api_close();
+    tarn_api_close();
+    bus_unbind(h);
+    printf("stopped (%s) after %llu messages; access point %d released\n", why,
+           static_cast<unsigned long long>(handled), bound_sap);
+    print_memory();
+    return kExitOk;
+}
+
+}  // namespace tarnctl
