@@ -9,6 +9,7 @@
 #include <tarn/tarn.h>
 
 #include "core/state.h"
+#include "gyre/internal.h"
 #include "host/tarnhost.h"
 #include "platform/alloctrack.h"
 
@@ -16,6 +17,11 @@ namespace tarntest {
 
 void reset_library()
 {
+    // The Gyre side first: its cache is freed through the memory tracker.
+    gyre_cache_delete_info();
+    gyre_cache_enabled = 0;
+    gyre_api_is_initialized = 0;
+    gyre_kvs_handle = nullptr;
     if (tarn_clt != nullptr)
         alloctrack_free(TARN_LIB_ALLOC_ID, TARN_LIB_MEM_TARN_CLT, tarn_clt);
     tarn_clt = nullptr;

@@ -11,7 +11,8 @@
 namespace tarntest {
 
 // Frees the client record and clears every process flag, as in a process
-// that has not yet called the library.
+// that has not yet called the library; the Gyre side too (its cache freed,
+// cache and initialised flags cleared, no database handle).
 void reset_library();
 
 // The cell database URI once the device is up with the default running URI.

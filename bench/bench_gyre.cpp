@@ -1,0 +1,390 @@
+// Gyre queries over a fabric of 64 topologies, 1024 ftags and 4096 VLANs,
+// with the client cache on and off, each beside a raw LMDB read of the key
+// the database path reads first (mdb_get in a renewed read transaction);
+// the set formatters; the cache build; and applying a VLAN-update message
+// of 64 records and an ftag-update message of 100 entries.  The counter
+// "ratio" lines compare each query to its raw read.
+
+#include <lmdb.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include <tarn/gyre.h>
+#include <tarn/tarn.h>
+
+#include "gyre/internal.h"
+#include "host/tarnhost.h"
+#include "host/tarnhost_bus.h"
+#include "platform/bus.h"
+#include "tools/device_loader.h"
+
+namespace {
+
+constexpr uint32_t kTopologies = 64;
+constexpr uint32_t kFtagsPerTopology = 1024 / kTopologies;
+constexpr uint32_t kVlansPerTopology = 4096 / kTopologies;
+constexpr uint32_t kSap = 4343;
+
+uint32_t topology_id(uint32_t i) { return 100 + i; }
+
+// Topology i has VLANs 64i..64i+63 and ftags 16i..16i+15; its first ftag is
+// graph 1 (unicast), the others graphs 2..16 (multicast).
+std::string fabric_json(uint32_t topologies, uint32_t ftags_each, uint32_t vlans_each)
+{
+    std::string j = "{\"topologies\": [";
+    for (uint32_t i = 0; i < topologies; ++i) {
+        j += (i ? "," : "") + std::string("{\"id\": ") + std::to_string(topology_id(i));
+        if (vlans_each > 0)
+            j += ", \"active_vlans\": \"" + std::to_string(i * vlans_each) + "-" +
+                 std::to_string(i * vlans_each + vlans_each - 1) + "\"";
+        j += ", \"ftags\": [";
+        for (uint32_t k = 0; k < ftags_each; ++k)
+            j += (k ? "," : "") + std::string("{\"ftag\": ") +
+                 std::to_string(i * ftags_each + k) + ", \"graph\": " + std::to_string(k + 1) +
+                 "}";
+        j += "]}";
+    }
+    return j + "]}";
+}
+
+struct Bench {
+    MDB_env *env = nullptr;
+    MDB_dbi dbi = 0;
+    MDB_txn *txn = nullptr;
+    uint32_t client = BUS_HANDLE_NONE, service = BUS_HANDLE_NONE;
+    bool ok = false;
+
+    Bench()
+    {
+        char tmpl[] = "/tmp/gyrebench.XXXXXX";
+        const char *root = mkdtemp(tmpl);
+        if (root == nullptr)
+            return;
+        setenv("TARNHOST_ROOT", root, 1);
+        tarnhost_root_prepare();
+        tarnhost_log_set_facility("tarn", 5);
+        if (tarndev::load_device_text(fabric_json(kTopologies, kFtagsPerTopology, kVlansPerTopology),
+                                      "bench")
+                    .status != 0 ||
+            tarn_api_init() != 1 || gyre_api_init() != 1)
+            return;
+        client = bus_bind(4, kSap, nullptr, "bench client");
+        service = bus_bind(4, -1, nullptr, "bench service");
+        if (client == BUS_HANDLE_NONE || service == BUS_HANDLE_NONE)
+            return;
+        char path[1024];
+        const std::string uri = std::string(TARNHOST_RUNNING_URI) + "/gyre_kvs_info";
+        if (tarnhost_kvs_path(uri.c_str(), path, sizeof path) != 0)
+            return;
+        if (mdb_env_create(&env) != 0 || mdb_env_set_mapsize(env, 64u << 20) != 0 ||
+            mdb_env_open(env, path, MDB_RDONLY | MDB_NOTLS, 0600) != 0 ||
+            mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn) != 0 ||
+            mdb_dbi_open(txn, nullptr, 0, &dbi) != 0)
+            return;
+        mdb_txn_reset(txn);
+        ok = true;
+    }
+
+    bool raw_read(const uint8_t *key)
+    {
+        mdb_txn_reset(txn);
+        if (mdb_txn_renew(txn) != 0)
+            return false;
+        MDB_val k = {40, const_cast<uint8_t *>(key)}, v;
+        return mdb_get(txn, dbi, &k, &v) == 0 && v.mv_size > 0;
+    }
+
+    bool cache(bool on)
+    {
+        if (!on)
+            return gyre_disable_cache_mode() == 1 && gyre_cache_enabled == 0;
+        if (gyre_cache_enabled)
+            return true;
+        gyre_cache_attr_t attr{client};
+        return gyre_enable_cache_mode(&attr) == 1;
+    }
+
+    bus_msg_t *message(uint32_t opcode, const std::vector<uint8_t> &payload)
+    {
+        bus_send_opts_t opts;
+        memset(&opts, 0, sizeof opts);
+        opts.w[0] = 1;
+        if (bus_send(service, BUS_NODE_LOCAL, kSap, opcode, payload.data(),
+                     static_cast<uint32_t>(payload.size()), nullptr, nullptr, &opts) != 0)
+            return nullptr;
+        return tarnhost_bus_recv_ms(client, 2000);
+    }
+};
+
+Bench &bench()
+{
+    static Bench b;
+    return b;
+}
+
+// VLANs spread over the fabric (a stride prime to 4096).
+uint32_t vlan_at(size_t n) { return static_cast<uint32_t>((n * 1237) & 4095); }
+uint16_t ftag_at(size_t n) { return static_cast<uint16_t>((n * 613) & 1023); }
+
+template <class F>
+void with_cache(benchmark::State &state, bool on, F f)
+{
+    if (!bench().cache(on)) {
+        state.SkipWithError("cache switch failed");
+        return;
+    }
+    size_t n = 0, found = 0;
+    for (auto _ : state)
+        found += f(n++);
+    if (static_cast<benchmark::IterationCount>(found) != state.iterations())
+        state.SkipWithError("a query was not answered");
+}
+
+// ---- raw reads ---------------------------------------------------------------------
+
+void raw(benchmark::State &state, void (*make)(uint8_t *, size_t))
+{
+    std::vector<std::vector<uint8_t>> keys(256, std::vector<uint8_t>(40));
+    for (size_t i = 0; i < keys.size(); ++i)
+        make(keys[i].data(), i);
+    size_t n = 0, found = 0;
+    for (auto _ : state)
+        found += bench().raw_read(keys[n++ & 255].data());
+    if (static_cast<benchmark::IterationCount>(found) != state.iterations())
+        state.SkipWithError("a key was not found");
+}
+
+void BM_RawReadVlanTpg(benchmark::State &state)
+{
+    raw(state, [](uint8_t *k, size_t i) { gyre_make_vlan_tpg_key(k, vlan_at(i)); });
+}
+
+void BM_RawReadFtagTpg(benchmark::State &state)
+{
+    raw(state, [](uint8_t *k, size_t i) { gyre_make_ftag_tpg_key(k, ftag_at(i)); });
+}
+
+void BM_RawReadTpgVlans(benchmark::State &state)
+{
+    raw(state, [](uint8_t *k, size_t i) {
+        gyre_make_tpg_vlans_key(k, std::to_string(topology_id(static_cast<uint32_t>(i % kTopologies))).c_str(), 1);
+    });
+}
+
+// ---- queries -----------------------------------------------------------------------
+
+void BM_VlanFtag(benchmark::State &state)
+{
+    with_cache(state, state.range(0) != 0, [](size_t n) {
+        uint16_t f;
+        return gyre_get_vlan_ftag(vlan_at(n), 2, &f);
+    });
+}
+
+void BM_FtagTpg(benchmark::State &state)
+{
+    with_cache(state, state.range(0) != 0,
+               [](size_t n) { return gyre_get_ftag_l2_tpg(ftag_at(n)) != GYRE_TPG_NONE ? 1u : 0u; });
+}
+
+void BM_UnicastFtagByVlan(benchmark::State &state)
+{
+    with_cache(state, state.range(0) != 0, [](size_t n) {
+        uint16_t f;
+        return gyre_get_unicast_ftag_by_vlan(vlan_at(n), &f);
+    });
+}
+
+void BM_TpgVlans(benchmark::State &state)
+{
+    std::vector<std::string> names;
+    for (uint32_t i = 0; i < kTopologies; ++i)
+        names.push_back(std::to_string(topology_id(i)));
+    with_cache(state, state.range(0) != 0, [&names](size_t n) {
+        gyre_vlan_bmp_t b;
+        b.len = 512;
+        return gyre_get_l2_tpg_vlans(names[n % kTopologies].c_str(), &b, 1);
+    });
+}
+
+// ---- formatting -----------------------------------------------------------------------
+
+void BM_Vlans2StrFull(benchmark::State &state)
+{
+    gyre_vlan_bmp_t b;
+    b.len = 512;
+    memset(b.bits, 0xFF, sizeof b.bits);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(gyre_vlans2str(&b));
+}
+
+void BM_Vlans2StrAlternating(benchmark::State &state)
+{
+    gyre_vlan_bmp_t b;
+    b.len = 512;
+    memset(b.bits, 0xAA, sizeof b.bits);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(gyre_vlans2str(&b));
+}
+
+// ---- the cache build and the notifications ------------------------------------------------
+
+void BM_CacheBuild64(benchmark::State &state)
+{
+    Bench &b = bench();
+    for (auto _ : state) {
+        if (!b.cache(true)) {
+            state.SkipWithError("enable failed");
+            break;
+        }
+        state.PauseTiming();
+        b.cache(false);
+        state.ResumeTiming();
+    }
+}
+
+void BM_ApplyVlanUpdate64(benchmark::State &state)
+{
+    Bench &b = bench();
+    if (!b.cache(true)) {
+        state.SkipWithError("enable failed");
+        return;
+    }
+    // The fabric's own sets, so every application leaves the cache as it was.
+    std::vector<uint8_t> p(24 + 556 * kTopologies, 0);
+    const uint32_t count = kTopologies;
+    memcpy(&p[20], &count, 4);
+    for (uint32_t i = 0; i < kTopologies; ++i) {
+        uint8_t *r = &p[24 + 556 * i];
+        const uint32_t id = topology_id(i), len = 512;
+        memcpy(r, &id, 4);
+        memcpy(r + 40, &len, 4);
+        for (uint32_t v = i * kVlansPerTopology; v < (i + 1) * kVlansPerTopology; ++v)
+            r[44 + v / 8] |= static_cast<uint8_t>(0x80u >> (v % 8));
+    }
+    bus_msg_t *msg = b.message(51214, p);
+    if (msg == nullptr) {
+        state.SkipWithError("no message");
+        return;
+    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(gyre_dispatch_internal(msg));
+    bus_drop(b.client, msg);
+}
+
+void BM_ApplyFtagUpdate100(benchmark::State &state)
+{
+    Bench &b = bench();
+    if (!b.cache(true)) {
+        state.SkipWithError("enable failed");
+        return;
+    }
+    std::vector<uint8_t> p(4 + 1048 * 100, 0);
+    const uint32_t count = 100;
+    memcpy(&p[0], &count, 4);
+    for (uint32_t i = 0; i < 100; ++i) {
+        uint8_t *e = &p[4 + 1048 * i];
+        const uint16_t ftag = static_cast<uint16_t>(i * 10), graph = static_cast<uint16_t>(ftag % kFtagsPerTopology + 1);
+        const uint32_t reason = GYRE_FTAG_UPDATE, tpg = topology_id(ftag / kFtagsPerTopology),
+                       flags = graph == 1 ? 0x10 : 0x02;
+        memcpy(e, &reason, 4);
+        memcpy(e + 4, &tpg, 4);
+        memcpy(e + 8, &graph, 2);
+        memcpy(e + 10, &ftag, 2);
+        memcpy(e + 12, &flags, 4);
+    }
+    bus_msg_t *msg = b.message(51215, p);
+    if (msg == nullptr) {
+        state.SkipWithError("no message");
+        return;
+    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(gyre_dispatch_internal(msg));
+    bus_drop(b.client, msg);
+}
+
+// Replaces the device: runs last.
+void BM_CacheBuild1000(benchmark::State &state)
+{
+    Bench &b = bench();
+    b.cache(false);
+    if (tarndev::load_device_text(fabric_json(1000, 1, 4), "bench 1000").status != 0) {
+        state.SkipWithError("load failed");
+        return;
+    }
+    for (auto _ : state) {
+        if (!b.cache(true)) {
+            state.SkipWithError("enable failed");
+            break;
+        }
+        state.PauseTiming();
+        if (bst_count(&gyre_cache->tree) != 1000)
+            state.SkipWithError("not 1000 topologies");
+        b.cache(false);
+        state.ResumeTiming();
+    }
+}
+
+BENCHMARK(BM_RawReadVlanTpg);
+BENCHMARK(BM_RawReadFtagTpg);
+BENCHMARK(BM_RawReadTpgVlans);
+BENCHMARK(BM_VlanFtag)->Arg(0)->Arg(1);
+BENCHMARK(BM_FtagTpg)->Arg(0)->Arg(1);
+BENCHMARK(BM_UnicastFtagByVlan)->Arg(0)->Arg(1);
+BENCHMARK(BM_TpgVlans)->Arg(0)->Arg(1);
+BENCHMARK(BM_Vlans2StrFull);
+BENCHMARK(BM_Vlans2StrAlternating);
+BENCHMARK(BM_CacheBuild64)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ApplyVlanUpdate64)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ApplyFtagUpdate100)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CacheBuild1000)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run> &runs) override
+    {
+        for (const Run &r : runs)
+            times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
+        ConsoleReporter::ReportRuns(runs);
+    }
+    void Finalize() override
+    {
+        ConsoleReporter::Finalize();
+        auto ratio = [this](const char *q, const char *raw) {
+            if (times_.count(q) && times_.count(raw) && times_[raw] > 0)
+                printf("ratio %-26s %8.2f (%.1f ns vs %.1f ns)\n", q, times_[q] / times_[raw],
+                       times_[q], times_[raw]);
+        };
+        ratio("BM_VlanFtag/0", "BM_RawReadVlanTpg");
+        ratio("BM_VlanFtag/1", "BM_RawReadVlanTpg");
+        ratio("BM_FtagTpg/0", "BM_RawReadFtagTpg");
+        ratio("BM_FtagTpg/1", "BM_RawReadFtagTpg");
+        ratio("BM_UnicastFtagByVlan/0", "BM_RawReadVlanTpg");
+        ratio("BM_UnicastFtagByVlan/1", "BM_RawReadVlanTpg");
+        ratio("BM_TpgVlans/0", "BM_RawReadTpgVlans");
+        ratio("BM_TpgVlans/1", "BM_RawReadTpgVlans");
+    }
+
+private:
+    std::map<std::string, double> times_;
+};
+
+int main(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (!bench().ok) {
+        fprintf(stderr, "bench_gyre: could not set up the fabric\n");
+        return 1;
+    }
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    return 0;
+}
