@@ -72,6 +72,13 @@ void tarn_report_init(const msg_error_t *e, A... args)
     tarn_report(e, args...);
 }
 
+// Whether a debug line would be printed now; callers whose arguments cost
+// something to compute (formatted sets) ask first.
+inline bool debug_on()
+{
+    return debug_enabled && dbgwrap_library_chk_int(TARN_LIB_DBG_INDEX, 2);
+}
+
 // The debug print path: one flag test while debugging is off.
 template <class... A>
 void tarn_debug(const char *format, A... args)

@@ -95,9 +95,11 @@ uint32_t gyre_cache_verify_topo(const gyre_cache_tpg_node_t *node)
     return result;
 }
 
+// Every line checks the debug switch again (tarn_debug), so a print may
+// stop part way if debugging is switched off meanwhile.
 void gyre_cache_debug_print(void)
 {
-    if (gyre_cache == nullptr)
+    if (gyre_cache == nullptr || !tarn::debug_on())
         return;
     tarn_debug("%s\n", kStars);
     tarn_debug("Tpg -> Ftag & Vlan Mapping\n");
@@ -194,7 +196,7 @@ void gyre_print_resp_dump_info(const void *resp)
 
 void gyre_api_debug_print_resp_info(const void *resp)
 {
-    if (resp == nullptr)
+    if (resp == nullptr || !tarn::debug_on())
         return;
     for_each_record(resp, load32(static_cast<const uint8_t *>(resp) + 8),
                     [](uint32_t tpg, const uint8_t *vlans, const uint8_t *ftags, bool sync) {

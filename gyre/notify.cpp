@@ -109,7 +109,8 @@ void update_vlans(const bus_msg_t *msg)
         if (node == nullptr)
             continue;
         set_node_vlans(node, rec + 44);
-        tarn_debug("Updating Vlans libgyre - Tpg: %lu Vlan: %s Ftag %s",
+        if (tarn::debug_on())
+            tarn_debug("Updating Vlans libgyre - Tpg: %lu Vlan: %s Ftag %s",
                    static_cast<unsigned long>(node->tpg_id), gyre_vlans2str(&node->vlans),
                    gyre_ftag2str(&node->ftags));
     }
@@ -196,13 +197,14 @@ uint32_t gyre_cache_build_info(void)
                 gyre_cache->vlans[vlan] = nullptr;
                 gyre::bit_clear(node->vlans.bits, vlan);
             });
-            if (debug_enabled) {
+            if (tarn::debug_on()) {
                 tarn_debug("Tpg: %lu - Replacing Vlans", static_cast<unsigned long>(tpg));
                 tarn_debug("Old Vlans %s", gyre_vlans2str(&node->vlans));
                 tarn_debug("New Vlans %s", gyre_vlans2str(&vlans));
             }
             set_node_vlans(node, vlans.bits);
-            tarn_debug("Updating libgyre cache: Tpg: %lu Vlans: %s Ftag %s",
+            if (tarn::debug_on())
+                tarn_debug("Updating libgyre cache: Tpg: %lu Vlans: %s Ftag %s",
                        static_cast<unsigned long>(tpg), gyre_vlans2str(&node->vlans),
                        gyre_ftag2str(&node->ftags));
         }

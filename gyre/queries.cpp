@@ -173,10 +173,12 @@ static uint32_t gyre_cache_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans)
     const gyre_cache_tpg_node_t *owner = gyre_cache->ftags[ftag].owner;
     if (owner == nullptr || vlans == nullptr)
         return 0;
-    char text[255];
-    gyre_sprintf_vlan_range(&owner->vlans, text, sizeof text);
-    tarn_debug("Found Vlans [%s] for ftag %d tpg %lu", text, ftag,
-               static_cast<unsigned long>(owner->tpg_id));
+    if (tarn::debug_on()) {
+        char text[255];
+        gyre_sprintf_vlan_range(&owner->vlans, text, sizeof text);
+        tarn_debug("Found Vlans [%s] for ftag %d tpg %lu", text, ftag,
+                   static_cast<unsigned long>(owner->tpg_id));
+    }
     memcpy(vlans->bits, owner->vlans.bits, GYRE_VLAN_BMP_BYTES);
     return 1;
 }
@@ -293,7 +295,36 @@ TARN_API uint32_t gyre_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ft
     return gyre_get_l2_tpg_ftag(tpg, graph, ftag);
 }
 
+}  // extern "C"
+
 // ---- ftag walks over the database ----------------------------------------------------
+
+// Topology-ftag records sort together: their keys begin with type 4 and,
+// within one topology, with its stored id.  A walk therefore seeks straight
+// to that run and, once past it, moves the iterator to the last record, which
+// is where stepping through the rest of the database would have left it: the
+// answers and the position a later walk continues from are the same, without
+// visiting every record of the other types.
+struct FtagRun {
+    uint8_t prefix[8];
+    uint32_t len;  // 4 (any topology) or 8
+
+    explicit FtagRun(uint32_t tpg)
+    {
+        const uint32_t type = kKeyTpgFtag;
+        const uint32_t stored = tpg | GYRE_TPG_STORED_BITS;
+        memcpy(prefix, &type, 4);
+        memcpy(prefix + 4, &stored, 4);
+        len = tpg == GYRE_TPG_NONE ? 4 : 8;
+    }
+    // <0 before the run, 0 in it, >0 past it.
+    int where(const kvs_datum_t &key) const
+    {
+        const uint32_t n = key.len < len ? key.len : len;
+        const int c = memcmp(key.data, prefix, n);
+        return c != 0 ? c : (key.len < len ? -1 : 0);
+    }
+};
 
 // A topology-ftag record passes when its flag byte carries every filter bit
 // and it belongs to `tpg` (0xFFFFFFFF: any topology).
@@ -307,18 +338,57 @@ static bool ftag_matches(const kvs_datum_t &key, uint32_t tpg, uint32_t filter)
     return tpg == GYRE_TPG_NONE || load32(k + 4) == (tpg | GYRE_TPG_STORED_BITS);
 }
 
-static uint32_t walk_filter(bool have, uint32_t tpg, uint32_t filter, uint16_t *ftag,
-                            kvs_datum_t *key, kvs_datum_t *value)
+// Leaves the iterator on the database's last record.
+static void to_last_record(const char *db)
+{
+    uint8_t last[GYRE_KEY_SIZE];
+    memset(last, 0xFF, sizeof last);
+    const kvs_datum_t k = {last, sizeof last};
+    (void)kvs_iterator_init(db, &k, 0);
+}
+
+// Steps from the current record (when `have`) to the next one that passes;
+// `on_match` takes it.  0 when none is left.
+template <class OnMatch>
+static uint32_t walk_run(bool have, const FtagRun &run, uint32_t tpg, uint32_t filter,
+                         kvs_datum_t *key, kvs_datum_t *value, OnMatch on_match)
 {
     const char *db = gyre_kvs_handle->uri;
     for (; have; have = kvs_getnext(db, key, value) == 0) {
-        if (ftag_matches(*key, tpg, filter) && value->len >= 2) {
-            *ftag = load16(value->data);
+        const int at = run.where(*key);
+        if (at > 0) {
+            to_last_record(db);
+            return 0;
+        }
+        if (at == 0 && ftag_matches(*key, tpg, filter) && value->len >= 2) {
+            on_match(static_cast<const uint8_t *>(key->data), value->data);
             return 1;
         }
     }
     return 0;
 }
+
+// Places the iterator for a new walk over `run`: on the first record of the
+// run, or before it.  False (after reporting) when it cannot be placed.
+static bool start_run(const FtagRun &run, const char *fn, kvs_datum_t *key, kvs_datum_t *value,
+                      bool *have)
+{
+    const char *db = gyre_kvs_handle->uri;
+    uint8_t seek[GYRE_KEY_SIZE];
+    memset(seek, 0, sizeof seek);
+    memcpy(seek, run.prefix, run.len);
+    const kvs_datum_t k = {seek, sizeof seek};
+    const uint32_t rc = kvs_iterator_init(db, &k, 0);
+    if (rc != 0) {
+        gyre::report_read_error("Failed to init KVS iterator", rc, fn);
+        return false;
+    }
+    // On the seek key, on the record before it, or before the first record.
+    *have = kvs_getkey(db, key, value) == 0 || kvs_getnext(db, key, value) == 0;
+    return true;
+}
+
+extern "C" {
 
 TARN_API uint32_t gyre_get_first_ftag_by_filter(uint32_t tpg, uint32_t filter, uint16_t *ftag)
 {
@@ -326,14 +396,13 @@ TARN_API uint32_t gyre_get_first_ftag_by_filter(uint32_t tpg, uint32_t filter, u
     if (!gyre::ensure_init() || gyre_kvs_handle == nullptr || null_result(ftag, "ftag", fn))
         return 0;
     *ftag = 0;
-    const uint32_t rc = kvs_iterator_init(gyre_kvs_handle->uri, nullptr, 1);
-    if (rc != 0) {
-        gyre::report_read_error("Failed to init KVS iterator", rc, fn);
-        return 0;
-    }
+    const FtagRun run(tpg);
     kvs_datum_t key, value;
-    const bool have = kvs_getkey(gyre_kvs_handle->uri, &key, &value) == 0;
-    return walk_filter(have, tpg, filter, ftag, &key, &value);
+    bool have = false;
+    if (!start_run(run, fn, &key, &value, &have))
+        return 0;
+    return walk_run(have, run, tpg, filter, &key, &value,
+                    [ftag](const uint8_t *, const void *v) { *ftag = load16(v); });
 }
 
 // Continues from wherever the last walk of the process left the iterator.
@@ -342,9 +411,11 @@ TARN_API uint32_t gyre_get_next_ftag_by_filter(uint32_t tpg, uint32_t filter, ui
     if (!gyre::ensure_init() || gyre_kvs_handle == nullptr ||
         null_result(ftag, "ftag", "gyre_get_next_ftag_by_filter"))
         return 0;
+    const FtagRun run(tpg);
     kvs_datum_t key, value;
     const bool have = kvs_getnext(gyre_kvs_handle->uri, &key, &value) == 0;
-    return walk_filter(have, tpg, filter, ftag, &key, &value);
+    return walk_run(have, run, tpg, filter, &key, &value,
+                    [ftag](const uint8_t *, const void *v) { *ftag = load16(v); });
 }
 
 #define GYRE_FILTER_WALK_(name, filter)                                          \
@@ -383,37 +454,33 @@ TARN_API uint32_t gyre_get_l2_tpg_next_multicast_ftag(uint32_t tpg, uint16_t *ft
     return gyre_get_next_ftag_by_filter(tpg, GYRE_FTAG_FLAG_MULTICAST, ftag);
 }
 
+}  // extern "C"
+
 // All ftags of one topology, whatever their flags.  The record's topology
 // id stays as the caller set it.
-static uint32_t walk_topology(bool have, uint32_t tpg, gyre_ftag_info_t *info,
-                              kvs_datum_t *key, kvs_datum_t *value)
+static void fill_ftag(gyre_ftag_info_t *info, const uint8_t *key, const void *value)
 {
-    const char *db = gyre_kvs_handle->uri;
-    for (; have; have = kvs_getnext(db, key, value) == 0) {
-        if (!ftag_matches(*key, tpg, 0) || tpg == GYRE_TPG_NONE || value->len < 2)
-            continue;
-        const uint8_t *k = static_cast<const uint8_t *>(key->data);
-        info->graph_id = load16(k + 8);
-        info->flags = k[10];
-        info->ftag = load16(value->data);
-        return 1;
-    }
-    return 0;
+    info->graph_id = load16(key + 8);
+    info->flags = key[10];
+    info->ftag = load16(value);
 }
+
+extern "C" {
 
 TARN_API uint32_t gyre_get_l2_tpg_first_ftag(uint32_t tpg, struct gyre_ftag_info *info)
 {
     static const char fn[] = "gyre_get_l2_tpg_first_ftag";
     if (!gyre::ensure_init() || gyre_kvs_handle == nullptr || null_result(info, "info", fn))
         return 0;
-    const uint32_t rc = kvs_iterator_init(gyre_kvs_handle->uri, nullptr, 1);
-    if (rc != 0) {
-        gyre::report_read_error("Failed to init KVS iterator", rc, fn);
+    if (tpg == GYRE_TPG_NONE)
         return 0;
-    }
+    const FtagRun run(tpg);
     kvs_datum_t key, value;
-    const bool have = kvs_getkey(gyre_kvs_handle->uri, &key, &value) == 0;
-    return walk_topology(have, tpg, info, &key, &value);
+    bool have = false;
+    if (!start_run(run, fn, &key, &value, &have))
+        return 0;
+    return walk_run(have, run, tpg, 0, &key, &value,
+                    [info](const uint8_t *k, const void *v) { fill_ftag(info, k, v); });
 }
 
 TARN_API uint32_t gyre_get_l2_tpg_next_ftag(uint32_t tpg, struct gyre_ftag_info *info)
@@ -421,9 +488,13 @@ TARN_API uint32_t gyre_get_l2_tpg_next_ftag(uint32_t tpg, struct gyre_ftag_info 
     if (!gyre::ensure_init() || gyre_kvs_handle == nullptr ||
         null_result(info, "info", "gyre_get_l2_tpg_next_ftag"))
         return 0;
+    if (tpg == GYRE_TPG_NONE)
+        return 0;
+    const FtagRun run(tpg);
     kvs_datum_t key, value;
     const bool have = kvs_getnext(gyre_kvs_handle->uri, &key, &value) == 0;
-    return walk_topology(have, tpg, info, &key, &value);
+    return walk_run(have, run, tpg, 0, &key, &value,
+                    [info](const uint8_t *k, const void *v) { fill_ftag(info, k, v); });
 }
 
 }  // extern "C"
