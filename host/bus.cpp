@@ -45,6 +45,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/bus_msg.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
@@ -71,25 +72,12 @@ static_assert(sizeof(WireHeader) == 28, "the wire header is 28 bytes");
 constexpr uint32_t kHeaderLen = sizeof(WireHeader);
 constexpr uint32_t kMaxDatagram = kHeaderLen + BUS_MAX_PAYLOAD;
 
-constexpr uint32_t kMsgLive = 0x4D53474Cu;
-constexpr uint32_t kMsgFreed = 0x46524545u;
+using tarnhost_bus::kMsgLive;
+using tarnhost_bus::kMsgFreed;
 
 }  // namespace
 
-// A received (or sent) message; the payload follows the structure in the
-// same allocation.  32 bytes keep the payload 16-byte aligned on both ABIs.
-struct bus_msg {
-    uint32_t magic;
-    uint32_t opcode;
-    uint32_t msg_id;
-    uint32_t sender;
-    uint32_t reply_to;
-    uint32_t len;
-    uint16_t kind;
-    uint16_t reserved;
-    uint32_t handle;  // the handle that received (or sent) it
-};
-static_assert(sizeof(bus_msg) == 32, "payload alignment");
+// A received (or sent) message: struct bus_msg of host/bus_msg.h.
 
 namespace {
 

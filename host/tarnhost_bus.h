@@ -62,6 +62,20 @@ int tarnhost_bus_reply(uint32_t handle, const bus_msg_t *request,
 
 /* ---- messages ----------------------------------------------------------- */
 
+/* A message of `opcode` carrying a copy of `len` bytes of `payload`, made
+ * without a socket (for unit tests and fuzzing): it reads like a received
+ * message, as from no sender (BUS_HANDLE_NONE), and is released with
+ * bus_drop.  A null payload or a length of 0 gives a message without
+ * payload.  Null with errno set: EMSGSIZE above BUS_MAX_PAYLOAD, ENOMEM. */
+bus_msg_t *tarnhost_bus_msg_new(uint32_t opcode, const void *payload,
+                                uint32_t len);
+
+/* The access point that `handle` serves on this device: the destination
+ * (node BUS_NODE_LOCAL, that sap) under which other processes reach it,
+ * since a handle is addressed by its access point.  -1 with errno ENOENT
+ * when no live access point leads to it (a dynamic handle, or one gone). */
+int32_t tarnhost_bus_handle_sap(uint32_t handle);
+
 /* The handle that sent a message (BUS_HANDLE_NONE for null). */
 uint32_t tarnhost_bus_sender_get(const bus_msg_t *msg);
 /* The id of the message that this one answers; 0 when it is no reply. */

@@ -12,6 +12,8 @@ const Command *const kCommands[] = {
     &kLoad,
     &kShow,
     &kWatch,
+    &kApply,
+    &kDumpCache,
 };
 
 void print_usage(FILE *out)

@@ -37,6 +37,14 @@ extern const Command kShow;
 int cmd_watch(int argc, char **argv);
 extern const Command kWatch;
 
+// tarnctl apply FILE
+int cmd_apply(int argc, char **argv);
+extern const Command kApply;
+
+// tarnctl dump-cache --client HANDLE [--verify]
+int cmd_dump_cache(int argc, char **argv);
+extern const Command kDumpCache;
+
 }  // namespace tarnctl
 
 #endif
