@@ -27,7 +27,7 @@ void print_usage(FILE *out)
             "\n"
             "Commands:\n");
     for (const Command *c : kCommands)
-        fprintf(out, "  %-8s %s\n", c->name, c->summary);
+        fprintf(out, "  %-10s %s\n", c->name, c->summary);
     fprintf(out,
             "\n"
             "Exit status: 0 success, 1 the command failed, 2 usage error.\n");
