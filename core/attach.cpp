@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "core/bytes.h"
 #include "core/report.h"
 #include "core/state.h"
 #include "platform/featsrv.h"
@@ -14,6 +15,11 @@
 
 using tarn::clt_of;
 using tarn::tarn_report;
+
+using tarn::load16;
+using tarn::load32;
+using tarn::store16;
+using tarn::store32;
 
 namespace {
 
@@ -25,23 +31,6 @@ constexpr size_t kCellMgrWord = 516;
 constexpr size_t kCellMgrCell = 520;
 constexpr size_t kCellMgrCount = 522;
 constexpr size_t kCellMgrList = 526;
-
-uint16_t load16(const uint8_t *p)
-{
-    uint16_t v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
-
-uint32_t load32(const uint8_t *p)
-{
-    uint32_t v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
-
-void store16(uint8_t *p, uint16_t v) { memcpy(p, &v, sizeof v); }
-void store32(uint8_t *p, uint32_t v) { memcpy(p, &v, sizeof v); }
 
 }  // namespace
 

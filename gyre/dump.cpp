@@ -7,6 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "core/bytes.h"
 #include "core/report.h"
 #include "core/state.h"
 #include "gyre/bits.h"
@@ -15,6 +16,9 @@
 
 using tarn::tarn_debug;
 using tarn::tarn_report;
+
+using tarn::load32;
+using tarn::store32;
 
 namespace {
 
@@ -30,15 +34,6 @@ const char kRule[] =
 
 static_assert(sizeof kStars - 1 == 57, "57 asterisks");
 static_assert(sizeof kRule - 1 == 80, "80 dashes");
-
-uint32_t load32(const uint8_t *p)
-{
-    uint32_t v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
-
-void store32(uint8_t *p, uint32_t v) { memcpy(p, &v, sizeof v); }
 
 // The page's records that its header announces and its length holds.
 uint32_t records_held(const uint8_t *page, uint32_t len)

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "core/bus_options.h"
+#include "core/bytes.h"
 #include "core/report.h"
 #include "core/state.h"
 #include "gyre/bits.h"
@@ -16,25 +17,14 @@ using tarn::clt_of;
 using tarn::tarn_debug;
 using tarn::tarn_report;
 
+using tarn::load32;
+using tarn::load16;
+
 namespace {
 
 constexpr uint32_t kTpgVlanRecordSize = 556;
 constexpr uint32_t kFtagEntrySize = 1048;
 constexpr uint16_t kAttrDumpRequest = 4;
-
-uint32_t load32(const uint8_t *p)
-{
-    uint32_t v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
-
-uint16_t load16(const uint8_t *p)
-{
-    uint16_t v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
 
 // The cell check of the cache operations.
 bool cell_one(const char *fn)

@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "core/bytes.h"
 #include "core/report.h"
 #include "core/state.h"
 #include "gyre/bits.h"
@@ -14,6 +15,9 @@
 
 using tarn::tarn_debug;
 using tarn::tarn_report;
+
+using tarn::load16;
+using tarn::load32;
 
 namespace {
 
@@ -25,20 +29,6 @@ bool null_result(const void *p, const char *what, const char *fn)
         return false;
     tarn_report(&msg_error_TARN_LIB_INVALID_ARG, what, fn);
     return true;
-}
-
-uint16_t load16(const void *p)
-{
-    uint16_t v;
-    memcpy(&v, p, sizeof v);
-    return v;
-}
-
-uint32_t load32(const void *p)
-{
-    uint32_t v;
-    memcpy(&v, p, sizeof v);
-    return v;
 }
 
 // The lowest ftag of `node` whose table entry passes `test`.
