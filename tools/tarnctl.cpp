@@ -43,6 +43,35 @@ int usage_error(const Command &cmd, const char *message)
     return kExitUsage;
 }
 
+int one_file_argument(const Command &cmd, int argc, char **argv,
+                      void (*print_help)(), const char **file)
+{
+    *file = nullptr;
+    bool options_done = false;
+    for (int i = 0; i < argc; ++i) {
+        const char *a = argv[i];
+        if (!options_done && (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0)) {
+            print_help();
+            return kExitOk;
+        }
+        if (!options_done && strcmp(a, "--") == 0) {
+            options_done = true;
+            continue;
+        }
+        if (!options_done && a[0] == '-' && a[1] != '\0') {
+            char msg[256];
+            snprintf(msg, sizeof msg, "unknown option \"%s\"", a);
+            return usage_error(cmd, msg);
+        }
+        if (*file != nullptr)
+            return usage_error(cmd, "one FILE only");
+        *file = a;
+    }
+    if (*file == nullptr)
+        return usage_error(cmd, "FILE is missing");
+    return -1;
+}
+
 }  // namespace tarnctl
 
 int main(int argc, char **argv)

@@ -25,6 +25,11 @@ struct Command {
 // kExitUsage.
 int usage_error(const Command &cmd, const char *message);
 
+// The command line of a command that takes one FILE and --help: -1 with
+// *file set, or the exit status to return at once.
+int one_file_argument(const Command &cmd, int argc, char **argv,
+                      void (*print_help)(), const char **file);
+
 // tarnctl load FILE
 int cmd_load(int argc, char **argv);
 extern const Command kLoad;

@@ -747,25 +747,9 @@ uint32_t load32(const uint8_t *p)
 int cmd_apply(int argc, char **argv)
 {
     const char *file = nullptr;
-    bool options_done = false;
-    for (int i = 0; i < argc; ++i) {
-        const char *a = argv[i];
-        if (!options_done && (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0)) {
-            print_help();
-            return kExitOk;
-        }
-        if (!options_done && strcmp(a, "--") == 0) {
-            options_done = true;
-            continue;
-        }
-        if (!options_done && a[0] == '-' && a[1] != '\0')
-            return usage_error(kApply, ("unknown option \"" + std::string(a) + "\"").c_str());
-        if (file != nullptr)
-            return usage_error(kApply, "one FILE only");
-        file = a;
-    }
-    if (file == nullptr)
-        return usage_error(kApply, "FILE is missing");
+    const int early = one_file_argument(kApply, argc, argv, print_help, &file);
+    if (early >= 0)
+        return early;
 
     auto refused = [&](const std::string &why) {
         fprintf(stderr,

@@ -38,28 +38,9 @@ void print_help()
 int cmd_load(int argc, char **argv)
 {
     const char *file = nullptr;
-    bool options_done = false;
-    for (int i = 0; i < argc; ++i) {
-        const char *a = argv[i];
-        if (!options_done && (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0)) {
-            print_help();
-            return kExitOk;
-        }
-        if (!options_done && strcmp(a, "--") == 0) {
-            options_done = true;
-            continue;
-        }
-        if (!options_done && a[0] == '-' && a[1] != '\0') {
-            char msg[256];
-            snprintf(msg, sizeof msg, "unknown option \"%s\"", a);
-            return usage_error(kLoad, msg);
-        }
-        if (file != nullptr)
-            return usage_error(kLoad, "one FILE only");
-        file = a;
-    }
-    if (file == nullptr)
-        return usage_error(kLoad, "FILE is missing");
+    const int early = one_file_argument(kLoad, argc, argv, print_help, &file);
+    if (early >= 0)
+        return early;
 
     tarndev::LoadOutcome r = tarndev::load_device_file(file);
     if (r.status != 0) {
