@@ -15,6 +15,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "platform/alloctrack.h"
+
 #include <tarn/gyre.h>
 #include <tarn/tarn.h>
 
@@ -235,6 +237,17 @@ void BM_Vlans2StrAlternating(benchmark::State &state)
 
 // ---- the cache build and the notifications ------------------------------------------------
 
+// What the cache holds, from the memory tracker's counts.
+void count_cache_memory(benchmark::State &state)
+{
+    state.counters["cache_bytes"] = static_cast<double>(
+        alloctrack_live_bytes(TARN_LIB_ALLOC_ID, TARN_LIB_MEM_GYRE_CACHE));
+    state.counters["topology_bytes"] = static_cast<double>(
+        alloctrack_live_bytes(TARN_LIB_ALLOC_ID, TARN_LIB_MEM_GYRE_TPG));
+    state.counters["topologies"] = static_cast<double>(
+        alloctrack_live_count(TARN_LIB_ALLOC_ID, TARN_LIB_MEM_GYRE_TPG));
+}
+
 void BM_CacheBuild64(benchmark::State &state)
 {
     Bench &b = bench();
@@ -244,6 +257,7 @@ void BM_CacheBuild64(benchmark::State &state)
             break;
         }
         state.PauseTiming();
+        count_cache_memory(state);
         b.cache(false);
         state.ResumeTiming();
     }
@@ -326,6 +340,7 @@ void BM_CacheBuild1000(benchmark::State &state)
         state.PauseTiming();
         if (bst_count(&gyre_cache->tree) != 1000)
             state.SkipWithError("not 1000 topologies");
+        count_cache_memory(state);
         b.cache(false);
         state.ResumeTiming();
     }
