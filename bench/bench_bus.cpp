@@ -1,11 +1,12 @@
 // Message bus cost between two processes, each figure beside a bare
 // Unix-domain datagram exchange of the same size in the same run:
 //
-//  BM_BusNotifyLatency     one-way publish -> recv latency of a 28-byte
-//                          notification (p50, p99), paced by a ping-pong so
-//                          that no queue builds up;
-//  BM_BusNotifyThroughput  sustained notifications per second into one
-//                          subscriber in another process.
+//  BM_BusNotifyLatency     one-way latency of a 28-byte attribute change
+//                          from the service's send to the client process's
+//                          tarn_dispatch having applied it (p50, p99), paced
+//                          by a ping-pong so that no queue builds up;
+//  BM_BusNotifyThroughput  sustained notifications per second that a client
+//                          process receives and applies.
 //
 // Where the processes run decides the figures more than anything else (a
 // wake-up on another, idle CPU costs far more than a switch on the same
@@ -14,8 +15,9 @@
 // always share a placement, so each ratio compares like with like.
 //
 // One-way latency is measured with CLOCK_MONOTONIC, which both processes
-// share: the echoing process stamps the notification just before it sends,
-// the benchmark process reads the clock just after it has received.
+// share: the benchmark process stamps the notification just before it
+// sends, the client reads the clock once tarn_dispatch has returned (the
+// bare peer: once it has received) and sends the difference back.
 
 #include <errno.h>
 #include <sched.h>
@@ -35,19 +37,36 @@
 
 #include <benchmark/benchmark.h>
 
+#include <tarn/tarn.h>
+
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
 
 namespace {
 
-constexpr uint32_t kPing = 62001;
+// Pings and data are attribute changes of kind 1 (AS format) that the peer,
+// a libtarn client, hands to tarn_dispatch: a round is measured from the
+// service's send to the client's dispatch having applied it.
+constexpr uint32_t kAttr = BUS_OPC_TARN_ATTR_CHANGE;
 constexpr uint32_t kPong = 62002;
-constexpr uint32_t kData = 62003;
 constexpr uint32_t kEnd = 62004;
 constexpr uint32_t kStop = 62005;
 constexpr uint32_t kNoteLen = 28;
 constexpr int kBatch = 1000;
+
+// An AS-format change: marker byte (p ping, d data), kind 1 at 2, the send
+// time at 4, the format at 24.
+void attr_note(unsigned char *note, char marker, uint32_t format)
+{
+    memset(note, 0, kNoteLen);
+    note[0] = static_cast<unsigned char>(marker);
+    const uint16_t kind = 1;
+    memcpy(note + 2, &kind, sizeof kind);
+    memcpy(note + 24, &format, sizeof format);
+}
+
+void stamp(unsigned char *note, uint64_t t) { memcpy(note + 4, &t, sizeof t); }
 
 uint64_t now_ns()
 {
@@ -82,8 +101,9 @@ void pin(int cpu)
     sched_setaffinity(0, sizeof set, &set);
 }
 
-// The echoing bus process: answers kPing with a stamped kPong, counts kData
-// until kEnd and then publishes the count, and leaves on kStop.
+// The client process: applies each attribute change with tarn_dispatch,
+// answers a ping with its latency, counts data until kEnd and then publishes
+// the count and the format it holds, and leaves on kStop.
 pid_t spawn_bus_peer(int ready_fd, int cpu)
 {
     fflush(nullptr);
@@ -92,8 +112,9 @@ pid_t spawn_bus_peer(int ready_fd, int cpu)
         return pid;
     pin(cpu);
     uint32_t h = bus_bind(0, -1, nullptr, "bench peer");
-    tarnhost_bus_subscribe(h, kPing, 1);
-    tarnhost_bus_subscribe(h, kData, 1);
+    // A client process: registered, cache mode on (subscribed to kAttr).
+    if (h == BUS_HANDLE_NONE || tarn_register(h) != 1 || tarn_enable_cache_mode(0) != 1)
+        _exit(1);
     tarnhost_bus_subscribe(h, kEnd, 1);
     tarnhost_bus_subscribe(h, kStop, 1);
     char one = 1;
@@ -105,18 +126,33 @@ pid_t spawn_bus_peer(int ready_fd, int cpu)
         if (m == nullptr)
             _exit(2);
         uint32_t opc = bus_opc_get(m);
+        unsigned char note[kNoteLen] = {};
+        if (opc == kAttr) {
+            uint32_t len = 0;
+            const unsigned char *p = static_cast<const unsigned char *>(bus_payload_get(m, &len));
+            uint64_t sent = 0;
+            const bool ping = p != nullptr && len >= 12 && p[0] == 'p';
+            if (ping)
+                memcpy(&sent, p + 4, sizeof sent);
+            // Applies the format and drops the message.
+            if (tarn_dispatch(m) != 1)
+                _exit(3);
+            if (ping) {
+                const uint64_t latency = now_ns() - sent;
+                memcpy(note, &latency, sizeof latency);
+                tarnhost_bus_publish(h, kPong, note, kNoteLen);
+            } else {
+                ++count;
+            }
+            continue;
+        }
         bus_drop(h, m);
         if (opc == kStop)
             break;
-        unsigned char note[kNoteLen] = {};
-        if (opc == kPing) {
-            uint64_t t = now_ns();
-            memcpy(note, &t, sizeof t);
-            tarnhost_bus_publish(h, kPong, note, kNoteLen);
-        } else if (opc == kData) {
-            ++count;
-        } else if (opc == kEnd) {
+        if (opc == kEnd) {
+            const uint32_t format = tarn_get_as_format();
             memcpy(note, &count, sizeof count);
+            memcpy(note + 4, &format, sizeof format);
             count = 0;
             tarnhost_bus_publish(h, kPong, note, kNoteLen);
         }
@@ -155,8 +191,10 @@ pid_t spawn_bare_peer(const std::string &mine, const std::string &theirs,
             break;
         unsigned char note[kNoteLen] = {};
         if (buf[0] == 'p') {
-            uint64_t t = now_ns();
-            memcpy(note, &t, sizeof t);
+            uint64_t sent = 0;
+            memcpy(&sent, buf + 4, sizeof sent);
+            const uint64_t latency = now_ns() - sent;
+            memcpy(note, &latency, sizeof latency);
         } else if (buf[0] == 'd') {
             ++count;
             continue;
@@ -277,26 +315,29 @@ void BM_BusNotifyLatency(benchmark::State &state)
         return;
     }
     std::vector<double> bus_us, bare_us;
-    unsigned char note[kNoteLen] = {'p'};
+    unsigned char note[kNoteLen];
     unsigned char answer[kNoteLen];
+    uint32_t format = 2;
     for (auto _ : state) {
-        if (tarnhost_bus_publish(peers.h, kPing, note, kNoteLen) != 0 ||
+        attr_note(note, 'p', format++);
+        stamp(note, now_ns());
+        if (tarnhost_bus_publish(peers.h, kAttr, note, kNoteLen) != 0 ||
             !peers.bus_answer(answer)) {
             state.SkipWithError("bus round failed");
             break;
         }
-        uint64_t t1 = now_ns(), t0;
-        memcpy(&t0, answer, sizeof t0);
-        bus_us.push_back(static_cast<double>(t1 - t0) / 1000.0);
+        uint64_t latency;
+        memcpy(&latency, answer, sizeof latency);
+        bus_us.push_back(static_cast<double>(latency) / 1000.0);
 
+        stamp(note, now_ns());
         peers.bare_send(note);
         if (!peers.bare_answer(answer)) {
             state.SkipWithError("bare round failed");
             break;
         }
-        t1 = now_ns();
-        memcpy(&t0, answer, sizeof t0);
-        bare_us.push_back(static_cast<double>(t1 - t0) / 1000.0);
+        memcpy(&latency, answer, sizeof latency);
+        bare_us.push_back(static_cast<double>(latency) / 1000.0);
     }
     double bus50 = percentile(bus_us, 0.50), bus99 = percentile(bus_us, 0.99);
     double bare50 = percentile(bare_us, 0.50);
@@ -319,20 +360,23 @@ void BM_BusNotifyThroughput(benchmark::State &state)
     }
     double bus_s = 0, bare_s = 0;
     uint64_t notes = 0;
-    unsigned char note[kNoteLen] = {'d'};
+    unsigned char note[kNoteLen];
+    attr_note(note, 'd', 7);
     unsigned char end[kNoteLen] = {'e'};
     unsigned char answer[kNoteLen];
     for (auto _ : state) {
         uint64_t t0 = now_ns();
         for (int i = 0; i < kBatch; ++i)
-            tarnhost_bus_publish(peers.h, kData, note, kNoteLen);
+            tarnhost_bus_publish(peers.h, kAttr, note, kNoteLen);
         tarnhost_bus_publish(peers.h, kEnd, end, kNoteLen);
         uint32_t got = 0;
         if (!peers.bus_answer(answer)) {
             state.SkipWithError("bus batch not acknowledged");
             break;
         }
+        uint32_t applied_format = 0;
         memcpy(&got, answer, sizeof got);
+        memcpy(&applied_format, answer + 4, sizeof applied_format);
         uint64_t t1 = now_ns();
 
         for (int i = 0; i < kBatch; ++i)
@@ -343,8 +387,8 @@ void BM_BusNotifyThroughput(benchmark::State &state)
             break;
         }
         uint64_t t2 = now_ns();
-        if (got != static_cast<uint32_t>(kBatch)) {
-            state.SkipWithError("bus notifications lost");
+        if (got != static_cast<uint32_t>(kBatch) || applied_format != 7) {
+            state.SkipWithError("bus notifications lost or not applied");
             break;
         }
         bus_s += static_cast<double>(t1 - t0) / 1e9;
