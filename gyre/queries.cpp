@@ -12,8 +12,10 @@
 #include "gyre/internal.h"
 #include "platform/kvs.h"
 #include "platform/supv.h"
+#include "query/frame.h"
 
 using tarn::tarn_debug;
+using tarn::null_result;
 using tarn::tarn_report;
 
 using tarn::load16;
@@ -22,14 +24,6 @@ using tarn::load32;
 namespace {
 
 enum : uint32_t { kKeyTpgFtag = 4 };
-
-bool null_result(const void *p, const char *what, const char *fn)
-{
-    if (p != nullptr)
-        return false;
-    tarn_report(&msg_error_TARN_LIB_INVALID_ARG, what, fn);
-    return true;
-}
 
 // The lowest ftag of `node` whose table entry passes `test`.
 template <class Test>

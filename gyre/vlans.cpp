@@ -13,6 +13,7 @@
 #include "query/frame.h"
 
 using tarn::tarn_debug;
+using tarn::null_result;
 using tarn::tarn_report;
 
 namespace {
@@ -26,14 +27,6 @@ enum : uint32_t {
 
 // The interface-topology key holds at most 16 characters of the name.
 constexpr size_t kIfTopologyNameLimit = 17;
-
-bool null_result(const void *p, const char *what, const char *fn)
-{
-    if (p != nullptr)
-        return false;
-    tarn_report(&msg_error_TARN_LIB_INVALID_ARG, what, fn);
-    return true;
-}
 
 void set_empty(gyre_vlan_bmp_t *vlans)
 {
