@@ -54,10 +54,11 @@ bool read_tpg_ftag(const uint8_t *key, uint16_t *ftag, const char *what, const c
 
 namespace gyre {
 
+// The Gyre side makes no cell check of its own: the report names the
+// running cell as the Tarn queries' reports do.
 void report_read_error(const char *what, uint32_t status, const char *fn)
 {
-    tarn_report(&msg_error_TARN_KVS_READ, static_cast<int>(supv_get_cell_ctxt() & 0xffffu),
-                what, status, syserr2str(status), fn, static_cast<int>(getpid()));
+    tarn::report_read_error((supv_get_cell_ctxt() & 0xffffu) - 1, what, status, fn);
 }
 
 bool read_key(const uint8_t *key, const void **value, uint32_t *len, const char *what,
