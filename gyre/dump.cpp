@@ -7,6 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "core/bus_options.h"
 #include "core/bytes.h"
 #include "core/report.h"
 #include "core/state.h"
@@ -43,12 +44,6 @@ uint32_t records_held(const uint8_t *page, uint32_t len)
     const uint32_t n = load32(page + 8);
     const uint32_t room = (len - kHeader) / kRecord;
     return n < room ? n : room;
-}
-
-void send_opts(bus_send_opts_t *opts)
-{
-    memset(opts, 0, sizeof *opts);
-    opts->w[0] = 1;
 }
 
 template <class Print>
@@ -217,8 +212,7 @@ int32_t gyre_cache_dump_info(uint32_t bus_handle, bus_msg_t *msg)
     uint8_t none[kHeader] = {0};
     const void *reply = page != nullptr ? page : none;
     const uint32_t reply_len = page != nullptr ? size : kHeader;
-    bus_send_opts_t opts;
-    send_opts(&opts);
+    const bus_send_opts_t opts = tarn::send_options();
     bus_msg_t *sent = nullptr;
     if (bus_send(bus_handle, BUS_NODE_LOCAL, 0, BUS_OPC_TARN_ATTR_CHANGE, reply, reply_len, msg,
                  &sent, &opts) != 0) {
@@ -269,8 +263,7 @@ TARN_API uint32_t gyre_client_dbg_print_cache(uint32_t bus_handle, uint32_t dest
     store32(req + 20, kRequestSize);
     store32(req + 24, 1);
     bool header_pending = true;
-    bus_send_opts_t opts;
-    send_opts(&opts);
+    const bus_send_opts_t opts = tarn::send_options();
     const bus_recv_opts_t recv_opts = {1, 0, 9};
     for (;;) {
         if (bus_send(bus_handle, dest_a, dest_b, BUS_OPC_TARN_ATTR_CHANGE, req, sizeof req,

@@ -33,12 +33,6 @@ bool cell_one(const char *fn)
     return tarn::cell_check(fn, &ix);
 }
 
-void send_opts(bus_send_opts_t *opts)
-{
-    memset(opts, 0, sizeof *opts);
-    opts->w[0] = 1;
-}
-
 // Forgets the VLANs of `node` in the VLAN table and in the node.
 void clear_node_vlans(gyre_cache_tpg_node_t *node)
 {
@@ -322,8 +316,7 @@ int32_t gyre_cache_disabled_resp(bus_msg_t *msg)
     if (handle == BUS_HANDLE_NONE)
         return -1;
     uint32_t reply[3] = {GYRE_CACHE_DUMP_NONE, 0, 0};
-    bus_send_opts_t opts;
-    send_opts(&opts);
+    const bus_send_opts_t opts = tarn::send_options();
     bus_msg_t *sent = nullptr;
     if (bus_send(handle, BUS_NODE_LOCAL, 0, BUS_OPC_TARN_ATTR_CHANGE, reply, sizeof reply, msg,
                  &sent, &opts) != 0) {
@@ -350,8 +343,7 @@ static uint32_t send_ftag_notice(const char *fn, uint32_t kind, uint32_t tpg, bo
         clt_of(ix)->bus_handle == BUS_HANDLE_NONE || (need_tpg && tpg == 0))
         return 0;
     const uint32_t notice[3] = {0, kind, tpg};
-    bus_send_opts_t opts;
-    send_opts(&opts);
+    const bus_send_opts_t opts = tarn::send_options();
     if (bus_send(clt_of(ix)->bus_handle, BUS_NODE_LOCAL, GYRE_SAP, BUS_OPC_GYRE_FTAG_NOTICE,
                  notice, sizeof notice, nullptr, nullptr, &opts) != 0) {
         const int err = errno;

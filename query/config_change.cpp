@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "core/bus_options.h"
 #include "core/report.h"
 #include "core/state.h"
 #include "platform/bus.h"
@@ -63,9 +64,7 @@ TARN_API uint32_t tarn_send_protocol_config_change_msg(uint32_t type, const char
     cfg->count = count;
     if (count != 0)
         memcpy(msg + kHeaderSize, entries, 4u * count);
-    bus_send_opts_t opts;
-    memset(&opts, 0, sizeof opts);
-    opts.w[0] = 1;
+    const bus_send_opts_t opts = tarn::send_options();
     const int32_t rc = bus_send(clt_of(ix)->bus_handle, BUS_NODE_LOCAL, 0,
                                 BUS_OPC_TARN_PROTOCOL_CONFIG_CHANGE, msg, len, nullptr,
                                 nullptr, &opts);
