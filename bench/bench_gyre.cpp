@@ -15,6 +15,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/ratio_reporter.h"
+
 #include "platform/alloctrack.h"
 
 #include <tarn/gyre.h>
@@ -362,36 +364,6 @@ BENCHMARK(BM_CacheBuild1000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        for (const Run &r : runs)
-            times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Finalize() override
-    {
-        ConsoleReporter::Finalize();
-        auto ratio = [this](const char *q, const char *raw) {
-            if (times_.count(q) && times_.count(raw) && times_[raw] > 0)
-                printf("ratio %-26s %8.2f (%.1f ns vs %.1f ns)\n", q, times_[q] / times_[raw],
-                       times_[q], times_[raw]);
-        };
-        ratio("BM_VlanFtag/0", "BM_RawReadVlanTpg");
-        ratio("BM_VlanFtag/1", "BM_RawReadVlanTpg");
-        ratio("BM_FtagTpg/0", "BM_RawReadFtagTpg");
-        ratio("BM_FtagTpg/1", "BM_RawReadFtagTpg");
-        ratio("BM_UnicastFtagByVlan/0", "BM_RawReadVlanTpg");
-        ratio("BM_UnicastFtagByVlan/1", "BM_RawReadVlanTpg");
-        ratio("BM_TpgVlans/0", "BM_RawReadTpgVlans");
-        ratio("BM_TpgVlans/1", "BM_RawReadTpgVlans");
-    }
-
-private:
-    std::map<std::string, double> times_;
-};
-
 int main(int argc, char **argv)
 {
     benchmark::Initialize(&argc, argv);
@@ -399,7 +371,14 @@ int main(int argc, char **argv)
         fprintf(stderr, "bench_gyre: could not set up the fabric\n");
         return 1;
     }
-    RatioReporter reporter;
+    RatioReporter reporter({{"BM_VlanFtag/0", "BM_RawReadVlanTpg"},
+                            {"BM_VlanFtag/1", "BM_RawReadVlanTpg"},
+                            {"BM_FtagTpg/0", "BM_RawReadFtagTpg"},
+                            {"BM_FtagTpg/1", "BM_RawReadFtagTpg"},
+                            {"BM_UnicastFtagByVlan/0", "BM_RawReadVlanTpg"},
+                            {"BM_UnicastFtagByVlan/1", "BM_RawReadVlanTpg"},
+                            {"BM_TpgVlans/0", "BM_RawReadTpgVlans"},
+                            {"BM_TpgVlans/1", "BM_RawReadTpgVlans"}});
     benchmark::RunSpecifiedBenchmarks(&reporter);
     return 0;
 }

@@ -14,6 +14,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/ratio_reporter.h"
+
 #include <tarn/tarn.h>
 
 #include "host/tarnhost.h"
@@ -187,33 +189,6 @@ BENCHMARK(BM_NextContextStep);
 
 }  // namespace
 
-// Ratios of each query to its raw read, printed after the table.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        for (const Run &r : runs)
-            times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Finalize() override
-    {
-        ConsoleReporter::Finalize();
-        auto ratio = [this](const char *q, const char *raw) {
-            if (times_.count(q) && times_.count(raw) && times_[raw] > 0)
-                printf("ratio %-22s %.2f (%.1f ns vs %.1f ns)\n", q, times_[q] / times_[raw],
-                       times_[q], times_[raw]);
-        };
-        ratio("BM_ContextId", "BM_RawReadContextName");
-        ratio("BM_ContextInfo", "BM_RawReadContextInfo");
-        ratio("BM_IfContextId", "BM_RawReadIfContext");
-        ratio("BM_NextContextStep", "BM_RawReadContextInfo");
-    }
-
-private:
-    std::map<std::string, double> times_;
-};
-
 int main(int argc, char **argv)
 {
     benchmark::Initialize(&argc, argv);
@@ -221,7 +196,10 @@ int main(int argc, char **argv)
         fprintf(stderr, "bench_queries: could not set up the device\n");
         return 1;
     }
-    RatioReporter reporter;
+    RatioReporter reporter({{"BM_ContextId", "BM_RawReadContextName"},
+                            {"BM_ContextInfo", "BM_RawReadContextInfo"},
+                            {"BM_IfContextId", "BM_RawReadIfContext"},
+                            {"BM_NextContextStep", "BM_RawReadContextInfo"}});
     benchmark::RunSpecifiedBenchmarks(&reporter);
     return 0;
 }
