@@ -349,6 +349,22 @@ TEST_F(Catalogue, LibraryFormIsSentWithoutTheProcessId)
     EXPECT_EQ(std::string::npos, captured()[0].find("(pid="));
 }
 
+TEST_F(Catalogue, TracebackFlagWritesATracebackAfterTheMessage)
+{
+    // No catalogue row sets the flag; a record that does gets its traceback.
+    msg_error_t library = msg_error_TARN_CELL;
+    library.flags = MSG_ERROR_FLAG_TRACEBACK;
+    msg_error_t service = msg_error_TARN_KVS;
+    service.flags = MSG_ERROR_FLAG_TRACEBACK;
+    tarn_report(&library, "ctx range", "f");
+    tarn_report(&service, "a", 1u, "b", "f");
+    EXPECT_EQ(2u, captured().size());
+    EXPECT_EQ((std::vector<std::string>{"traceback TARN-3-CELL", "traceback TARN-3-KVS (service)"}),
+              captured(TARNHOST_CH_CONSOLE));
+    tarn_report(&msg_error_TARN_CELL, "ctx range", "g");
+    EXPECT_EQ(2u, captured(TARNHOST_CH_CONSOLE).size()) << "catalogue rows write none";
+}
+
 TEST_F(Catalogue, SameMessageSameArgumentsIsThrottled)
 {
     tarn_report(&msg_error_TARN_CELL, "ctx range", "f");
