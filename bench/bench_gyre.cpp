@@ -16,6 +16,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/ratio_reporter.h"
+#include "bench/raw_lmdb.h"
 
 #include "platform/alloctrack.h"
 
@@ -58,9 +59,7 @@ std::string fabric_json(uint32_t topologies, uint32_t ftags_each, uint32_t vlans
 }
 
 struct Bench {
-    MDB_env *env = nullptr;
-    MDB_dbi dbi = 0;
-    MDB_txn *txn = nullptr;
+    RawLmdb raw;
     uint32_t client = BUS_HANDLE_NONE, service = BUS_HANDLE_NONE;
     bool ok = false;
 
@@ -82,27 +81,12 @@ struct Bench {
         service = bus_bind(4, -1, nullptr, "bench service");
         if (client == BUS_HANDLE_NONE || service == BUS_HANDLE_NONE)
             return;
-        char path[1024];
-        const std::string uri = std::string(TARNHOST_RUNNING_URI) + "/gyre_kvs_info";
-        if (tarnhost_kvs_path(uri.c_str(), path, sizeof path) != 0)
+        if (!raw.open("gyre_kvs_info"))
             return;
-        if (mdb_env_create(&env) != 0 || mdb_env_set_mapsize(env, 64u << 20) != 0 ||
-            mdb_env_open(env, path, MDB_RDONLY | MDB_NOTLS, 0600) != 0 ||
-            mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn) != 0 ||
-            mdb_dbi_open(txn, nullptr, 0, &dbi) != 0)
-            return;
-        mdb_txn_reset(txn);
         ok = true;
     }
 
-    bool raw_read(const uint8_t *key)
-    {
-        mdb_txn_reset(txn);
-        if (mdb_txn_renew(txn) != 0)
-            return false;
-        MDB_val k = {40, const_cast<uint8_t *>(key)}, v;
-        return mdb_get(txn, dbi, &k, &v) == 0 && v.mv_size > 0;
-    }
+    bool raw_read(const uint8_t *key) { return raw.read(key, 40); }
 
     bool cache(bool on)
     {

@@ -15,6 +15,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/ratio_reporter.h"
+#include "bench/raw_lmdb.h"
 
 #include <tarn/tarn.h>
 
@@ -27,9 +28,7 @@ constexpr int kContexts = 4000;
 constexpr int kInterfaces = 16000;
 
 struct Device {
-    MDB_env *env = nullptr;
-    MDB_dbi dbi = 0;
-    MDB_txn *txn = nullptr;
+    RawLmdb raw;
     bool ok = false;
 
     Device()
@@ -52,28 +51,13 @@ struct Device {
         json += "]}";
         if (tarndev::load_device_text(json, "bench").status != 0 || tarn_api_init() != 1)
             return;
-        char path[1024];
-        const std::string uri = std::string(TARNHOST_RUNNING_URI) + "/tarn_global_kvs";
-        if (tarnhost_kvs_path(uri.c_str(), path, sizeof path) != 0)
+        if (!raw.open("tarn_global_kvs"))
             return;
-        if (mdb_env_create(&env) != 0 || mdb_env_set_mapsize(env, 64u << 20) != 0 ||
-            mdb_env_open(env, path, MDB_RDONLY | MDB_NOTLS, 0600) != 0 ||
-            mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn) != 0 ||
-            mdb_dbi_open(txn, nullptr, 0, &dbi) != 0)
-            return;
-        mdb_txn_reset(txn);
         ok = true;
     }
 
     // The raw read the queries are measured against.
-    bool raw_read(const uint8_t *key)
-    {
-        mdb_txn_reset(txn);
-        if (mdb_txn_renew(txn) != 0)
-            return false;
-        MDB_val k = {48, const_cast<uint8_t *>(key)}, v;
-        return mdb_get(txn, dbi, &k, &v) == 0 && v.mv_size > 0;
-    }
+    bool raw_read(const uint8_t *key) { return raw.read(key, 48); }
 };
 
 Device &device()

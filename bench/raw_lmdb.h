@@ -1,0 +1,47 @@
+// The baseline the database-backed operations are measured against: one
+// LMDB read of the same key, mdb_get in a renewed read transaction, on the
+// environment that holds a database of the simulated device.
+#ifndef TARN_BENCH_RAW_LMDB_H
+#define TARN_BENCH_RAW_LMDB_H
+
+#include <lmdb.h>
+#include <stdint.h>
+
+#include <string>
+
+#include "host/tarnhost.h"
+
+class RawLmdb {
+public:
+    // Opens the environment of database `name` of the device that is up.
+    bool open(const char *name)
+    {
+        char path[1024];
+        const std::string uri = std::string(TARNHOST_RUNNING_URI) + "/" + name;
+        if (tarnhost_kvs_path(uri.c_str(), path, sizeof path) != 0)
+            return false;
+        if (mdb_env_create(&env_) != 0 || mdb_env_set_mapsize(env_, 64u << 20) != 0 ||
+            mdb_env_open(env_, path, MDB_RDONLY | MDB_NOTLS, 0600) != 0 ||
+            mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn_) != 0 ||
+            mdb_dbi_open(txn_, nullptr, 0, &dbi_) != 0)
+            return false;
+        mdb_txn_reset(txn_);
+        return true;
+    }
+
+    bool read(const uint8_t *key, size_t key_len)
+    {
+        mdb_txn_reset(txn_);
+        if (mdb_txn_renew(txn_) != 0)
+            return false;
+        MDB_val k = {key_len, const_cast<uint8_t *>(key)}, v;
+        return mdb_get(txn_, dbi_, &k, &v) == 0 && v.mv_size > 0;
+    }
+
+private:
+    MDB_env *env_ = nullptr;
+    MDB_dbi dbi_ = 0;
+    MDB_txn *txn_ = nullptr;
+};
+
+#endif
