@@ -19,34 +19,7 @@ using tarntest::captured;
 
 namespace {
 
-class Query : public tarntest::HostTest {
-protected:
-    void SetUp() override
-    {
-        HostTest::SetUp();
-        tarntest::reset_library();
-    }
-    void TearDown() override
-    {
-        tarntest::reset_library();
-        HostTest::TearDown();
-    }
-    void load(const std::string &json = "")
-    {
-        if (json.empty())
-            tarntest::load_device_file(tarntest::fixture("queries.json"));
-        else
-            tarntest::load_device_json(json);
-        ASSERT_EQ(1u, tarn_api_init());
-        ASSERT_EQ(1u, tarn_clt->initialized);
-        tarnhost_capture_clear();
-    }
-    static std::string read_error(const std::string &what, const char *fn,
-                                  const char *status = "0x00000005 (Input/output error)")
-    {
-        return "<<%TARN-3-TARN_KVS_READ>> (1) Error reading " + what + ", errno: " + status +
-               " in " + fn + "(), pid " + tarntest::pid_text();
-    }
+class Query : public tarntest::DeviceTest {
 };
 
 // A 48-byte key of `kind` with a big-endian number at 4.
@@ -277,8 +250,9 @@ TEST_F(Query, BeforeInitialisationEveryQueryReportsItsLabel)
 {
     tarntest::load_device_file(tarntest::fixture("queries.json"));
     for (int with_record = 0; with_record < 2; ++with_record) {
-        if (with_record)
+        if (with_record) {
             ASSERT_EQ(1u, tarn_api_init_clt_cache());
+        }
         for (const AnyQuery &q : queries()) {
             SCOPED_TRACE(std::string(q.fn) + (with_record ? " (record)" : ""));
             tarnhost_capture_clear();

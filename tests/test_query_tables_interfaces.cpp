@@ -19,33 +19,8 @@ using tarntest::captured;
 
 namespace {
 
-class Lookup : public tarntest::HostTest {
+class Lookup : public tarntest::DeviceTest {
 protected:
-    void SetUp() override
-    {
-        HostTest::SetUp();
-        tarntest::reset_library();
-    }
-    void TearDown() override
-    {
-        tarntest::reset_library();
-        HostTest::TearDown();
-    }
-    void load(const std::string &json = "")
-    {
-        if (json.empty())
-            tarntest::load_device_file(tarntest::fixture("queries.json"));
-        else
-            tarntest::load_device_json(json);
-        ASSERT_EQ(1u, tarn_api_init());
-        tarnhost_capture_clear();
-    }
-    static std::string read_error(const std::string &what, const char *fn)
-    {
-        return "<<%TARN-3-TARN_KVS_READ>> (1) Error reading " + what +
-               ", errno: 0x00000005 (Input/output error) in " + fn + "(), pid " +
-               tarntest::pid_text();
-    }
     static void del(uint32_t kind, uint32_t id)
     {
         std::vector<uint8_t> key(48, 0);
