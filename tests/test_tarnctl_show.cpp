@@ -18,6 +18,7 @@
 
 #include "host/tarnhost_bus.h"
 #include "support/fixture.h"
+#include "support/tarnctl_process.h"
 
 namespace {
 
@@ -45,25 +46,7 @@ Result tarnctl(const std::vector<std::string> &args,
     const std::string dir = tarnhost_root();
     const std::string out_path = dir + "/tarnctl.out";
     const std::string err_path = dir + "/tarnctl.err";
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        int o = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int e = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (o < 0 || e < 0)
-            _exit(127);
-        dup2(o, 1);
-        dup2(e, 2);
-        for (const std::string &kv : env)
-            putenv(const_cast<char *>(kv.c_str()));
-        std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(TARNCTL_PATH));
-        for (const std::string &a : args)
-            argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(TARNCTL_PATH, argv.data());
-        _exit(127);
-    }
+    const pid_t pid = tarntest::spawn_tarnctl(TARNCTL_PATH, args, env, out_path, err_path);
     Result r;
     int st = 0;
     if (pid > 0 && waitpid(pid, &st, 0) == pid && WIFEXITED(st))

@@ -29,6 +29,7 @@
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
 #include "support/fixture.h"
+#include "support/tarnctl_process.h"
 
 namespace {
 
@@ -77,25 +78,7 @@ struct Proc {
             std::string(tarnhost_root()) + "/tarnctl." + std::to_string(++serial);
         out_path = base + ".out";
         err_path = base + ".err";
-        fflush(nullptr);
-        pid = fork();
-        if (pid == 0) {
-            int o = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            int e = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            if (o < 0 || e < 0)
-                _exit(127);
-            dup2(o, 1);
-            dup2(e, 2);
-            for (const std::string &kv : env)
-                putenv(const_cast<char *>(kv.c_str()));
-            std::vector<char *> argv;
-            argv.push_back(const_cast<char *>(TARNCTL_PATH));
-            for (const std::string &a : args)
-                argv.push_back(const_cast<char *>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(TARNCTL_PATH, argv.data());
-            _exit(127);
-        }
+        pid = tarntest::spawn_tarnctl(TARNCTL_PATH, args, env, out_path, err_path);
     }
 
     std::string out() const { return slurp(out_path); }

@@ -1,0 +1,21 @@
+// Test support: running the built tarnctl as a separate process.
+#ifndef TARN_TESTS_SUPPORT_TARNCTL_PROCESS_H
+#define TARN_TESTS_SUPPORT_TARNCTL_PROCESS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace tarntest {
+
+// Starts `tarnctl` (the binary at `path`) with `args`, its standard output
+// and error written to the files `out_path` and `err_path`, with `env`
+// entries ("NAME=VALUE") added to its environment.  The child's pid, or -1.
+pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
+                    const std::vector<std::string> &env, const std::string &out_path,
+                    const std::string &err_path);
+
+}  // namespace tarntest
+
+#endif
