@@ -72,6 +72,9 @@ namespace gyre {
 const uint8_t *payload(const bus_msg_t *msg, uint32_t *len);
 // Initialises the Gyre side on first use; false when it cannot.
 bool ensure_init();
+// Queries answer from the cache while it is on and still held (a flush by
+// the service leaves the switch on and the cache gone).
+inline bool answer_from_cache() { return gyre_cache_enabled && gyre_cache != nullptr; }
 // Report a Gyre database read that failed with something else than absence.
 void report_read_error(const char *what, uint32_t status, const char *fn);
 // Reads a 40-byte Gyre key; true when found.  Absence is silent; other

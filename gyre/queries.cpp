@@ -174,7 +174,7 @@ TARN_API uint32_t gyre_get_ftag_l2_tpg(uint16_t ftag)
 {
     if (!gyre::ensure_init() || ftag > GYRE_MAX_FTAG)
         return GYRE_TPG_NONE;
-    if (gyre_cache_enabled && gyre_cache != nullptr)
+    if (gyre::answer_from_cache())
         return gyre_cache_get_ftag_l2_tpg(ftag);
     uint8_t key[GYRE_KEY_SIZE];
     gyre_make_ftag_tpg_key(key, ftag);
@@ -195,7 +195,7 @@ TARN_API uint32_t gyre_get_vlan_l2_tpg(uint32_t vlan)
 {
     if (!gyre::ensure_init() || vlan > GYRE_MAX_VLAN)
         return GYRE_TPG_NONE;
-    if (gyre_cache_enabled && gyre_cache != nullptr)
+    if (gyre::answer_from_cache())
         return gyre_cache_get_vlan_l2_tpg(vlan);
     uint8_t key[GYRE_KEY_SIZE];
     gyre_make_vlan_tpg_key(key, vlan);
@@ -217,7 +217,7 @@ TARN_API uint32_t gyre_get_l2_tpg_ftag(uint32_t tpg, uint16_t graph, uint16_t *f
     static const char fn[] = "gyre_get_l2_tpg_ftag";
     if (!gyre::ensure_init() || null_result(ftag, "ftag", fn))
         return 0;
-    if (gyre_cache_enabled && gyre_cache != nullptr)
+    if (gyre::answer_from_cache())
         return gyre_cache_get_l2_tpg_ftag(tpg, graph, ftag);
     uint8_t key[GYRE_KEY_SIZE];
     gyre_make_tpg_ftag_key(key, tpg | GYRE_TPG_STORED_BITS, graph);
@@ -232,7 +232,7 @@ TARN_API uint32_t gyre_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag)
     static const char fn[] = "gyre_get_l2_tpg_unicast_ftag";
     if (!gyre::ensure_init() || null_result(ftag, "ftag", fn))
         return 0;
-    if (gyre_cache_enabled && gyre_cache != nullptr)
+    if (gyre::answer_from_cache())
         return gyre_cache_get_l2_tpg_unicast_ftag(tpg, ftag);
     uint8_t key[GYRE_KEY_SIZE];
     gyre_make_tpg_ftag_key_new(key, tpg | GYRE_TPG_STORED_BITS, GYRE_FTAG_FLAG_UNICAST, 1);
@@ -246,7 +246,7 @@ TARN_API uint32_t gyre_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans)
     if (!gyre::ensure_init() || null_result(vlans, "vlans", "gyre_get_ftag_vlans") ||
         ftag > GYRE_MAX_FTAG)
         return 0;
-    if (gyre_cache_enabled && gyre_cache != nullptr)
+    if (gyre::answer_from_cache())
         return gyre_cache_get_ftag_vlans(ftag, vlans);
     const uint32_t tpg = gyre_get_ftag_l2_tpg(ftag);
     if (tpg == GYRE_TPG_NONE)
@@ -259,7 +259,7 @@ TARN_API uint32_t gyre_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *ftag)
     if (!gyre::ensure_init() || null_result(ftag, "ftag", "gyre_get_unicast_ftag_by_vlan") ||
         vlan > GYRE_MAX_VLAN)
         return 0;
-    if (gyre_cache_enabled && gyre_cache != nullptr)
+    if (gyre::answer_from_cache())
         return gyre_cache_get_unicast_ftag_by_vlan(vlan, ftag);
     const uint32_t tpg = gyre_get_vlan_l2_tpg(vlan);
     if (tpg == GYRE_TPG_NONE)
@@ -272,7 +272,7 @@ TARN_API uint32_t gyre_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ft
     if (!gyre::ensure_init() || null_result(ftag, "ftag", "gyre_get_vlan_ftag") ||
         vlan > GYRE_MAX_VLAN)
         return 0;
-    if (gyre_cache_enabled && gyre_cache != nullptr)
+    if (gyre::answer_from_cache())
         return gyre_cache_get_vlan_ftag(vlan, graph, ftag);
     const uint32_t tpg = gyre_get_vlan_l2_tpg(vlan);
     if (tpg == GYRE_TPG_NONE)

@@ -160,7 +160,7 @@ TARN_API uint32_t gyre_get_l2_tpg_vlans(const char *name, gyre_vlan_bmp_t *vlans
     static const char fn[] = "gyre_get_l2_tpg_vlans";
     if (!gyre::ensure_init())
         return 0;
-    if (gyre_cache_enabled && gyre_cache != nullptr) {
+    if (gyre::answer_from_cache()) {
         if (vlans == nullptr || name == nullptr) {
             tarn_debug("Invalid Arguments in %s()", "gyre_cache_get_l2_tpg_vlans");
             return 0;
