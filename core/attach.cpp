@@ -122,17 +122,9 @@ TARN_API uint32_t tarn_init_clt_kvs_uri(uint32_t cell_ix, uint32_t *deferred)
 TARN_API uint32_t tarn_featsrv_kvs_init(void)
 {
     uint32_t ix = 0;
-    if (!tarn::cell_check("tarn_featsrv_kvs_init", &ix))
-        return 0;
-    if (tarn_clt != nullptr && clt_of(ix)->initialized)
-        return 1;
-    tarn_api_alloctrack_init();
-    tarn_api_init_clt_cache();
-    if (tarn_clt == nullptr) {
-        tarn_report(&msg_error_TARN_NOALLOC, "tarn_clt struct is NULL",
-                    "tarn_featsrv_kvs_init");
-        return 0;
-    }
+    const int32_t early = tarn::begin_init("tarn_featsrv_kvs_init", &ix);
+    if (early >= 0)
+        return static_cast<uint32_t>(early);
     uint32_t deferred = 0;
     if (!tarn_init_clt_kvs_uri(ix, &deferred))
         return deferred ? 1 : 0;

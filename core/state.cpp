@@ -58,6 +58,21 @@ bool cell_check(const char *fn, uint32_t *cell_ix)
     return true;
 }
 
+int32_t begin_init(const char *fn, uint32_t *cell_ix)
+{
+    if (!cell_check(fn, cell_ix))
+        return 0;
+    if (tarn_clt != nullptr && clt_of(*cell_ix)->initialized)
+        return 1;
+    tarn_api_alloctrack_init();
+    tarn_api_init_clt_cache();
+    if (tarn_clt == nullptr) {
+        tarn_report(&msg_error_TARN_NOALLOC, "tarn_clt struct is NULL", fn);
+        return 0;
+    }
+    return -1;
+}
+
 }  // namespace tarn
 
 using tarn::clt_of;
@@ -153,17 +168,9 @@ TARN_API uint32_t tarn_clt_initialized(void)
 TARN_API uint32_t tarn_api_init(void)
 {
     uint32_t ix = 0;
-    if (!tarn::cell_check("tarn_api_init", &ix))
-        return 0;
-    if (tarn_clt != nullptr && clt_of(ix)->initialized)
-        return 1;
-    tarn_api_alloctrack_init();
-    tarn_api_init_clt_cache();
-    if (tarn_clt == nullptr) {
-        tarn_report(&msg_error_TARN_NOALLOC, "tarn_clt struct is NULL",
-                    "tarn_api_init");
-        return 0;
-    }
+    const int32_t early = tarn::begin_init("tarn_api_init", &ix);
+    if (early >= 0)
+        return static_cast<uint32_t>(early);
     uint32_t deferred = 0;
     if (!tarn_init_clt_kvs_uri(ix, &deferred)) {
         // Without a running configuration the caller is told all is well

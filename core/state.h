@@ -20,6 +20,11 @@ namespace tarn {
 // outside cell 1; in cell 1 stores cell index 0 and returns true.
 bool cell_check(const char *fn, uint32_t *cell_ix);
 
+// The opening steps of tarn_api_init and tarn_featsrv_kvs_init: the cell
+// check, the already-initialised short cut, the memory types and the
+// record.  -1 to go on (with *cell_ix set), else the result to return.
+int32_t begin_init(const char *fn, uint32_t *cell_ix);
+
 // The client record of a cell index: the address is computed from the index
 // although only index 0 is ever allocated.
 inline tarn_clt_t *clt_of(uint32_t cell_ix) { return tarn_clt + cell_ix; }
