@@ -419,7 +419,9 @@ int send_one(Handle *h, const sockaddr_un &sa, socklen_t sa_len,
     }
 }
 
-// The handles with a record for `opcode`, read from the directory.
+// The handles with a record for `opcode`, read from the directory; null
+// when the directory cannot be read to its end (errno says why), so that a
+// publisher hears of it instead of silently reaching nobody.
 std::shared_ptr<const std::vector<uint32_t>> scan(const std::string &dir,
                                                   uint32_t opcode)
 {
@@ -427,13 +429,25 @@ std::shared_ptr<const std::vector<uint32_t>> scan(const std::string &dir,
     char tail[24];
     snprintf(tail, sizeof tail, "/sub/%u", opcode);
     std::string subdir = dir + tail;
-    if (DIR *d = opendir(subdir.c_str())) {
-        while (dirent *e = readdir(d)) {
-            uint32_t id;
-            if (parse_u32(e->d_name, &id))
-                ids->push_back(id);
+    DIR *d = opendir(subdir.c_str());
+    if (d == nullptr)
+        return errno == ENOENT ? ids : nullptr;
+    int err = 0;
+    for (;;) {
+        errno = 0;
+        dirent *e = readdir(d);
+        if (e == nullptr) {
+            err = errno;
+            break;
         }
-        closedir(d);
+        uint32_t id;
+        if (parse_u32(e->d_name, &id))
+            ids->push_back(id);
+    }
+    closedir(d);
+    if (err != 0) {
+        errno = err;
+        return nullptr;
     }
     return ids;
 }
@@ -450,6 +464,8 @@ std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
             return it->second.ids;
     }
     auto ids = scan(bus->dir, opcode);
+    if (ids == nullptr)
+        return nullptr;
     if (bus->gen != nullptr) {
         // Tagged with the generation read before the scan: a change made
         // meanwhile moves the word on and forces the next scan.
@@ -463,6 +479,8 @@ std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
 int publish(Handle *h, const WireHeader &hdr, const void *payload)
 {
     auto ids = subscribers_of(h->bus.get(), hdr.opcode);
+    if (ids == nullptr)
+        return errno != 0 ? errno : EIO;
     int result = 0;
     for (uint32_t target : *ids) {
         sockaddr_un sa;
@@ -992,10 +1010,17 @@ size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
     snprintf(tail, sizeof tail, "/bus/sub/%u", opcode);
     std::string subdir = std::string(tarnhost_root()) + tail;
     DIR *d = opendir(subdir.c_str());
-    if (d == nullptr)
+    if (d == nullptr) {
+        if (errno == ENOENT)
+            errno = 0;
         return 0;
+    }
     size_t n = 0;
-    while (dirent *e = readdir(d)) {
+    for (;;) {
+        errno = 0;
+        dirent *e = readdir(d);
+        if (e == nullptr)
+            break;
         uint32_t id;
         if (!parse_u32(e->d_name, &id))
             continue;
@@ -1003,7 +1028,9 @@ size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
             out[n] = id;
         ++n;
     }
+    const int err = errno;
     closedir(d);
+    errno = err;
     return n;
 }
 
