@@ -24,6 +24,7 @@
 #include "platform/tlvkit.h"
 #include "platform/supv.h"
 #include "support/fixture.h"
+#include "support/tarnctl_process.h"
 #include "tools/device_loader.h"
 
 namespace {
@@ -686,8 +687,10 @@ std::string slurp(const std::string &path)
 ToolRun tarnctl(const std::string &args, const std::string &root)
 {
     const std::string out = root + "/tarnctl.out", err = root + "/tarnctl.err";
-    const std::string cmd = std::string("'") + TARNCTL_PATH + "' " + args +
-                            " >'" + out + "' 2>'" + err + "'";
+    std::string cmd;
+    for (const std::string &word : tarntest::program_command(TARNCTL_PATH))
+        cmd += "'" + word + "' ";
+    cmd += args + " >'" + out + "' 2>'" + err + "'";
     int rc = system(cmd.c_str());
     ToolRun r;
     r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;

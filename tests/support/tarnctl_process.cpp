@@ -7,6 +7,16 @@
 
 namespace tarntest {
 
+std::vector<std::string> program_command(const char *path)
+{
+    std::vector<std::string> cmd;
+    const char *emulator = getenv("TARN_TEST_EMULATOR");
+    if (emulator != nullptr && emulator[0] != '\0')
+        cmd.emplace_back(emulator);
+    cmd.emplace_back(path);
+    return cmd;
+}
+
 pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
                     const std::vector<std::string> &env, const std::string &out_path,
                     const std::string &err_path)
@@ -23,12 +33,13 @@ pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
     dup2(e, 2);
     for (const std::string &kv : env)
         putenv(const_cast<char *>(kv.c_str()));
+    std::vector<std::string> cmd = program_command(path);
+    cmd.insert(cmd.end(), args.begin(), args.end());
     std::vector<char *> argv;
-    argv.push_back(const_cast<char *>(path));
-    for (const std::string &a : args)
-        argv.push_back(const_cast<char *>(a.c_str()));
+    for (std::string &a : cmd)
+        argv.push_back(&a[0]);
     argv.push_back(nullptr);
-    execv(path, argv.data());
+    execv(argv[0], argv.data());
     _exit(127);
 }
 

@@ -9,6 +9,11 @@
 
 namespace tarntest {
 
+// The command line that runs the program at `path`: the path alone, or,
+// where the tests run under a user-mode emulator (TARN_TEST_EMULATOR), the
+// emulator followed by the path, since the kernel cannot execute it.
+std::vector<std::string> program_command(const char *path);
+
 // Starts `tarnctl` (the binary at `path`) with `args`, its standard output
 // and error written to the files `out_path` and `err_path`, with `env`
 // entries ("NAME=VALUE") added to its environment.  The child's pid, or -1.
