@@ -994,6 +994,16 @@ bus_msg_t *tarnhost_bus_recv_ms(uint32_t handle, uint32_t timeout_ms)
     return receive(h.get(), timeout_ms);
 }
 
+int tarnhost_bus_fd(uint32_t handle)
+{
+    HandlePtr h = find(handle);
+    if (!h || h->fd < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    return h->fd;
+}
+
 uint32_t tarnhost_bus_sender_get(const bus_msg_t *msg)
 {
     return valid_msg(msg) ? msg->sender : BUS_HANDLE_NONE;

@@ -58,6 +58,14 @@ uint32_t tarnhost_bus_serve(int32_t sap, const char *name);
  * set (EAGAIN when nothing came in time). */
 bus_msg_t *tarnhost_bus_recv_ms(uint32_t handle, uint32_t timeout_ms);
 
+/* The descriptor behind a handle bound in this process: it polls readable
+ * (POLLIN) while a message waits, so that an event loop (poll, epoll, a
+ * language's selectors) can wait on several sources and call bus_recv or
+ * tarnhost_bus_recv_ms with no wait when it fires.  It stays the handle's:
+ * never read, close or change it.  -1 with errno EBADF for a handle not
+ * bound here. */
+int tarnhost_bus_fd(uint32_t handle);
+
 /* Answer `request`, received on `handle`, with a message of `opcode`. */
 int tarnhost_bus_reply(uint32_t handle, const bus_msg_t *request,
                        uint32_t opcode, const void *payload, uint32_t len);

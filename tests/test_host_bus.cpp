@@ -795,6 +795,34 @@ TEST_F(host_bus, UnbindWithdrawsSubscriptions)
     bus_unbind(b);
 }
 
+TEST_F(host_bus, DescriptorPollsReadableWhileAMessageWaits)
+{
+    uint32_t a = dyn();
+    ASSERT_EQ(0, tarnhost_bus_subscribe(a, kOpcA, 1));
+    const int fd = tarnhost_bus_fd(a);
+    ASSERT_GE(fd, 0);
+    pollfd p{fd, POLLIN, 0};
+    EXPECT_EQ(0, poll(&p, 1, 0));
+    // From another process, as an event loop would see it.
+    Proc pub = spawn([&](int, int) {
+        return tarnhost_bus_publish(BUS_HANDLE_NONE, kOpcA, "wake", 4) == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(0, finish(pub));
+    p.revents = 0;
+    ASSERT_EQ(1, poll(&p, 1, kWaitMs));
+    EXPECT_NE(0, p.revents & POLLIN);
+    bus_msg_t *m = tarnhost_bus_recv_ms(a, 0);
+    ASSERT_NE(nullptr, m);
+    EXPECT_EQ(kOpcA, bus_opc_get(m));
+    bus_drop(a, m);
+    p.revents = 0;
+    EXPECT_EQ(0, poll(&p, 1, 0));
+    EXPECT_EQ(0u, bus_unbind(a));
+    errno = 0;
+    EXPECT_EQ(-1, tarnhost_bus_fd(a));
+    EXPECT_EQ(EBADF, errno);
+}
+
 TEST_F(host_bus, ForkedChildDoesNotInheritHandles)
 {
     uint32_t a = dyn();
