@@ -177,3 +177,23 @@ def test_service_and_client_in_two_processes(device):
     assert lines[2] == "done"
     with tarn.open() as lib:
         assert lib.refresh_as_format() == 7
+
+
+@pytest.mark.parametrize("delay", [0.0, 0.01, 0.05])
+def test_a_killed_client_does_not_disturb_the_service(device, lib, delay):
+    child = start_child("caching_client.py")
+    assert child.stdout.readline().startswith("ready")
+    with tarn.Publisher() as pub:
+        assert len(pub.subscribers(51226)) == 1
+        pub.set_as_format(3)
+        time.sleep(delay)
+        child.kill()
+        child.communicate(timeout=30)
+        # Publishing to the dead subscriber neither fails nor blocks, and
+        # it is forgotten.
+        pub.set_as_format(4)
+        pub.set_as_format(5)
+        assert pub.subscribers(51226) == []
+    with lib.client() as c:
+        c.enable_cache()
+        assert lib.as_format == 5

@@ -125,3 +125,19 @@ def test_device_log_holds_reports_of_every_process(device):
         with pytest.raises(tarn.NotInitialisedError) as err:
             lib.context_id("red")
     assert err.value.log_line in device.log_lines()
+
+
+def test_refused_temporary_device_cleans_up():
+    before = os.environ.get("TARNHOST_ROOT")
+    made = []
+
+    class Watch(tarn.TemporaryDevice):
+        def load(self, description):
+            made.append(self.root)
+            return super().load(description)
+
+    with pytest.raises(tarn.DeviceError):
+        with Watch({"contexts": "not a list"}):
+            pass  # pragma: no cover - never entered
+    assert made and not os.path.exists(made[0])
+    assert os.environ.get("TARNHOST_ROOT") == before

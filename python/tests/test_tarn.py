@@ -7,6 +7,7 @@ from __future__ import annotations
 import ctypes
 import dataclasses
 import os
+import struct
 
 import pytest
 
@@ -167,6 +168,9 @@ def test_config_change_reaches_a_subscriber(lib, client):
             data = ctypes.string_at(N.host.bus_payload_get(raw, ctypes.byref(n)), n.value)
         finally:
             N.host.bus_drop(listener.handle, raw)
-    assert b"bgp" in data and b"red" in data
+    typ, param, name, ctx, count = struct.unpack_from("=II33s33sH", data)
+    entries = struct.unpack_from("=3I", data, 76)
+    assert (typ, param, count, entries) == (7, 9, 3, (1, 2, 3))
+    assert name.rstrip(b"\0") == b"bgp" and ctx.rstrip(b"\0") == b"red"
     with pytest.raises(ValueError):
         lib.send_config_change(1, "red", entries=[0] * 70000)
