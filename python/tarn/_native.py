@@ -15,7 +15,7 @@ from __future__ import annotations
 import ctypes
 import os
 import shutil
-from ctypes import (POINTER, c_char, c_char_p, c_int, c_int32, c_size_t,
+from ctypes import (POINTER, c_char_p, c_int, c_int32, c_size_t,
                     c_uint8, c_uint16, c_uint32, c_void_p)
 from pathlib import Path
 from typing import Optional
@@ -242,5 +242,5 @@ def name_arg(name: Optional[str]) -> Optional[bytes]:
     return None if name is None else name.encode("utf-8")
 
 
-__all__ = ["host", "tarn", "tarnctl_path", "library_path", "HAVE_BUS_FD",
-           "c_char"]
+__all__ = ["host", "tarn", "libc", "tarnctl_path", "library_path",
+           "HAVE_BUS_FD"]

@@ -186,8 +186,11 @@ class Client:
         # is still ours to release.
         if result != 1:
             N.host.bus_drop(self.handle, raw)
-        return Message(opcode, name, payload, sender, msg_id, result,
-                       take_log_lines())
+        lines = take_log_lines()
+        # Debug and console lines are kept too while capturing: do not let
+        # a long-running loop accumulate them.
+        N.host.tarnhost_capture_clear()
+        return Message(opcode, name, payload, sender, msg_id, result, lines)
 
     def poll(self) -> list[Message]:
         """Dispatch every message waiting now, without waiting."""

@@ -15,7 +15,7 @@ from __future__ import annotations
 import ctypes
 import enum
 from dataclasses import dataclass
-from typing import Iterator, Optional, Sequence, Union
+from typing import TYPE_CHECKING, Iterator, Optional, Sequence, Union
 
 from . import _native as N
 from . import _structs as S
@@ -23,6 +23,9 @@ from . import _walks
 from .device import current_root
 from .errors import (DeviceNotUpError, NotInitialisedError, check, failure,
                      pending, take_log_lines)
+
+if TYPE_CHECKING:
+    from .client import Client
 
 _UNKNOWN = "<unknown>"
 _TPG_MASK = 0x3FFFFFFF
