@@ -125,6 +125,26 @@ def test_a_cell_the_library_does_not_serve_raises(lib):
     assert lib.context_id("red") == 3
 
 
+def test_open_in_a_cell_the_library_does_not_serve(device):
+    N.host.tarnhost_cell_set(3)
+    try:
+        with pytest.raises(tarn.CellError) as err:
+            tarn.open()
+        assert "ctx range" in err.value.log_line
+    finally:
+        N.host.tarnhost_cell_reset()
+    with tarn.open() as lib:
+        assert lib.context_id("red") == 3
+
+
+def test_device_not_up_carries_the_report():
+    with tarn.Device.temporary():
+        with pytest.raises(tarn.DeviceNotUpError) as err:
+            tarn.open()
+    assert err.value.code == "TARN_SUPV"
+    assert err.value.log_line in str(err.value)
+
+
 def test_database_read_failure_raises_not_none(lib):
     fault = N.host.tarnhost_fault_set
     fault(b"kvs_read", 5, 1)
