@@ -6,6 +6,8 @@ import re
 import subprocess
 import sys
 
+import pytest
+
 import tarn
 from conftest import REPO, child_env
 
@@ -56,3 +58,27 @@ def test_readme_example_runs_against_the_example_device():
                               cwd=REPO)
     assert proc.returncode == 0, proc.stderr
     assert "tenant-red" in proc.stdout
+
+
+def test_tarnctl_is_found_beside_the_libraries(monkeypatch):
+    from tarn import _native as N
+    monkeypatch.delenv("TARNCTL", raising=False)
+    libdir = N.library_path(N.host).parent
+    found = N.tarnctl_path()
+    assert found in (str(libdir / "tools" / "tarnctl"),
+                     str(libdir.parent / "bin" / "tarnctl"))
+    monkeypatch.setenv("TARNCTL", "/nonexistent/tarnctl")
+    assert N.tarnctl_path() == "/nonexistent/tarnctl"
+
+
+def test_missing_libraries_say_where_they_were_looked_for(tmp_path):
+    env = child_env()
+    env["TARN_LIBDIR"] = str(tmp_path)
+    env.pop("LD_LIBRARY_PATH", None)
+    proc = subprocess.run([sys.executable, "-c", "import tarn"], env=env,
+                          capture_output=True, text=True, timeout=60,
+                          cwd=tmp_path)
+    if proc.returncode == 0:
+        pytest.skip("an installed libtarn is on the dynamic loader's path")
+    assert "ImportError" in proc.stderr
+    assert "TARN_LIBDIR" in proc.stderr and str(tmp_path) in proc.stderr
