@@ -4,7 +4,9 @@ libtarn and libtarnhost are found in this order:
 
 1. the directory named by ``TARN_LIBDIR`` (a build tree such as
    ``build/x86_64`` or an installed ``PREFIX/lib``);
-2. the dynamic loader's own search (``ldconfig``, ``LD_LIBRARY_PATH``).
+2. when the package is imported from the source tree (python/tarn), that
+   tree's ``build/x86_64``;
+3. the dynamic loader's own search (``ldconfig``, ``LD_LIBRARY_PATH``).
 
 libtarnhost is loaded first and globally, so that libtarn's dependency on it
 is met by the very same copy wherever libtarn itself was found.
@@ -34,11 +36,23 @@ p_u16 = POINTER(c_uint16)
 p_u32 = POINTER(c_uint32)
 
 
+def _source_tree_build() -> Optional[Path]:
+    """build/x86_64 of the source tree this package sits in, if any."""
+    tree = Path(__file__).resolve().parent.parent.parent
+    if (tree / "CMakeLists.txt").is_file() and (tree / "python" / "tarn").is_dir():
+        return tree / "build" / "x86_64"
+    return None
+
+
 def _candidates(soname: str) -> list[str]:
     out = []
     libdir = os.environ.get(LIBDIR_ENV)
     if libdir:
         out.append(str(Path(libdir) / soname))
+    else:
+        build = _source_tree_build()
+        if build is not None and (build / soname).exists():
+            out.append(str(build / soname))
     out.append(soname)
     return out
 
