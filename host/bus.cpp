@@ -1016,32 +1016,13 @@ uint32_t tarnhost_bus_reply_to_get(const bus_msg_t *msg)
 
 size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
 {
-    char tail[24];
-    snprintf(tail, sizeof tail, "/bus/sub/%u", opcode);
-    std::string subdir = std::string(tarnhost_root()) + tail;
-    DIR *d = opendir(subdir.c_str());
-    if (d == nullptr) {
-        if (errno == ENOENT)
-            errno = 0;
+    auto ids = scan(std::string(tarnhost_root()) + "/bus", opcode);
+    if (ids == nullptr)
         return 0;
-    }
-    size_t n = 0;
-    for (;;) {
-        errno = 0;
-        dirent *e = readdir(d);
-        if (e == nullptr)
-            break;
-        uint32_t id;
-        if (!parse_u32(e->d_name, &id))
-            continue;
-        if (out != nullptr && n < max)
-            out[n] = id;
-        ++n;
-    }
-    const int err = errno;
-    closedir(d);
-    errno = err;
-    return n;
+    for (size_t i = 0; out != nullptr && i < ids->size() && i < max; ++i)
+        out[i] = (*ids)[i];
+    errno = 0;
+    return ids->size();
 }
 
 void tarnhost_bus_set_send_wait_ms(uint32_t ms)

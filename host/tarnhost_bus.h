@@ -44,8 +44,8 @@ int tarnhost_bus_subscribe(uint32_t handle, uint32_t opcode, int on);
 /* The handles subscribed to `opcode` on this device now, in no particular
  * order: up to `max` of them are written to `out`; the result is how many
  * there are.  errno is 0 when the record directory was read to its end (or
- * does not exist); otherwise it says why, and the count covers only what was
- * read. */
+ * does not exist); when it could not be, the result is 0 and errno says
+ * why. */
 size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max);
 
 /* ---- serving ------------------------------------------------------------ */
