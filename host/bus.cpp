@@ -1,21 +1,27 @@
 // The message bus: Unix-domain datagram sockets under <root>/bus, with no
 // daemon.  Every handle is one socket bound at <root>/bus/h/<handle>; the
 // file system is the only shared state, so any process of the root can
-// reach any other without a broker.
+// reach any other without a broker.  The directory itself is kept by
+// host/bus_dir.cpp.
 //
 // Handle ids come from a counter in <root>/bus/lock, advanced under flock,
 // and are never handed out twice on a device (until the 32-bit counter
 // wraps).  That is what keeps stale state harmless: a socket file or a
 // subscription record left behind by a killed process names an id that no
-// live handle will ever have, so a publisher can delete it on sight.
+// live handle will ever have, so whoever meets it may delete it.
 //
-// A fixed access point is a symlink <root>/bus/ap/<sap> -> ../h/<handle>,
-// replaced atomically by rename.  Directed sends go through the symlink, so
-// the kernel resolves the access point on every send.
+// A fixed access point is a file <root>/bus/ap/<sap> holding the handle's
+// id, replaced atomically by rename; a directed send reads it and sends to
+// that handle's socket.
 //
 // A subscription is an empty file <root>/bus/sub/<opcode>/<handle>.  A
 // publish sends one datagram per entry of that directory, read again only
 // when the shared generation word in <root>/bus/gen says a record changed.
+//
+// No receiver holds up a sender for long: a send into a full queue waits
+// only while the receiver is seen taking messages, and a receiver that
+// stopped misses the message, counted in its state file, where it (and
+// anyone) can see that it has missed something.
 //
 // Every datagram is a 28-byte header followed by the payload; receivers
 // drop anything that does not carry the magic, the version and a length
@@ -45,6 +51,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/bus_dir.h"
 #include "host/bus_msg.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
@@ -74,31 +81,13 @@ constexpr uint32_t kMaxDatagram = kHeaderLen + BUS_MAX_PAYLOAD;
 
 using tarnhost_bus::kMsgLive;
 using tarnhost_bus::kMsgFreed;
+using namespace tarnhost_bus;  // the bus directory
 
 }  // namespace
 
 // A received (or sent) message: struct bus_msg of host/bus_msg.h.
 
 namespace {
-
-// What the processes of one bus share beyond the directory tree: a
-// generation word in <root>/bus/gen, bumped after every change to any
-// subscription record.  A publisher keeps the subscriber list of each
-// opcode it has published and reads the directory again only when the
-// generation has moved, so the usual publish costs no directory scan.
-struct Subscribers {
-    uint32_t gen = 0;
-    std::shared_ptr<const std::vector<uint32_t>> ids;
-};
-
-struct Bus {
-    std::string dir;
-    std::atomic<uint32_t> *gen = nullptr;  // null: no mapping, always scan
-    dev_t gen_dev = 0;
-    ino_t gen_ino = 0;
-    std::mutex mu;
-    std::unordered_map<uint32_t, Subscribers> cache;
-};
 
 struct Handle {
     uint32_t id = 0;
@@ -107,8 +96,8 @@ struct Handle {
     uint32_t type = 0;
     bus_addr_t addr{};
     std::string name;
-    std::string dir;  // "<root>/bus" as it was when the handle was bound
-    std::shared_ptr<Bus> bus;
+    BusPtr bus;
+    SlotPtr slot;  // this handle's delivery state; null if it has none
     size_t max_datagram = kMaxDatagram;
 
     std::mutex opt_mu;
@@ -172,53 +161,6 @@ HandlePtr find(uint32_t id)
     return it == t.end() ? HandlePtr() : it->second;
 }
 
-// The shared state of the bus under `dir`, mapped once per process.
-std::shared_ptr<Bus> bus_for(const std::string &dir)
-{
-    static std::mutex mu;
-    static auto *buses = new std::unordered_map<std::string,
-                                                std::shared_ptr<Bus>>;
-    std::string path = dir + "/gen";
-    std::lock_guard<std::mutex> lock(mu);
-    auto it = buses->find(dir);
-    if (it != buses->end()) {
-        // A root removed and made again at the same path has a new word.
-        struct stat st;
-        if (it->second->gen == nullptr ||
-            (stat(path.c_str(), &st) == 0 &&
-             st.st_dev == it->second->gen_dev &&
-             st.st_ino == it->second->gen_ino))
-            return it->second;
-    }
-    auto bus = std::make_shared<Bus>();
-    bus->dir = dir;
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                  0600);
-    if (fd >= 0) {
-        struct stat st;
-        constexpr off_t kSize = 64;
-        if (fstat(fd, &st) == 0 && (st.st_size >= kSize ||
-                                    ftruncate(fd, kSize) == 0)) {
-            void *p = mmap(nullptr, kSize, PROT_READ | PROT_WRITE,
-                           MAP_SHARED, fd, 0);
-            if (p != MAP_FAILED) {
-                bus->gen = static_cast<std::atomic<uint32_t> *>(p);
-                bus->gen_dev = st.st_dev;
-                bus->gen_ino = st.st_ino;
-            }
-        }
-        close(fd);
-    }
-    (*buses)[dir] = bus;
-    return bus;
-}
-
-void bump(Bus *bus)
-{
-    if (bus->gen != nullptr)
-        bus->gen->fetch_add(1, std::memory_order_acq_rel);
-}
-
 uint32_t next_msg_id()
 {
     uint32_t id;
@@ -234,104 +176,6 @@ void fail(Handle *h, int err)
         h->last_error.store(static_cast<uint32_t>(err),
                             std::memory_order_relaxed);
     errno = err;
-}
-
-bool make_dir(const std::string &path)
-{
-    if (mkdir(path.c_str(), 0700) == 0 || errno == EEXIST)
-        return true;
-    return false;
-}
-
-// Fills `sa` with "<dir>/<sub>/<n>"; false when it does not fit.
-bool sock_path(sockaddr_un *sa, socklen_t *sa_len, const std::string &dir,
-               const char *sub, uint32_t n)
-{
-    memset(sa, 0, sizeof *sa);
-    sa->sun_family = AF_UNIX;
-    int w = snprintf(sa->sun_path, sizeof sa->sun_path, "%s/%s/%u",
-                     dir.c_str(), sub, n);
-    if (w < 0 || static_cast<size_t>(w) >= sizeof sa->sun_path)
-        return false;
-    *sa_len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) +
-                                     static_cast<size_t>(w) + 1);
-    return true;
-}
-
-std::string record_path(const std::string &dir, uint32_t opcode,
-                        uint32_t id)
-{
-    char tail[32];
-    snprintf(tail, sizeof tail, "/sub/%u/%u", opcode, id);
-    return dir + tail;
-}
-
-// Strict decimal, as written by record_path; anything else is not ours.
-bool parse_u32(const char *s, uint32_t *out)
-{
-    if (*s == '\0' || (s[0] == '0' && s[1] != '\0'))
-        return false;
-    uint64_t v = 0;
-    for (; *s != '\0'; ++s) {
-        if (*s < '0' || *s > '9')
-            return false;
-        v = v * 10 + static_cast<uint64_t>(*s - '0');
-        if (v > 0xFFFFFFFFu)
-            return false;
-    }
-    *out = static_cast<uint32_t>(v);
-    return true;
-}
-
-// 1 when some process has a socket bound at `path`, 0 when nobody does.
-bool socket_alive(const char *path)
-{
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return true;  // cannot tell: assume the holder is alive
-    sockaddr_un sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sun_family = AF_UNIX;
-    snprintf(sa.sun_path, sizeof sa.sun_path, "%s", path);
-    int rc = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-    int err = errno;
-    close(fd);
-    return rc == 0 || (err != ECONNREFUSED && err != ENOENT);
-}
-
-// The bus-wide lock, held while ids are drawn and access points change.
-int lock_bus(const std::string &dir)
-{
-    std::string path = dir + "/lock";
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0)
-        return -1;
-    while (flock(fd, LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            int err = errno;
-            close(fd);
-            errno = err;
-            return -1;
-        }
-    }
-    return fd;
-}
-
-uint32_t draw_id(int lock_fd)
-{
-    uint32_t next = 0;
-    if (pread(lock_fd, &next, sizeof next, 0) != sizeof next)
-        next = 0;
-    if (next == 0 || next == BUS_HANDLE_NONE)
-        next = 1;
-    uint32_t after = next + 1;
-    if (after == BUS_HANDLE_NONE)
-        after = 1;
-    if (pwrite(lock_fd, &after, sizeof after, 0) != sizeof after) {
-        // The id is still unique among live handles: bind() refuses an
-        // existing path.  Only the counter's persistence suffers.
-    }
-    return next;
 }
 
 void size_buffers(int fd)
@@ -355,9 +199,19 @@ size_t datagram_limit(int fd)
     return lim < kMaxDatagram ? lim : kMaxDatagram;
 }
 
+// How long one blocking send waits before the sender looks whether the
+// receiver is taking messages at all.
+constexpr uint32_t kStallWindowMs = 200;
+
+uint32_t stall_window_ms()
+{
+    uint32_t total = g_send_wait_ms.load(std::memory_order_relaxed);
+    return total < kStallWindowMs ? total : kStallWindowMs;
+}
+
 void apply_send_wait(Handle *h)
 {
-    uint32_t want = g_send_wait_ms.load(std::memory_order_relaxed);
+    uint32_t want = stall_window_ms();
     if (h->applied_wait_ms.load(std::memory_order_relaxed) == want)
         return;
     timeval tv;
@@ -367,6 +221,14 @@ void apply_send_wait(Handle *h)
         tv.tv_usec = 1;  // zero would mean "wait for ever"
     if (setsockopt(h->fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0)
         h->applied_wait_ms.store(want, std::memory_order_relaxed);
+}
+
+uint64_t now_ms()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000u +
+           static_cast<uint64_t>(t.tv_nsec) / 1000000u;
 }
 
 bus_msg *new_msg(const WireHeader &hdr, const void *payload, uint32_t handle)
@@ -395,7 +257,7 @@ bool valid_msg(const bus_msg *m)
 
 // One datagram to the socket at `sa`; 0 or an errno value.
 int send_one(Handle *h, const sockaddr_un &sa, socklen_t sa_len,
-             const WireHeader &hdr, const void *payload)
+             const WireHeader &hdr, const void *payload, int flags)
 {
     iovec iov[2];
     iov[0].iov_base = const_cast<WireHeader *>(&hdr);
@@ -409,7 +271,7 @@ int send_one(Handle *h, const sockaddr_un &sa, socklen_t sa_len,
     mh.msg_iov = iov;
     mh.msg_iovlen = hdr.len != 0 ? 2 : 1;
     for (;;) {
-        ssize_t n = sendmsg(h->fd, &mh, MSG_NOSIGNAL);
+        ssize_t n = sendmsg(h->fd, &mh, MSG_NOSIGNAL | flags);
         if (n >= 0)
             return 0;
         if (errno == EINTR)
@@ -419,125 +281,80 @@ int send_one(Handle *h, const sockaddr_un &sa, socklen_t sa_len,
     }
 }
 
-// The handles with a record for `opcode`, read from the directory; null
-// when the directory cannot be read to its end (errno says why), so that a
-// publisher hears of it instead of silently reaching nobody.
-std::shared_ptr<const std::vector<uint32_t>> scan(const std::string &dir,
-                                                  uint32_t opcode)
+// One datagram to handle `target`, whose queue may be full.  The sender
+// waits while the receiver is seen taking messages (its slot's count
+// moves), up to the send wait in all; a receiver that took nothing for a
+// whole window, or one marked stalled by an earlier sender, misses the
+// message: counted in its slot, and no later sender waits for it until it
+// takes a message again.  0, EAGAIN for a missed message, or an errno.
+int deliver(Handle *h, uint32_t target, const WireHeader &hdr,
+            const void *payload)
 {
-    auto ids = std::make_shared<std::vector<uint32_t>>();
-    char tail[24];
-    snprintf(tail, sizeof tail, "/sub/%u", opcode);
-    std::string subdir = dir + tail;
-    DIR *d = opendir(subdir.c_str());
-    if (d == nullptr)
-        return errno == ENOENT ? ids : nullptr;
-    int err = 0;
+    Bus *bus = h->bus.get();
+    sockaddr_un sa;
+    socklen_t sa_len;
+    if (!sock_path(&sa, &sa_len, *bus, target))
+        return ENAMETOOLONG;
+    SlotPtr peer = slot_of(bus, target);
+    Slot *slot = peer ? peer->slot : nullptr;
+    if (slot != nullptr &&
+        slot->stalled.load(std::memory_order_acquire) != 0) {
+        int err = send_one(h, sa, sa_len, hdr, payload, MSG_DONTWAIT);
+        if (err == EAGAIN)
+            slot->missed.fetch_add(1, std::memory_order_acq_rel);
+        return err;
+    }
+    uint32_t seen = slot != nullptr
+                        ? slot->received.load(std::memory_order_acquire)
+                        : 0;
+    uint64_t start = now_ms();
+    uint64_t total = g_send_wait_ms.load(std::memory_order_relaxed);
     for (;;) {
-        errno = 0;
-        dirent *e = readdir(d);
-        if (e == nullptr) {
-            err = errno;
-            break;
+        int err = send_one(h, sa, sa_len, hdr, payload, 0);
+        if (err != EAGAIN)
+            return err;
+        bool moving = false;
+        if (slot != nullptr) {
+            uint32_t now = slot->received.load(std::memory_order_acquire);
+            moving = now != seen;
+            seen = now;
         }
-        uint32_t id;
-        if (parse_u32(e->d_name, &id))
-            ids->push_back(id);
+        if (now_ms() - start >= total || (slot != nullptr && !moving)) {
+            if (slot != nullptr) {
+                slot->stalled.store(1, std::memory_order_release);
+                slot->missed.fetch_add(1, std::memory_order_acq_rel);
+            }
+            return EAGAIN;
+        }
     }
-    closedir(d);
-    if (err != 0) {
-        errno = err;
-        return nullptr;
-    }
-    return ids;
 }
 
-std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
-                                                            uint32_t opcode)
-{
-    uint32_t gen = 0;
-    if (bus->gen != nullptr) {
-        gen = bus->gen->load(std::memory_order_acquire);
-        std::lock_guard<std::mutex> lock(bus->mu);
-        auto it = bus->cache.find(opcode);
-        if (it != bus->cache.end() && it->second.gen == gen)
-            return it->second.ids;
-    }
-    auto ids = scan(bus->dir, opcode);
-    if (ids == nullptr)
-        return nullptr;
-    if (bus->gen != nullptr) {
-        // Tagged with the generation read before the scan: a change made
-        // meanwhile moves the word on and forces the next scan.
-        std::lock_guard<std::mutex> lock(bus->mu);
-        bus->cache[opcode] = Subscribers{gen, ids};
-    }
-    return ids;
-}
-
-// Publish to every subscriber of hdr.opcode; 0 or an errno value.
-int publish(Handle *h, const WireHeader &hdr, const void *payload)
+// Publish to every subscriber of hdr.opcode; 0 or an errno value.  The
+// subscribers that missed the message are added to `missed` when given.
+int publish(Handle *h, const WireHeader &hdr, const void *payload,
+            std::vector<uint32_t> *missed)
 {
     auto ids = subscribers_of(h->bus.get(), hdr.opcode);
-    if (ids == nullptr)
-        return errno != 0 ? errno : EIO;
-    int result = 0;
     for (uint32_t target : *ids) {
-        sockaddr_un sa;
-        socklen_t sa_len;
-        if (!sock_path(&sa, &sa_len, h->dir, "h", target))
-            continue;
-        int err = send_one(h, sa, sa_len, hdr, payload);
+        int err = deliver(h, target, hdr, payload);
         if (err == 0)
             continue;
         if (err == ECONNREFUSED || err == ENOENT) {
             // Nobody holds that socket any more, and its id is never
-            // reused: the record and the socket file are both litter.
-            std::string rec = record_path(h->dir, hdr.opcode, target);
-            unlink(rec.c_str());
-            if (err == ECONNREFUSED)
-                unlink(sa.sun_path);
-            bump(h->bus.get());
+            // reused: the record, the socket file and the slot are litter.
+            forget(h->bus.get(), hdr.opcode, target);
             continue;
         }
         if (err == EMSGSIZE) {
             // Same for every receiver: stop before anyone gets a copy of a
             // message that others cannot.
-            result = err;
-            break;
+            return err;
         }
-        // A live subscriber that cannot take the message in time: the
-        // others still get it, and the sender hears about the loss.
-        if (result == 0)
-            result = err;
+        // A subscriber that could not take it: its loss, counted against
+        // it, not a failure of the publish.
+        if (missed != nullptr)
+            missed->push_back(target);
     }
-    return result;
-}
-
-bool remove_record(Handle *h, uint32_t opcode)
-{
-    std::string path = record_path(h->dir, opcode, h->id);
-    bool ok = unlink(path.c_str()) == 0 || errno == ENOENT;
-    bump(h->bus.get());
-    return ok;
-}
-
-int add_record(Handle *h, uint32_t opcode)
-{
-    const std::string &dir = h->dir;
-    uint32_t id = h->id;
-    char tail[24];
-    snprintf(tail, sizeof tail, "/sub/%u", opcode);
-    std::string subdir = dir + tail;
-    if (!make_dir(dir + "/sub") || !make_dir(subdir))
-        return errno;
-    std::string path = record_path(dir, opcode, id);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                  0600);
-    if (fd < 0)
-        return errno;
-    close(fd);
-    bump(h->bus.get());
     return 0;
 }
 
@@ -570,6 +387,14 @@ bus_msg *receive(Handle *h, uint32_t timeout_ms)
             if (hdr.magic != kWireMagic || hdr.version != kWireVersion ||
                 hdr.len != static_cast<size_t>(n) - kHeaderLen)
                 continue;
+            if (h->slot) {
+                // Taking a message is what tells waiting senders that this
+                // queue moves; it also lifts a stall mark.
+                Slot *slot = h->slot->slot;
+                slot->received.fetch_add(1, std::memory_order_acq_rel);
+                if (slot->stalled.load(std::memory_order_relaxed) != 0)
+                    slot->stalled.store(0, std::memory_order_release);
+            }
             bus_msg *m = new_msg(hdr, h->rx + kHeaderLen, h->id);
             if (m == nullptr)
                 fail(h, ENOMEM);
@@ -622,17 +447,13 @@ uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
         errno = EINVAL;
         return BUS_HANDLE_NONE;
     }
-    int err = tarnhost_root_prepare();
-    if (err != 0) {
-        errno = err;
-        return BUS_HANDLE_NONE;
-    }
     HandlePtr h = std::make_shared<Handle>();
-    h->dir = std::string(tarnhost_root()) + "/bus";
-    if (!make_dir(h->dir + "/h") || !make_dir(h->dir + "/ap") ||
-        !make_dir(h->dir + "/sub"))
+    h->bus = bus_open(true);
+    if (!h->bus)
         return BUS_HANDLE_NONE;
-    h->bus = bus_for(h->dir);
+    Bus &bus = *h->bus;
+    // Whoever binds cleans up after the processes that died bound.
+    sweep(h->bus.get());
     h->sap = sap;
     h->type = type;
     if (addr != nullptr)
@@ -647,46 +468,31 @@ uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
     h->max_datagram = datagram_limit(h->fd);
     apply_send_wait(h.get());
 
-    int lock_fd = lock_bus(h->dir);
+    int lock_fd = lock_bus(bus);
     if (lock_fd < 0)
         return BUS_HANDLE_NONE;
     // From here on every exit closes lock_fd.
-    char ap[sizeof(sockaddr_un::sun_path)];
     if (sap > 0) {
-        int w = snprintf(ap, sizeof ap, "%s/ap/%d", h->dir.c_str(), sap);
-        if (w < 0 || static_cast<size_t>(w) >= sizeof ap) {
-            close(lock_fd);
-            errno = ENAMETOOLONG;
-            return BUS_HANDLE_NONE;
-        }
-        if (socket_alive(ap)) {
-            close(lock_fd);
-            errno = EADDRINUSE;
-            return BUS_HANDLE_NONE;
-        }
-        // The previous holder died without unbinding: its socket file is
-        // litter (ids are not reused); the symlink is replaced below.
-        char stale[64];
-        ssize_t n = readlink(ap, stale, sizeof stale - 1);
-        uint32_t dead;
-        if (n > 5 && memcmp(stale, "../h/", 5) == 0) {
-            stale[n] = '\0';
-            if (parse_u32(stale + 5, &dead)) {
-                sockaddr_un old;
-                socklen_t old_len;
-                if (sock_path(&old, &old_len, h->dir, "h", dead))
-                    unlink(old.sun_path);
+        uint32_t holder;
+        if (read_ap(bus, sap, &holder) == 0) {
+            if (socket_alive(bus, holder)) {
+                close(lock_fd);
+                errno = EADDRINUSE;
+                return BUS_HANDLE_NONE;
             }
+            // The previous holder died without unbinding: its socket file
+            // is litter (ids are not reused); the entry is replaced below.
+            forget_socket(h->bus.get(), holder);
         }
     }
 
     sockaddr_un sa;
     socklen_t sa_len = 0;
-    err = EADDRINUSE;
+    int err = EADDRINUSE;
     // A taken id can only be left over from a wrapped counter: move on.
     for (int attempt = 0; attempt < 64 && err == EADDRINUSE; ++attempt) {
         h->id = draw_id(lock_fd);
-        if (!sock_path(&sa, &sa_len, h->dir, "h", h->id)) {
+        if (!sock_path(&sa, &sa_len, bus, h->id)) {
             err = ENAMETOOLONG;
             break;
         }
@@ -696,20 +502,16 @@ uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
     }
     if (err == 0 && chmod(sa.sun_path, 0600) != 0)
         err = errno;
-    if (err == 0 && sap > 0) {
-        char target[32];
-        snprintf(target, sizeof target, "../h/%u", h->id);
-        std::string tmp = std::string(ap) + ".new";
-        unlink(tmp.c_str());
-        if (symlink(target, tmp.c_str()) != 0 ||
-            rename(tmp.c_str(), ap) != 0) {
+    if (err == 0) {
+        h->slot = create_slot(h->bus.get(), h->id);
+        if (!h->slot)
             err = errno;
-            unlink(tmp.c_str());
-        }
     }
+    if (err == 0 && sap > 0)
+        err = write_ap(bus, sap, h->id);
     if (err != 0) {
-        if (sa_len != 0)
-            unlink(sa.sun_path);
+        if (sa_len != 0 && h->id != 0)
+            forget_socket(h->bus.get(), h->id);
         close(lock_fd);
         errno = err;
         return BUS_HANDLE_NONE;
@@ -741,38 +543,30 @@ uint32_t bus_unbind(uint32_t handle)
         std::lock_guard<std::mutex> lock(h->opt_mu);
         for (const auto &o : h->options)
             if ((o.second & BUS_OPT_RECEIVE) != 0)
-                remove_record(h.get(), o.first);
+                remove_record(h->bus.get(), o.first, h->id);
         h->options.clear();
     }
     if (h->sap > 0) {
-        int lock_fd = lock_bus(h->dir);
-        char ap[sizeof(sockaddr_un::sun_path)];
-        snprintf(ap, sizeof ap, "%s/ap/%d", h->dir.c_str(), h->sap);
-        char cur[64];
-        char mine[32];
-        snprintf(mine, sizeof mine, "../h/%u", h->id);
-        ssize_t n = readlink(ap, cur, sizeof cur - 1);
-        if (n > 0) {
-            cur[n] = '\0';
-            if (strcmp(cur, mine) == 0)
-                unlink(ap);
-        }
+        int lock_fd = lock_bus(*h->bus);
+        remove_ap_if(*h->bus, h->sap, h->id);
         if (lock_fd >= 0)
             close(lock_fd);
     }
-    sockaddr_un sa;
-    socklen_t sa_len;
-    if (sock_path(&sa, &sa_len, h->dir, "h", h->id))
-        unlink(sa.sun_path);
+    h->slot.reset();
+    forget_socket(h->bus.get(), h->id);
     return 0;
 }
 
-int32_t bus_send(uint32_t handle, uint32_t node, uint32_t sap,
-                 uint32_t opcode, const void *payload, uint32_t len,
-                 bus_msg_t *reply_to, bus_msg_t **sent,
-                 const bus_send_opts_t *opts)
+}  // extern "C"
+
+namespace {
+
+// bus_send, with the subscribers that missed a publish added to `missed`.
+int32_t send_message(uint32_t handle, uint32_t node, uint32_t sap,
+                     uint32_t opcode, const void *payload, uint32_t len,
+                     bus_msg_t *reply_to, bus_msg_t **sent,
+                     std::vector<uint32_t> *missed)
 {
-    (void)opts;  // one delivery mode only
     if (sent != nullptr)
         *sent = nullptr;
     HandlePtr h = find(handle);
@@ -809,29 +603,28 @@ int32_t bus_send(uint32_t handle, uint32_t node, uint32_t sap,
     int err;
     if (reply_to != nullptr) {
         hdr.kind = kKindReply;
-        sockaddr_un sa;
-        socklen_t sa_len;
-        if (!sock_path(&sa, &sa_len, h->dir, "h", reply_to->sender))
-            err = ENAMETOOLONG;
-        else
-            err = send_one(h.get(), sa, sa_len, hdr, payload);
+        err = socket_present(*h->bus, reply_to->sender);
+        if (err == 0)
+            err = deliver(h.get(), reply_to->sender, hdr, payload);
         if (err == ENOENT)
             err = ECONNREFUSED;  // the requester is gone
     } else if (node != BUS_NODE_LOCAL && node != 0) {
         err = EHOSTUNREACH;
     } else if (sap != 0) {
         hdr.kind = kKindDirected;
-        sockaddr_un sa;
-        socklen_t sa_len;
-        if (!sock_path(&sa, &sa_len, h->dir, "ap", sap))
-            err = ENAMETOOLONG;
-        else
-            err = send_one(h.get(), sa, sa_len, hdr, payload);
+        uint32_t target = 0;
+        err = sap > 0x7FFFFFFFu
+                  ? ENOENT
+                  : read_ap(*h->bus, static_cast<int32_t>(sap), &target);
+        if (err == 0)
+            err = socket_present(*h->bus, target);
+        if (err == 0)
+            err = deliver(h.get(), target, hdr, payload);
         if (err == ENOENT)
             err = ECONNREFUSED;  // nobody serves that access point
     } else {
         hdr.kind = kKindPublish;
-        err = publish(h.get(), hdr, payload);
+        err = publish(h.get(), hdr, payload, missed);
     }
     if (err != 0) {
         fail(h.get(), err);
@@ -840,6 +633,20 @@ int32_t bus_send(uint32_t handle, uint32_t node, uint32_t sap,
     if (sent != nullptr)
         *sent = new_msg(hdr, payload, h->id);
     return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t bus_send(uint32_t handle, uint32_t node, uint32_t sap,
+                 uint32_t opcode, const void *payload, uint32_t len,
+                 bus_msg_t *reply_to, bus_msg_t **sent,
+                 const bus_send_opts_t *opts)
+{
+    (void)opts;  // one delivery mode only
+    return send_message(handle, node, sap, opcode, payload, len, reply_to,
+                        sent, nullptr);
 }
 
 bus_msg_t *bus_recv(uint32_t handle, const bus_recv_opts_t *opts)
@@ -960,13 +767,13 @@ uint32_t bus_options_set(uint32_t handle, uint32_t opcode, uint32_t value)
     if ((value & BUS_OPT_RECEIVE) != 0) {
         // Written again even when the bit was set: cheap, and it restores
         // a record that someone removed behind our back.
-        int err = add_record(h.get(), opcode);
+        int err = add_record(h->bus.get(), opcode, h->id);
         if (err != 0) {
             fail(h.get(), err);
             return static_cast<uint32_t>(err);
         }
     } else if ((old & BUS_OPT_RECEIVE) != 0) {
-        if (!remove_record(h.get(), opcode)) {
+        if (!remove_record(h->bus.get(), opcode, h->id)) {
             int err = errno;
             fail(h.get(), err);
             return static_cast<uint32_t>(err);
@@ -1016,13 +823,68 @@ uint32_t tarnhost_bus_reply_to_get(const bus_msg_t *msg)
 
 size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
 {
-    auto ids = scan(std::string(tarnhost_root()) + "/bus", opcode);
-    if (ids == nullptr)
+    BusPtr bus = bus_open(false);
+    if (!bus)
         return 0;
-    for (size_t i = 0; out != nullptr && i < ids->size() && i < max; ++i)
-        out[i] = (*ids)[i];
-    errno = 0;
-    return ids->size();
+    std::vector<uint32_t> ids = list_records(*bus, opcode);
+    for (size_t i = 0; out != nullptr && i < ids.size() && i < max; ++i)
+        out[i] = ids[i];
+    return ids.size();
+}
+
+int tarnhost_bus_missed(uint32_t handle, uint32_t *count)
+{
+    if (count == nullptr)
+        return EINVAL;
+    SlotPtr slot;
+    if (HandlePtr h = find(handle))
+        slot = h->slot;
+    if (!slot) {
+        BusPtr bus = bus_open(false);
+        if (!bus)
+            return errno;
+        int err = socket_present(*bus, handle);
+        if (err != 0)
+            return err;
+        slot = slot_of(bus.get(), handle);
+    }
+    if (!slot)
+        return ENOENT;
+    Slot *s = slot->slot;
+    *count = s->missed.load(std::memory_order_acquire) -
+             s->caught_up.load(std::memory_order_acquire);
+    return 0;
+}
+
+int tarnhost_bus_missed_take(uint32_t handle, uint32_t *count)
+{
+    if (count == nullptr)
+        return EINVAL;
+    HandlePtr h = find(handle);
+    if (!h)
+        return EBADF;
+    if (!h->slot)
+        return ENOENT;
+    Slot *s = h->slot->slot;
+    uint32_t missed = s->missed.load(std::memory_order_acquire);
+    *count = missed - s->caught_up.exchange(missed, std::memory_order_acq_rel);
+    return 0;
+}
+
+int32_t tarnhost_bus_handle_sap(uint32_t handle)
+{
+    BusPtr bus = bus_open(false);
+    if (!bus) {
+        errno = ENOENT;
+        return -1;
+    }
+    // The entry must lead to a socket that is still there.
+    int32_t sap = find_ap(*bus, handle);
+    if (sap < 0 || socket_present(*bus, handle) != 0) {
+        errno = ENOENT;
+        return -1;
+    }
+    return sap;
 }
 
 void tarnhost_bus_set_send_wait_ms(uint32_t ms)
@@ -1031,3 +893,15 @@ void tarnhost_bus_set_send_wait_ms(uint32_t ms)
 }
 
 }  // extern "C"
+
+namespace tarnhost_bus {
+
+int publish_from(uint32_t handle, uint32_t opcode, const void *payload,
+                 uint32_t len, std::vector<uint32_t> *missed)
+{
+    int rc = send_message(handle, BUS_NODE_LOCAL, 0, opcode, payload, len,
+                          nullptr, nullptr, missed);
+    return rc == 0 ? 0 : errno;
+}
+
+}  // namespace tarnhost_bus

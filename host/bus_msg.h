@@ -5,6 +5,8 @@
 
 #include <stdint.h>
 
+#include <vector>
+
 // 32 bytes keep the payload 16-byte aligned on both ABIs.
 struct bus_msg {
     uint32_t magic;
@@ -23,6 +25,12 @@ namespace tarnhost_bus {
 
 constexpr uint32_t kMsgLive = 0x4D53474Cu;
 constexpr uint32_t kMsgFreed = 0x46524545u;
+
+// Publishes from a bound handle; the subscribers that missed the message
+// (their queue stayed full) are added to `missed` when it is given.  0 or
+// an errno value.
+int publish_from(uint32_t handle, uint32_t opcode, const void *payload,
+                 uint32_t len, std::vector<uint32_t> *missed);
 
 }  // namespace tarnhost_bus
 

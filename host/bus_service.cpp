@@ -1,9 +1,7 @@
 // Service-side conveniences over the bus: what a publisher, a server or a
 // test needs in one call instead of four.
 
-#include <dirent.h>
 #include <errno.h>
-#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -30,16 +28,27 @@ extern "C" {
 int tarnhost_bus_publish(uint32_t handle, uint32_t opcode,
                          const void *payload, uint32_t len)
 {
+    return tarnhost_bus_publish_counted(handle, opcode, payload, len, nullptr,
+                                        0, nullptr);
+}
+
+int tarnhost_bus_publish_counted(uint32_t handle, uint32_t opcode,
+                                 const void *payload, uint32_t len,
+                                 uint32_t *missed, size_t max,
+                                 size_t *n_missed)
+{
     uint32_t from = handle;
     if (handle == BUS_HANDLE_NONE) {
         from = bus_bind(0, -1, nullptr, "tarnhost publisher");
         if (from == BUS_HANDLE_NONE)
             return errno;
     }
-    bus_send_opts_t opts = normal_delivery();
-    int rc = bus_send(from, BUS_NODE_LOCAL, 0, opcode, payload, len, nullptr,
-                      nullptr, &opts);
-    int err = rc == 0 ? 0 : errno;
+    std::vector<uint32_t> lost;
+    int err = tarnhost_bus::publish_from(from, opcode, payload, len, &lost);
+    for (size_t i = 0; missed != nullptr && i < lost.size() && i < max; ++i)
+        missed[i] = lost[i];
+    if (n_missed != nullptr)
+        *n_missed = lost.size();
     // Datagrams already queued survive the sender's socket closing.
     if (handle == BUS_HANDLE_NONE)
         bus_unbind(from);
@@ -111,51 +120,6 @@ bus_msg_t *tarnhost_bus_msg_new(uint32_t opcode, const void *payload,
     if (len != 0)
         memcpy(m + 1, payload, len);
     return m;
-}
-
-int32_t tarnhost_bus_handle_sap(uint32_t handle)
-{
-    char dir[PATH_MAX];
-    int w = snprintf(dir, sizeof dir, "%s/bus/ap", tarnhost_root());
-    if (w < 0 || static_cast<size_t>(w) >= sizeof dir) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    char want[32];
-    snprintf(want, sizeof want, "../h/%u", handle);
-    DIR *d = opendir(dir);
-    if (d == nullptr) {
-        errno = ENOENT;
-        return -1;
-    }
-    int32_t found = -1;
-    while (dirent *e = readdir(d)) {
-        const char *name = e->d_name;
-        char *end = nullptr;
-        errno = 0;
-        long sap = strtol(name, &end, 10);
-        if (name[0] < '1' || name[0] > '9' || *end != '\0' || errno != 0 ||
-            sap > 0x7FFFFFFFL)
-            continue;
-        char path[PATH_MAX];
-        w = snprintf(path, sizeof path, "%s/%s", dir, name);
-        if (w < 0 || static_cast<size_t>(w) >= sizeof path)
-            continue;
-        char target[64];
-        ssize_t n = readlink(path, target, sizeof target - 1);
-        if (n <= 0)
-            continue;
-        target[n] = '\0';
-        // The link must lead to a socket that is still there.
-        if (strcmp(target, want) == 0 && access(path, F_OK) == 0) {
-            found = static_cast<int32_t>(sap);
-            break;
-        }
-    }
-    closedir(d);
-    if (found < 0)
-        errno = ENOENT;
-    return found;
 }
 
 }  // extern "C"

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "host/kvs_internal.h"
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
 
@@ -215,33 +216,11 @@ Link *find_link(const char *uri)
     return nullptr;
 }
 
-// Creates the database directory below the root; the root itself must exist.
+// Creates (or checks) the database directory below the root: the store
+// opens its files there by name, so the directory must be ours alone.
 uint32_t make_env_dir(const char *path)
 {
-    const char *root = tarnhost_root();
-    size_t rl = strlen(root);
-    struct stat st;
-    if (stat(root, &st) != 0)
-        return KVS_ERR_IO;
-    if (!S_ISDIR(st.st_mode)) {
-        errno = ENOTDIR;
-        return KVS_ERR_IO;
-    }
-    char buf[kPathMax];
-    size_t n = strlen(path);
-    if (n >= sizeof buf || strncmp(path, root, rl) != 0)
-        return KVS_ERR_BAD_URI;
-    memcpy(buf, path, n + 1);
-    for (size_t i = rl + 1; i <= n; ++i) {
-        if (buf[i] != '/' && buf[i] != '\0')
-            continue;
-        char c = buf[i];
-        buf[i] = '\0';
-        if (mkdir(buf, 0700) != 0 && errno != EEXIST)
-            return KVS_ERR_IO;
-        buf[i] = c;
-    }
-    return KVS_OK;
+    return tarnhost_rootfs::prepare_kvs_dir(path);
 }
 
 void close_env_locked(Env *e)

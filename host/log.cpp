@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/dbgwrap.h"
 #include "platform/kvs.h"
@@ -48,11 +49,16 @@ std::string strip_newline(const char *line)
 
 void append_file(const char *name, const char *line)
 {
-    char path[1024];
-    int n = snprintf(path, sizeof path, "%s/log/%s", tarnhost_root(), name);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof path)
+    // A log file is opened like everything under the root: never through a
+    // link, never a file that is not ours alone.  A refusal loses the line
+    // from the file only; syslog and the capture still have it.
+    int dfd = tarnhost_rootfs::open_subdir("log", false);
+    if (dfd < 0)
         return;
-    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    std::string shown = std::string(tarnhost_root()) + "/log/" + name;
+    int fd = tarnhost_rootfs::open_file(dfd, name, shown.c_str(),
+                                        O_WRONLY | O_APPEND | O_CREAT);
+    close(dfd);
     if (fd < 0)
         return;
     std::string s = strip_newline(line);

@@ -1,31 +1,158 @@
 // The host root: the one directory that makes a set of processes one
 // simulated device, and the mapping of database URIs to directories in it.
+//
+// A machine is shared: the root is used only when it is a real directory
+// of the calling user that nobody else can write, in a chain of
+// directories that nobody else can change, and everything below it is
+// reached through descriptors with O_NOFOLLOW and checked the same way.
 
 #include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <string>
+
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
 
 namespace {
 
-const char kDefaultRoot[] = "/dev/shm/tarnhost";
+// Refusals, each naming the problem and what to do about it.
+const char kLinkText[] =
+    "%s is a symbolic link, and the host follows none under its root; "
+    "remove the link, or set TARNHOST_ROOT to a directory of your own";
+const char kNotDirText[] =
+    "%s is not a directory; remove it, or set TARNHOST_ROOT to another path";
+const char kForeignText[] =
+    "%s belongs to uid %u, not to you (uid %u); remove it, or set "
+    "TARNHOST_ROOT to a directory of your own";
+const char kOpenText[] =
+    "%s can be written by other users (mode %04o); make it private with "
+    "\"chmod go-w %s\", or remove it";
+const char kParentText[] =
+    "%s lies in %s, which another user can change (owner uid %u, mode "
+    "%04o); choose a root in a directory that only you or root can write";
+const char kFileText[] =
+    "%s is not a plain file of your own (a link, a device or a second name "
+    "of another file); remove it";
 
-// mkdir that accepts an existing directory (but not an existing file).
-int make_dir(const char *path)
+thread_local char g_problem[1024];
+
+// The default root: private to the user, in a sticky directory where
+// nobody else can remove or replace it.
+const char *default_root()
 {
-    if (mkdir(path, 0700) == 0)
-        return 0;
-    int err = errno;
-    if (err != EEXIST)
-        return err;
+    static thread_local char buf[64];
+    snprintf(buf, sizeof buf, "/dev/shm/tarnhost-%u",
+             static_cast<unsigned>(geteuid()));
+    return buf;
+}
+
+std::string join(const std::string &dir, const char *name)
+{
+    if (dir == "/")
+        return dir + name;
+    return dir + "/" + name;
+}
+
+// An ancestor of the root: someone else able to rename entries in it could
+// swap the root for a directory of theirs between two of our calls.
+int check_ancestor(int fd, const std::string &shown, const char *root)
+{
     struct stat st;
-    if (stat(path, &st) != 0)
+    if (fstat(fd, &st) != 0)
         return errno;
-    return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+    bool owner_ok = st.st_uid == 0 || st.st_uid == geteuid();
+    bool open_to_others = (st.st_mode & 022) != 0 &&
+                          (st.st_mode & S_ISVTX) == 0;
+    if (!owner_ok || open_to_others)
+        return tarnhost_rootfs::refuse(
+            EACCES, kParentText, root, shown.c_str(),
+            static_cast<unsigned>(st.st_uid),
+            static_cast<unsigned>(st.st_mode & 07777));
+    return 0;
+}
+
+// The parent directory of the root, reached from "/" one checked component
+// at a time.  -1 with errno.
+int open_parent(const char *root, std::string *base)
+{
+    std::string r(root);
+    while (r.size() > 1 && r.back() == '/')
+        r.pop_back();
+    size_t slash = r.rfind('/');
+    std::string parent;
+    if (slash == std::string::npos) {
+        parent = ".";
+        *base = r;
+    } else {
+        parent = slash == 0 ? "/" : r.substr(0, slash);
+        *base = r.substr(slash + 1);
+    }
+    if (base->empty() || *base == "." || *base == "..") {
+        errno = tarnhost_rootfs::refuse(EINVAL, kNotDirText, root);
+        return -1;
+    }
+    char *real = realpath(parent.c_str(), nullptr);
+    if (real == nullptr)
+        return -1;
+    std::string resolved(real);
+    free(real);
+    int fd = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    std::string shown = "/";
+    int err = check_ancestor(fd, shown, root);
+    size_t pos = 1;
+    while (err == 0 && pos < resolved.size()) {
+        size_t end = resolved.find('/', pos);
+        if (end == std::string::npos)
+            end = resolved.size();
+        std::string comp = resolved.substr(pos, end - pos);
+        pos = end + 1;
+        if (comp.empty())
+            continue;
+        int next = openat(fd, comp.c_str(),
+                          O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (next < 0) {
+            err = errno;
+            break;
+        }
+        close(fd);
+        fd = next;
+        shown = join(shown, comp.c_str());
+        err = check_ancestor(fd, shown, root);
+    }
+    if (err != 0) {
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
+
+// Why `name` below `dirfd` could not be opened as a directory or file of
+// ours, as a refusal when it is a link or of the wrong type.
+int explain_open_failure(int err, int dirfd, const char *name,
+                         const char *shown, bool want_dir)
+{
+    struct stat st;
+    if (fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return err;
+    if (S_ISLNK(st.st_mode))
+        return tarnhost_rootfs::refuse(ELOOP, kLinkText, shown);
+    if (want_dir && !S_ISDIR(st.st_mode))
+        return tarnhost_rootfs::refuse(ENOTDIR, kNotDirText, shown);
+    if (!want_dir && !S_ISREG(st.st_mode))
+        return tarnhost_rootfs::refuse(EACCES, kFileText, shown);
+    return err;
 }
 
 bool scheme_char(char c)
@@ -54,37 +181,220 @@ bool append(char *out, size_t size, size_t *pos, const char *s, size_t n)
 
 }  // namespace
 
+namespace tarnhost_rootfs {
+
+int refuse(int err, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(g_problem, sizeof g_problem, fmt, ap);
+    va_end(ap);
+    return err;
+}
+
+int check_dir(int fd, const char *shown)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0)
+        return errno;
+    if (!S_ISDIR(st.st_mode))
+        return refuse(ENOTDIR, kNotDirText, shown);
+    if (st.st_uid != geteuid())
+        return refuse(EPERM, kForeignText, shown,
+                      static_cast<unsigned>(st.st_uid),
+                      static_cast<unsigned>(geteuid()));
+    if ((st.st_mode & 022) != 0)
+        return refuse(EACCES, kOpenText, shown,
+                      static_cast<unsigned>(st.st_mode & 07777), shown);
+    return 0;
+}
+
+int check_file(int fd, const char *shown)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0)
+        return errno;
+    if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
+        return refuse(EACCES, kFileText, shown);
+    if (st.st_uid != geteuid())
+        return refuse(EPERM, kForeignText, shown,
+                      static_cast<unsigned>(st.st_uid),
+                      static_cast<unsigned>(geteuid()));
+    if ((st.st_mode & 022) != 0)
+        return refuse(EACCES, kOpenText, shown,
+                      static_cast<unsigned>(st.st_mode & 07777), shown);
+    return 0;
+}
+
+int open_dir(int dirfd, const char *name, const char *shown, bool create)
+{
+    if (create && mkdirat(dirfd, name, 0700) != 0 && errno != EEXIST)
+        return -1;
+    int fd = openat(dirfd, name,
+                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        errno = explain_open_failure(errno, dirfd, name, shown, true);
+        return -1;
+    }
+    int err = check_dir(fd, shown);
+    if (err != 0) {
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
+
+int open_file(int dirfd, const char *name, const char *shown, int flags)
+{
+    int fd = openat(dirfd, name, flags | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        errno = explain_open_failure(errno, dirfd, name, shown, false);
+        return -1;
+    }
+    int err = check_file(fd, shown);
+    if (err != 0) {
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
+
+int open_root(bool create)
+{
+    g_problem[0] = '\0';
+    const char *root = tarnhost_root();
+    std::string base;
+    int pfd = open_parent(root, &base);
+    if (pfd < 0)
+        return -1;
+    int fd = open_dir(pfd, base.c_str(), root, create);
+    int err = errno;
+    close(pfd);
+    if (fd < 0) {
+        errno = err;
+        return -1;
+    }
+    if (create) {
+        static const char *const kSubdirs[] = {"kvs", "log", "bus",
+                                               "supervisor"};
+        for (const char *sub : kSubdirs) {
+            std::string shown = join(root, sub);
+            int sfd = open_dir(fd, sub, shown.c_str(), true);
+            if (sfd < 0) {
+                err = errno;
+                close(fd);
+                errno = err;
+                return -1;
+            }
+            close(sfd);
+        }
+    }
+    return fd;
+}
+
+int open_subdir(const char *sub, bool create)
+{
+    int rfd = open_root(create);
+    if (rfd < 0)
+        return -1;
+    std::string shown = join(tarnhost_root(), sub);
+    int fd = open_dir(rfd, sub, shown.c_str(), create);
+    int err = errno;
+    close(rfd);
+    errno = err;
+    return fd;
+}
+
+uint32_t prepare_kvs_dir(const char *path)
+{
+    const char *root = tarnhost_root();
+    size_t rl = strlen(root);
+    if (path == nullptr || strncmp(path, root, rl) != 0 ||
+        strncmp(path + rl, "/kvs/", 5) != 0)
+        return KVS_ERR_BAD_URI;
+    // The root must exist already: a reader does not bring up a device.
+    int rfd = open_root(false);
+    if (rfd < 0)
+        return KVS_ERR_IO;
+    std::string shown = join(root, "kvs");
+    int fd = open_dir(rfd, "kvs", shown.c_str(), true);
+    int open_err = errno;
+    close(rfd);
+    if (fd < 0) {
+        errno = open_err;
+        return KVS_ERR_IO;
+    }
+    const char *p = path + rl + 5;
+    while (*p != '\0') {
+        const char *end = strchr(p, '/');
+        std::string comp = end ? std::string(p, end) : std::string(p);
+        p = end ? end + 1 : p + comp.size();
+        if (comp.empty())
+            continue;
+        shown = join(shown, comp.c_str());
+        int next = open_dir(fd, comp.c_str(), shown.c_str(),
+                                             true);
+        int err = errno;
+        close(fd);
+        if (next < 0) {
+            errno = err;
+            return KVS_ERR_IO;
+        }
+        fd = next;
+    }
+    // The store opens its two files by name and follows links: whatever is
+    // there already must be a file of ours.  Nothing can appear between this
+    // check and the store's open, since nobody else may write here.
+    for (const char *file : {"data.mdb", "lock.mdb"}) {
+        std::string fshown = join(shown, file);
+        int ffd = open_file(fd, file, fshown.c_str(),
+                                             O_RDONLY);
+        if (ffd < 0 && errno == ENOENT)
+            continue;
+        if (ffd < 0) {
+            int err = errno;
+            close(fd);
+            errno = err;
+            return KVS_ERR_IO;
+        }
+        close(ffd);
+    }
+    close(fd);
+    return KVS_OK;
+}
+
+}  // namespace tarnhost_rootfs
+
 extern "C" {
 
 const char *tarnhost_root(void)
 {
     // Read on every call: tests move the root between cases.
     const char *root = getenv("TARNHOST_ROOT");
-    return (root != nullptr && root[0] != '\0') ? root : kDefaultRoot;
+    return (root != nullptr && root[0] != '\0') ? root : default_root();
 }
 
 int tarnhost_root_prepare(void)
 {
-    const char *root = tarnhost_root();
     // The parent must exist already: creating a whole chain would hide a
     // mistyped TARNHOST_ROOT behind a fresh, empty device.
-    int err = make_dir(root);
-    if (err != 0)
-        return err;
-    static const char *const kSubdirs[] = {"kvs", "log", "bus", "supervisor"};
-    for (const char *sub : kSubdirs) {
-        char path[4096];
-        size_t n = strlen(root);
-        if (n + 1 + strlen(sub) + 1 > sizeof path)
-            return ENAMETOOLONG;
-        memcpy(path, root, n);
-        path[n] = '/';
-        strcpy(path + n + 1, sub);
-        err = make_dir(path);
-        if (err != 0)
-            return err;
-    }
+    int fd = tarnhost_rootfs::open_root(true);
+    if (fd < 0)
+        return errno;
+    close(fd);
     return 0;
+}
+
+const char *tarnhost_root_problem(void)
+{
+    return g_problem;
+}
+
+const char *tarnhost_root_strerror(int err)
+{
+    return g_problem[0] != '\0' ? g_problem : strerror(err);
 }
 
 uint32_t tarnhost_kvs_path(const char *uri, char *out, size_t size)

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/supv.h"
 
@@ -38,9 +39,17 @@ void read_cell_env()
         g_cell_env = static_cast<uint32_t>(n);
 }
 
-std::string running_path()
+constexpr char kRunning[] = "running-config";
+
+// The checked supervisor directory of the root; -1 with errno.
+int open_supervisor(bool create)
 {
-    return std::string(tarnhost_root()) + "/supervisor/running-config";
+    return tarnhost_rootfs::open_subdir("supervisor", create);
+}
+
+std::string shown(const char *name)
+{
+    return std::string(tarnhost_root()) + "/supervisor/" + name;
 }
 
 }  // namespace
@@ -72,7 +81,12 @@ const char *supv_running_cfg_uri_get(void)
     if (tarnhost_fault_hit("supv_running_cfg_uri_get", &status))
         return nullptr;
     static thread_local char uri[kUriMax];
-    int fd = open(running_path().c_str(), O_RDONLY | O_CLOEXEC);
+    int dfd = open_supervisor(false);
+    if (dfd < 0)
+        return nullptr;
+    int fd = tarnhost_rootfs::open_file(dfd, kRunning, shown(kRunning).c_str(),
+                                        O_RDONLY);
+    close(dfd);
     if (fd < 0)
         return nullptr;
     ssize_t n = read(fd, uri, sizeof uri - 1);
@@ -108,31 +122,40 @@ int tarnhost_device_up(const char *running_uri)
 {
     if (running_uri == nullptr)
         running_uri = TARNHOST_RUNNING_URI;
-    int rc = tarnhost_root_prepare();
-    if (rc != 0)
-        return rc;
-    // Write beside and rename, so a reader never sees half a URI.
-    std::string path = running_path();
-    std::string tmp = path + ".tmp." + std::to_string(getpid());
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0)
+    int dfd = open_supervisor(true);
+    if (dfd < 0)
         return errno;
+    // Write beside and rename, so a reader never sees half a URI.  The new
+    // file is made with O_EXCL: whatever sits at its name is not ours.
+    std::string tmp = std::string(kRunning) + ".tmp." + std::to_string(getpid());
+    unlinkat(dfd, tmp.c_str(), 0);
+    int fd = tarnhost_rootfs::open_file(dfd, tmp.c_str(), shown(tmp.c_str()).c_str(),
+                                        O_WRONLY | O_CREAT | O_EXCL);
+    if (fd < 0) {
+        int err = errno;
+        close(dfd);
+        return err;
+    }
     std::string text = std::string(running_uri) + "\n";
     ssize_t w = write(fd, text.data(), text.size());
     int err = (w == static_cast<ssize_t>(text.size())) ? 0 : (errno ? errno : EIO);
     close(fd);
-    if (err == 0 && rename(tmp.c_str(), path.c_str()) != 0)
+    if (err == 0 && renameat(dfd, tmp.c_str(), dfd, kRunning) != 0)
         err = errno;
     if (err != 0)
-        unlink(tmp.c_str());
+        unlinkat(dfd, tmp.c_str(), 0);
+    close(dfd);
     return err;
 }
 
 int tarnhost_device_down(void)
 {
-    if (unlink(running_path().c_str()) != 0 && errno != ENOENT)
-        return errno;
-    return 0;
+    int dfd = open_supervisor(false);
+    if (dfd < 0)
+        return errno == ENOENT ? 0 : errno;
+    int err = unlinkat(dfd, kRunning, 0) != 0 && errno != ENOENT ? errno : 0;
+    close(dfd);
+    return err;
 }
 
 }  // extern "C"

@@ -5,9 +5,13 @@
  * Conventions
  *
  *  1. A simulated device lives in one directory, the host root: the value of
- *     TARNHOST_ROOT, or /dev/shm/tarnhost.  Every process that names the same
- *     root is a process of the same device: it sees the same databases, the
- *     same supervisor state and the same message bus.
+ *     TARNHOST_ROOT, or /dev/shm/tarnhost-<uid> (the effective uid).  Every
+ *     process that names the same root is a process of the same device: it
+ *     sees the same databases, the same supervisor state and the same
+ *     message bus.  A root is used only when it is a real directory of the
+ *     calling user that no other user can write, in directories that no
+ *     other user can change; links and foreign files below it are refused,
+ *     never followed.
  *
  *  2. Statuses are the platform's 32-bit codes (KVS_ERR_* of
  *     platform/kvs.h); 0 is success.
@@ -29,8 +33,17 @@ extern "C" {
 /* The root directory in force (TARNHOST_ROOT or the default). */
 const char *tarnhost_root(void);
 /* Create the root and its subdirectories (kvs/, log/, bus/, supervisor/),
- * accessible to the owner only.  0 or an errno value. */
+ * accessible to the owner only, or check the ones that exist.  0 or an
+ * errno value: ELOOP for a symbolic link, EPERM for a directory of another
+ * user, EACCES for one that others can write (or a parent that others can
+ * change), ENOTDIR, ENOENT for a missing parent. */
 int tarnhost_root_prepare(void);
+/* What this thread's last refusal of the root (or of a file below it) was
+ * and what to do about it; "" when the last check found nothing wrong. */
+const char *tarnhost_root_problem(void);
+/* The refusal text when there is one, strerror(err) otherwise: what a tool
+ * prints after a failed tarnhost_root_prepare(). */
+const char *tarnhost_root_strerror(int err);
 /* Map a database URI to its directory under the root.  0, or
  * KVS_ERR_BAD_URI for a URI the root cannot hold (empty, no scheme, a ".."
  * component, or too long). */

@@ -8,14 +8,19 @@
  * root shares it):
  *
  *   <root>/bus/lock            the next handle id; flock-ed while binding
+ *   <root>/bus/gen             a generation word, bumped on every change to
+ *                              a subscription record
  *   <root>/bus/h/<handle>      the datagram socket of a handle (0600)
- *   <root>/bus/ap/<sap>        symlink to the socket bound at that access
- *                              point
+ *   <root>/bus/ap/<sap>        the decimal id of the handle bound at that
+ *                              access point (0600)
  *   <root>/bus/sub/<opcode>/<handle>
  *                              one empty file (0600) per subscription
+ *   <root>/bus/state/<handle>  the handle's delivery state (0600): how many
+ *                              messages it missed
  *
- * Handles are decimal in file names.  Statuses are errno values, 0 for
- * success.
+ * Handles are decimal in file names.  Nothing there is followed through a
+ * link or used when it is not the caller's own.  Statuses are errno values,
+ * 0 for success.
  */
 #ifndef TARNHOST_TARNHOST_BUS_H
 #define TARNHOST_TARNHOST_BUS_H
@@ -36,6 +41,29 @@ extern "C" {
  * for the one message. */
 int tarnhost_bus_publish(uint32_t handle, uint32_t opcode,
                          const void *payload, uint32_t len);
+
+/* The same, telling who missed the message: a subscriber whose queue
+ * stayed full (it took nothing for a while) does not get it, and the loss
+ * is counted against it (tarnhost_bus_missed) instead of holding up the
+ * others.  Up to `max` of those handles are written to `missed`, and
+ * *n_missed (when not null) says how many there were.  0 unless the
+ * message could not be published at all. */
+int tarnhost_bus_publish_counted(uint32_t handle, uint32_t opcode,
+                                 const void *payload, uint32_t len,
+                                 uint32_t *missed, size_t max,
+                                 size_t *n_missed);
+
+/* How many messages `handle` (of any process of the device) has missed,
+ * because its queue stayed full, and not yet caught up on (see
+ * tarnhost_bus_missed_take).  0, or ENOENT when no such handle is bound. */
+int tarnhost_bus_missed(uint32_t handle, uint32_t *count);
+
+/* For the process that holds `handle`: how many messages it has missed
+ * since it last asked, and from now on they count as caught up on.  A
+ * client that gets a non-zero count has lost notifications and rebuilds
+ * what it keeps from them (its caches) from the databases.  0, EBADF (not
+ * a handle of this process) or ENOENT (a handle without delivery state). */
+int tarnhost_bus_missed_take(uint32_t handle, uint32_t *count);
 
 /* Set (on = 1) or clear (on = 0) the receive bit of a handle's option word
  * for `opcode`, keeping the other bits. */
@@ -93,8 +121,12 @@ uint32_t tarnhost_bus_reply_to_get(const bus_msg_t *msg);
 
 /* ---- tuning ------------------------------------------------------------- */
 
-/* How long a send may wait for room in a receiver's queue before it gives
- * up with EAGAIN (default 2000 ms).  Process-wide. */
+/* How long a send may wait in all for room in a receiver's queue while the
+ * receiver is taking messages (default 2000 ms).  A receiver that takes
+ * none for 200 ms (or this wait, when shorter) misses the message at once,
+ * and later senders do not wait for it until it takes a message again: a
+ * directed send then fails with EAGAIN, a publish goes on to the others.
+ * Process-wide. */
 void tarnhost_bus_set_send_wait_ms(uint32_t ms);
 
 #ifdef __cplusplus

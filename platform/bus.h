@@ -36,8 +36,10 @@
  *     EMSGSIZE and nothing is sent.  Other errno values: EBADF (handle not
  *     bound in this process), ECONNREFUSED (nobody at that access point, or
  *     the replied-to sender is gone), EHOSTUNREACH (a node other than
- *     BUS_NODE_LOCAL or 0), EAGAIN (a receiver's queue stayed full for the
- *     send wait; on a publish every other subscriber still got the message).
+ *     BUS_NODE_LOCAL or 0), EAGAIN (the receiver's queue stayed full and
+ *     it missed the message).  A publish does not fail because some
+ *     subscriber's queue stayed full: that subscriber misses the message,
+ *     the miss is counted against it, and the others all get it.
  *
  *  4. Receiving.  bus_recv(handle, opts) returns the next message for the
  *     handle, or null with errno set (EAGAIN after opts->timeout_s seconds

@@ -566,7 +566,7 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     int rc = tarnhost_root_prepare();
     if (rc != 0) {
         out.message = std::string("cannot prepare the host root ") +
-                      tarnhost_root() + ": " + strerror(rc);
+                      tarnhost_root() + ": " + tarnhost_root_strerror(rc);
         return out;
     }
     const std::string tarn_uri = device_db_uri("tarn_global_kvs");
@@ -597,7 +597,7 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     }
     rc = tarnhost_device_up(nullptr);
     if (rc != 0) {
-        out.message = std::string("cannot bring the device up: ") + strerror(rc);
+        out.message = std::string("cannot bring the device up: ") + tarnhost_root_strerror(rc);
         out.partly_written = true;
         return out;
     }

@@ -783,7 +783,7 @@ int cmd_apply(int argc, char **argv)
     if (handle == BUS_HANDLE_NONE) {
         fprintf(stderr, "tarnctl apply: cannot bind a bus handle in %s/bus (%s); nothing was "
                         "written\n",
-                tarnhost_root(), strerror(errno));
+                tarnhost_root(), tarnhost_root_strerror(errno));
         return kExitFailed;
     }
     int status = kExitOk;
@@ -810,19 +810,27 @@ int cmd_apply(int argc, char **argv)
             break;
         }
         const size_t subscribers = tarnhost_bus_subscribers(p.opcode, nullptr, 0);
-        const int rc = tarnhost_bus_publish(handle, p.opcode, p.payload.data(),
-                                            static_cast<uint32_t>(p.payload.size()));
+        std::vector<uint32_t> missed(subscribers + 1);
+        size_t n_missed = 0;
+        const int rc = tarnhost_bus_publish_counted(
+            handle, p.opcode, p.payload.data(), static_cast<uint32_t>(p.payload.size()),
+            missed.data(), missed.size(), &n_missed);
         printf("%s: %s (%u to %zu subscribers)\n", c.path.c_str(), p.what.c_str(), p.opcode,
                subscribers);
         ++done;
         if (rc != 0) {
             fprintf(stderr,
-                    "tarnctl apply: %s: written, but the notification %u did not reach every "
-                    "subscriber (%s); the later changes were not applied\n",
+                    "tarnctl apply: %s: written, but the notification %u could not be "
+                    "published (%s); the later changes were not applied\n",
                     c.path.c_str(), p.opcode, strerror(rc));
             status = kExitFailed;
             break;
         }
+        // A subscriber that stopped taking messages misses this one; it can
+        // tell (its miss count moved) and rebuild, and the others are not
+        // held up for it.
+        for (size_t i = 0; i < n_missed && i < missed.size(); ++i)
+            printf("  handle %u missed it (its queue stayed full)\n", missed[i]);
         if (c.kind == Kind::DumpCache) {
             for (size_t i = 0; i < subscribers; ++i) {
                 bus_msg_t *m = tarnhost_bus_recv_ms(handle, kReplyWaitMs);

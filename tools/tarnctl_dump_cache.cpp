@@ -312,7 +312,7 @@ int cmd_dump_cache(int argc, char **argv)
     const uint32_t requester = bus_bind(4, -1, nullptr, "tarnctl dump-cache");
     if (requester == BUS_HANDLE_NONE) {
         fprintf(stderr, "tarnctl dump-cache: cannot bind a bus handle in %s/bus (%s)\n",
-                tarnhost_root(), strerror(errno));
+                tarnhost_root(), tarnhost_root_strerror(errno));
         return kExitFailed;
     }
     const uint32_t rc = print_dump(requester, sap);
@@ -346,6 +346,15 @@ int cmd_dump_cache(int argc, char **argv)
             else
                 printf("verify: %zu differences\n", diffs);
             status = diffs == 0 ? kExitOk : kExitFailed;
+            // Agreement of the Gyre cache says nothing of notifications the
+            // client never got (the AS format, say).
+            uint32_t missed = 0;
+            if (tarnhost_bus_missed(handle, &missed) == 0 && missed != 0) {
+                printf("verify: handle %u missed %u notifications and has not caught up; "
+                       "what it keeps from them may be stale\n",
+                       handle, missed);
+                status = kExitFailed;
+            }
             gyre_api_close();
             tarn_api_close();
         }

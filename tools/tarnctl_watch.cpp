@@ -17,6 +17,7 @@
 #include <tarn/tarn.h>
 
 #include "host/tarnhost.h"
+#include "host/tarnhost_bus.h"
 #include "platform/alloctrack.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
@@ -258,6 +259,37 @@ std::string describe(const Seen &s, int32_t result)
     return out;
 }
 
+// The caches as they stand: the AS format and every cached topology.
+void print_caches()
+{
+    printf("AS format %u\n", tarn_get_as_format());
+    std::vector<uint32_t> tpgs;
+    tarn_table_info_t info;
+    memset(&info, 0, sizeof info);
+    for (uint32_t t = gyre_get_first_l2_tpg(&info);
+         t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
+        tpgs.push_back(t);
+    for (uint32_t t : tpgs)
+        printf("cached %s\n", topology_now(t).c_str());
+}
+
+// Notifications that the bus could not deliver (the queue stayed full
+// while this process was stopped or slow) leave the caches stale: rebuild
+// them from the databases, and say so.
+void catch_up(uint32_t h, const gyre_cache_attr_t *attr)
+{
+    uint32_t missed = 0;
+    if (tarnhost_bus_missed_take(h, &missed) != 0 || missed == 0)
+        return;
+    printf("%s missed %u notifications (the queue was full); rebuilding the "
+           "caches from the databases\n",
+           now_text().c_str(), missed);
+    tarn_refresh_as_format_info();
+    gyre_disable_cache_mode();
+    gyre_enable_cache_mode(attr);
+    print_caches();
+}
+
 void print_memory()
 {
     printf("tracked memory of library %u:", TARN_LIB_ALLOC_ID);
@@ -395,7 +427,7 @@ int cmd_watch(int argc, char **argv)
             fprintf(stderr,
                     "tarnctl watch: cannot bind a bus access point in %s/bus "
                     "(%s); check that the directory is writable\n",
-                    tarnhost_root(), strerror(err));
+                    tarnhost_root(), tarnhost_root_strerror(err));
         return kExitFailed;
     }
 
@@ -422,17 +454,7 @@ int cmd_watch(int argc, char **argv)
 
     printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
            tarnhost_root());
-    printf("AS format %u\n", tarn_get_as_format());
-    {
-        std::vector<uint32_t> tpgs;
-        tarn_table_info_t info;
-        memset(&info, 0, sizeof info);
-        for (uint32_t t = gyre_get_first_l2_tpg(&info);
-             t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
-            tpgs.push_back(t);
-        for (uint32_t t : tpgs)
-            printf("cached %s\n", topology_now(t).c_str());
-    }
+    print_caches();
     printf("watching\n");
 
     const double start = monotonic_seconds();
@@ -456,6 +478,7 @@ int cmd_watch(int argc, char **argv)
             break;
         }
         bus_msg_t *msg = bus_recv(h, &ro);
+        catch_up(h, &attr);
         if (msg == nullptr)
             continue;
         const Seen seen = inspect(msg);

@@ -1,0 +1,48 @@
+// Opening things under the host root without trusting anyone else's hands
+// in it.  Every directory is reached from a checked descriptor of the root
+// with openat(O_NOFOLLOW), and every directory and file met on the way must
+// be the caller's own and writable by nobody else, so a symlink or a file
+// planted by another user is refused instead of followed.
+#ifndef TARNHOST_ROOTFS_H
+#define TARNHOST_ROOTFS_H
+
+#include <stdint.h>
+#include <sys/types.h>
+
+namespace tarnhost_rootfs {
+
+// Opens the checked root (creating it and its four subdirectories when
+// `create` is set; the parent must exist).  A descriptor or -1 with errno;
+// a refusal also leaves its text for tarnhost_root_problem().
+int open_root(bool create);
+
+// Opens (and with `create` makes, mode 0700) the directory `name`, one
+// component, below the directory `dirfd`, checked like the root.
+int open_dir(int dirfd, const char *name, const char *shown, bool create);
+
+// Opens the regular file `name` below `dirfd` with `flags` (O_NOFOLLOW and
+// O_CLOEXEC added; O_CREAT creates it with mode 0600).  Refused unless it is
+// a regular file of the caller with one link and writable by nobody else.
+int open_file(int dirfd, const char *name, const char *shown, int flags);
+
+// Opens a subdirectory of the root ("bus", "log", ...) in one call.
+int open_subdir(const char *sub, bool create);
+
+// Makes (or checks) the database directory `path` below <root>/kvs, and
+// refuses data.mdb or lock.mdb in it that are not files of ours, since the
+// store opens those by name.  KVS_OK, or KVS_ERR_IO with errno (and the
+// refusal text), or KVS_ERR_BAD_URI for a path outside the root.
+uint32_t prepare_kvs_dir(const char *path);
+
+// The checks, for a descriptor already open; 0 or an errno value (and the
+// refusal text).  `shown` names the object in that text.
+int check_dir(int fd, const char *shown);
+int check_file(int fd, const char *shown);
+
+// Records the text of a refusal for this thread and returns `err`.
+int refuse(int err, const char *fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+
+}  // namespace tarnhost_rootfs
+
+#endif
