@@ -285,8 +285,8 @@ int send_one(Handle *h, const sockaddr_un &sa, socklen_t sa_len,
 // waits while the receiver is seen taking messages (its slot's count
 // moves), up to the send wait in all; a receiver that took nothing for a
 // whole window, or one marked stalled by an earlier sender, misses the
-// message: counted in its slot, and no later sender waits for it until it
-// takes a message again.  0, EAGAIN for a missed message, or an errno.
+// message: counted in its slot, and no later sender waits for it (or
+// sends to it) until it takes a message again.  0, EAGAIN for a missed message, or an errno.
 int deliver(Handle *h, uint32_t target, const WireHeader &hdr,
             const void *payload)
 {
@@ -299,10 +299,11 @@ int deliver(Handle *h, uint32_t target, const WireHeader &hdr,
     Slot *slot = peer ? peer->slot : nullptr;
     if (slot != nullptr &&
         slot->stalled.load(std::memory_order_acquire) != 0) {
-        int err = send_one(h, sa, sa_len, hdr, payload, MSG_DONTWAIT);
-        if (err == EAGAIN)
-            slot->missed.fetch_add(1, std::memory_order_acq_rel);
-        return err;
+        // Its queue was full when the mark was set and only the receiver
+        // empties it, lifting the mark as it does: this send would fail
+        // too, so it is not even tried.
+        slot->missed.fetch_add(1, std::memory_order_acq_rel);
+        return EAGAIN;
     }
     uint32_t seen = slot != nullptr
                         ? slot->received.load(std::memory_order_acquire)

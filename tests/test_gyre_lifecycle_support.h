@@ -274,6 +274,7 @@ public:
     }
     uint32_t handle() const { return handle_; }
     int32_t sap() const { return sap_; }
+    pid_t pid() const { return pid_; }
     uint32_t tester() const { return tester_; }
 
 private:
