@@ -39,6 +39,7 @@
 
 #include <tarn/tarn.h>
 
+#include "bench/bench_root.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
@@ -68,30 +69,10 @@ void attr_note(unsigned char *note, char marker, uint32_t format)
 
 void stamp(unsigned char *note, uint64_t t) { memcpy(note + 4, &t, sizeof t); }
 
-uint64_t now_ns()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u +
-           static_cast<uint64_t>(ts.tv_nsec);
-}
+using tarnbench::now_ns;
 
 // A private device for one benchmark run.
-struct Device {
-    std::string root;
-    Device()
-    {
-        char tmpl[] = "/tmp/tarnbench.XXXXXX";
-        root = mkdtemp(tmpl);
-        setenv("TARNHOST_ROOT", root.c_str(), 1);
-        tarnhost_root_prepare();
-    }
-    ~Device()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(root, ec);
-    }
-};
+using Device = tarnbench::BenchRoot;
 
 void pin(int cpu)
 {

@@ -27,6 +27,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/bench_root.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
@@ -39,29 +40,9 @@ constexpr uint32_t kEnd = 62103;
 constexpr uint32_t kNoteLen = 28;
 constexpr int kBatch = 2000;
 
-uint64_t now_ns()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u +
-           static_cast<uint64_t>(ts.tv_nsec);
-}
+using tarnbench::now_ns;
 
-struct Device {
-    std::string root;
-    Device()
-    {
-        char tmpl[] = "/tmp/tarnbench.XXXXXX";
-        root = mkdtemp(tmpl);
-        setenv("TARNHOST_ROOT", root.c_str(), 1);
-        tarnhost_root_prepare();
-    }
-    ~Device()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(root, ec);
-    }
-};
+using Device = tarnbench::BenchRoot;
 
 // A subscriber process: counts notifications until kEnd and writes the
 // count to `out`; the stopped one stops itself once subscribed.

@@ -285,10 +285,13 @@ int send_one(Handle *h, const sockaddr_un &sa, socklen_t sa_len,
 // waits while the receiver is seen taking messages (its slot's count
 // moves), up to the send wait in all; a receiver that took nothing for a
 // whole window, or one marked stalled by an earlier sender, misses the
-// message: counted in its slot, and no later sender waits for it (or
-// sends to it) until it takes a message again.  0, EAGAIN for a missed message, or an errno.
+// message: counted in its slot, and no later publish waits for it (or
+// sends to it) until it takes a message again.  A directed send or reply
+// (`honour_stall` false) always gets its own window: its one receiver may
+// have just been resumed, and its sender waits for an answer anyway.
+// 0, EAGAIN for a missed message, or an errno.
 int deliver(Handle *h, uint32_t target, const WireHeader &hdr,
-            const void *payload)
+            const void *payload, bool honour_stall)
 {
     Bus *bus = h->bus.get();
     sockaddr_un sa;
@@ -297,7 +300,7 @@ int deliver(Handle *h, uint32_t target, const WireHeader &hdr,
         return ENAMETOOLONG;
     SlotPtr peer = slot_of(bus, target);
     Slot *slot = peer ? peer->slot : nullptr;
-    if (slot != nullptr &&
+    if (honour_stall && slot != nullptr &&
         slot->stalled.load(std::memory_order_acquire) != 0) {
         // Its queue was full when the mark was set and only the receiver
         // empties it, lifting the mark as it does: this send would fail
@@ -337,7 +340,7 @@ int publish(Handle *h, const WireHeader &hdr, const void *payload,
 {
     auto ids = subscribers_of(h->bus.get(), hdr.opcode);
     for (uint32_t target : *ids) {
-        int err = deliver(h, target, hdr, payload);
+        int err = deliver(h, target, hdr, payload, true);
         if (err == 0)
             continue;
         if (err == ECONNREFUSED || err == ENOENT) {
@@ -606,7 +609,7 @@ int32_t send_message(uint32_t handle, uint32_t node, uint32_t sap,
         hdr.kind = kKindReply;
         err = socket_present(*h->bus, reply_to->sender);
         if (err == 0)
-            err = deliver(h.get(), reply_to->sender, hdr, payload);
+            err = deliver(h.get(), reply_to->sender, hdr, payload, false);
         if (err == ENOENT)
             err = ECONNREFUSED;  // the requester is gone
     } else if (node != BUS_NODE_LOCAL && node != 0) {
@@ -620,7 +623,7 @@ int32_t send_message(uint32_t handle, uint32_t node, uint32_t sap,
         if (err == 0)
             err = socket_present(*h->bus, target);
         if (err == 0)
-            err = deliver(h.get(), target, hdr, payload);
+            err = deliver(h.get(), target, hdr, payload, false);
         if (err == ENOENT)
             err = ECONNREFUSED;  // nobody serves that access point
     } else {

@@ -295,22 +295,9 @@ int read_ap(const Bus &bus, int32_t sap, uint32_t *id)
 int write_ap(const Bus &bus, int32_t sap, uint32_t id)
 {
     std::string name = decimal(static_cast<uint32_t>(sap));
-    std::string tmp = name + ".new";
-    std::string s = shown(bus, "ap", tmp.c_str());
-    unlinkat(bus.apfd, tmp.c_str(), 0);
-    int fd = open_file(bus.apfd, tmp.c_str(), s.c_str(),
-                       O_WRONLY | O_CREAT | O_EXCL);
-    if (fd < 0)
-        return errno;
-    std::string text = decimal(id) + "\n";
-    ssize_t w = write(fd, text.data(), text.size());
-    int err = w == static_cast<ssize_t>(text.size()) ? 0 : (errno ? errno : EIO);
-    close(fd);
-    if (err == 0 && renameat(bus.apfd, tmp.c_str(), bus.apfd, name.c_str()) != 0)
-        err = errno;
-    if (err != 0)
-        unlinkat(bus.apfd, tmp.c_str(), 0);
-    return err;
+    std::string dir = bus.dir + "/ap";
+    return tarnhost_rootfs::replace_file(bus.apfd, name.c_str(), dir.c_str(),
+                                         decimal(id) + "\n");
 }
 
 void remove_ap_if(const Bus &bus, int32_t sap, uint32_t id)
@@ -464,14 +451,11 @@ std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
     return ids;
 }
 
-SlotPtr create_slot(Bus *bus, uint32_t id)
+namespace {
+
+// Maps the slot file behind `fd` (closed here); null on failure.
+SlotPtr map_slot(int fd)
 {
-    std::string name = decimal(id);
-    std::string s = shown(*bus, "state", name.c_str());
-    // Left over from a wrapped counter at most: never someone's live state.
-    unlinkat(bus->statefd, name.c_str(), 0);
-    int fd = open_file(bus->statefd, name.c_str(), s.c_str(),
-                       O_RDWR | O_CREAT | O_EXCL);
     if (fd < 0)
         return nullptr;
     void *p = map_shared(fd);
@@ -480,7 +464,21 @@ SlotPtr create_slot(Bus *bus, uint32_t id)
         return nullptr;
     auto m = std::make_shared<SlotMap>();
     m->slot = static_cast<Slot *>(p);
-    m->slot->magic.store(kSlotMagic, std::memory_order_release);
+    return m;
+}
+
+}  // namespace
+
+SlotPtr create_slot(Bus *bus, uint32_t id)
+{
+    std::string name = decimal(id);
+    std::string s = shown(*bus, "state", name.c_str());
+    // Left over from a wrapped counter at most: never someone's live state.
+    unlinkat(bus->statefd, name.c_str(), 0);
+    SlotPtr m = map_slot(open_file(bus->statefd, name.c_str(), s.c_str(),
+                                   O_RDWR | O_CREAT | O_EXCL));
+    if (m)
+        m->slot->magic.store(kSlotMagic, std::memory_order_release);
     return m;
 }
 
@@ -494,15 +492,10 @@ SlotPtr slot_of(Bus *bus, uint32_t id)
     }
     std::string name = decimal(id);
     std::string s = shown(*bus, "state", name.c_str());
-    int fd = open_file(bus->statefd, name.c_str(), s.c_str(), O_RDWR);
-    if (fd < 0)
+    SlotPtr m = map_slot(open_file(bus->statefd, name.c_str(), s.c_str(),
+                                   O_RDWR));
+    if (!m)
         return nullptr;
-    void *p = map_shared(fd);
-    close(fd);
-    if (p == nullptr)
-        return nullptr;
-    auto m = std::make_shared<SlotMap>();
-    m->slot = static_cast<Slot *>(p);
     std::lock_guard<std::mutex> lock(bus->mu);
     auto ins = bus->slots.emplace(id, m);
     return ins.first->second;

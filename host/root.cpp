@@ -192,13 +192,11 @@ int refuse(int err, const char *fmt, ...)
     return err;
 }
 
-int check_dir(int fd, const char *shown)
+namespace {
+
+// Ours alone: owned by the caller and writable by nobody else.
+int check_ours(const struct stat &st, const char *shown)
 {
-    struct stat st;
-    if (fstat(fd, &st) != 0)
-        return errno;
-    if (!S_ISDIR(st.st_mode))
-        return refuse(ENOTDIR, kNotDirText, shown);
     if (st.st_uid != geteuid())
         return refuse(EPERM, kForeignText, shown,
                       static_cast<unsigned>(st.st_uid),
@@ -209,6 +207,18 @@ int check_dir(int fd, const char *shown)
     return 0;
 }
 
+}  // namespace
+
+int check_dir(int fd, const char *shown)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0)
+        return errno;
+    if (!S_ISDIR(st.st_mode))
+        return refuse(ENOTDIR, kNotDirText, shown);
+    return check_ours(st, shown);
+}
+
 int check_file(int fd, const char *shown)
 {
     struct stat st;
@@ -216,14 +226,29 @@ int check_file(int fd, const char *shown)
         return errno;
     if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
         return refuse(EACCES, kFileText, shown);
-    if (st.st_uid != geteuid())
-        return refuse(EPERM, kForeignText, shown,
-                      static_cast<unsigned>(st.st_uid),
-                      static_cast<unsigned>(geteuid()));
-    if ((st.st_mode & 022) != 0)
-        return refuse(EACCES, kOpenText, shown,
-                      static_cast<unsigned>(st.st_mode & 07777), shown);
-    return 0;
+    return check_ours(st, shown);
+}
+
+int replace_file(int dirfd, const char *name, const char *shown_dir,
+                 const std::string &text)
+{
+    // The new file is made with O_EXCL: whatever sits at its name is not
+    // ours (a crashed writer's leftover is removed first).
+    std::string tmp = std::string(name) + ".tmp." + std::to_string(getpid());
+    std::string shown = std::string(shown_dir) + "/" + tmp;
+    unlinkat(dirfd, tmp.c_str(), 0);
+    int fd = open_file(dirfd, tmp.c_str(), shown.c_str(),
+                       O_WRONLY | O_CREAT | O_EXCL);
+    if (fd < 0)
+        return errno;
+    ssize_t w = write(fd, text.data(), text.size());
+    int err = w == static_cast<ssize_t>(text.size()) ? 0 : (errno ? errno : EIO);
+    close(fd);
+    if (err == 0 && renameat(dirfd, tmp.c_str(), dirfd, name) != 0)
+        err = errno;
+    if (err != 0)
+        unlinkat(dirfd, tmp.c_str(), 0);
+    return err;
 }
 
 int open_dir(int dirfd, const char *name, const char *shown, bool create)

@@ -9,6 +9,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <string>
+
 namespace tarnhost_rootfs {
 
 // Opens the checked root (creating it and its four subdirectories when
@@ -24,6 +26,13 @@ int open_dir(int dirfd, const char *name, const char *shown, bool create);
 // O_CLOEXEC added; O_CREAT creates it with mode 0600).  Refused unless it is
 // a regular file of the caller with one link and writable by nobody else.
 int open_file(int dirfd, const char *name, const char *shown, int flags);
+
+// Replaces the file `name` below `dirfd` by one holding `text`, written
+// beside it (name.tmp.<pid>) and renamed over it, so that a reader sees the
+// old text or the new, never a part.  `shown_dir` names `dirfd` in texts.
+// 0 or an errno value.
+int replace_file(int dirfd, const char *name, const char *shown_dir,
+                 const std::string &text);
 
 // Opens a subdirectory of the root ("bus", "log", ...) in one call.
 int open_subdir(const char *sub, bool create);

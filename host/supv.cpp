@@ -125,25 +125,10 @@ int tarnhost_device_up(const char *running_uri)
     int dfd = open_supervisor(true);
     if (dfd < 0)
         return errno;
-    // Write beside and rename, so a reader never sees half a URI.  The new
-    // file is made with O_EXCL: whatever sits at its name is not ours.
-    std::string tmp = std::string(kRunning) + ".tmp." + std::to_string(getpid());
-    unlinkat(dfd, tmp.c_str(), 0);
-    int fd = tarnhost_rootfs::open_file(dfd, tmp.c_str(), shown(tmp.c_str()).c_str(),
-                                        O_WRONLY | O_CREAT | O_EXCL);
-    if (fd < 0) {
-        int err = errno;
-        close(dfd);
-        return err;
-    }
-    std::string text = std::string(running_uri) + "\n";
-    ssize_t w = write(fd, text.data(), text.size());
-    int err = (w == static_cast<ssize_t>(text.size())) ? 0 : (errno ? errno : EIO);
-    close(fd);
-    if (err == 0 && renameat(dfd, tmp.c_str(), dfd, kRunning) != 0)
-        err = errno;
-    if (err != 0)
-        unlinkat(dfd, tmp.c_str(), 0);
+    // Written beside and renamed, so a reader never sees half a URI.
+    std::string dir = std::string(tarnhost_root()) + "/supervisor";
+    int err = tarnhost_rootfs::replace_file(dfd, kRunning, dir.c_str(),
+                                            std::string(running_uri) + "\n");
     close(dfd);
     return err;
 }

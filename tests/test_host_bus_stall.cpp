@@ -176,7 +176,7 @@ TEST_F(host_bus_stall, a_stopped_subscriber_does_not_slow_the_live_ones)
     RecordProperty("seconds_beside_stopped", std::to_string(beside));
 }
 
-TEST_F(host_bus_stall, a_stopped_server_costs_directed_sends_one_window)
+TEST_F(host_bus_stall, directed_sends_to_a_stopped_server_fail_and_are_counted)
 {
     tarnhost_bus_set_send_wait_ms(2000);
     Proc server = spawn([](int rd, int wr) {
@@ -206,7 +206,9 @@ TEST_F(host_bus_stall, a_stopped_server_costs_directed_sends_one_window)
     uint32_t c = bus_bind(0, -1, nullptr, "client");
     bus_send_opts_t o{};
     uint32_t sent = 0, refused = 0;
-    for (int i = 0; i < 40; ++i) {
+    // A directed send waits one window each time (its one receiver may
+    // have just been resumed), so only a few beyond the queue's length.
+    for (int i = 0; i < 14; ++i) {
         errno = 0;
         if (bus_send(c, BUS_NODE_LOCAL, 812, kOpc, "q", 1, nullptr, nullptr,
                      &o) == 0) {

@@ -112,6 +112,10 @@ TEST_F(TarnctlStoppedClient, ApplyCompletesAndNamesTheClientThatMissedIt)
     // Resumed, this client does not catch up by itself: the verification
     // says so instead of calling its cache up to date.
     ASSERT_EQ(0, kill(c.pid(), SIGCONT));
+    std::string answer;
+    for (int i = 0; i < 20 && answer.empty(); ++i)
+        answer = c.probe();
+    ASSERT_FALSE(answer.empty()) << "the resumed client does not answer";
     const ToolRun v = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify");
     EXPECT_EQ(1, v.status) << v.out << v.err;
     EXPECT_NE(std::string::npos,
