@@ -277,18 +277,11 @@ int read_ap(const Bus &bus, int32_t sap, uint32_t *id)
 {
     std::string name = decimal(static_cast<uint32_t>(sap));
     std::string s = shown(bus, "ap", name.c_str());
-    int fd = open_file(bus.apfd, name.c_str(), s.c_str(), O_RDONLY);
-    if (fd < 0)
-        return errno;
     char buf[16];
-    ssize_t n = read(fd, buf, sizeof buf - 1);
-    close(fd);
-    if (n <= 0)
-        return ENOENT;
-    buf[n] = '\0';
-    char *nl = strchr(buf, '\n');
-    if (nl != nullptr)
-        *nl = '\0';
+    int err = tarnhost_rootfs::read_line(bus.apfd, name.c_str(), s.c_str(),
+                                         buf, sizeof buf);
+    if (err != 0)
+        return err;
     return parse_u32(buf, id) ? 0 : ENOENT;
 }
 

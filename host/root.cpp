@@ -229,6 +229,24 @@ int check_file(int fd, const char *shown)
     return check_ours(st, shown);
 }
 
+int read_line(int dirfd, const char *name, const char *shown, char *buf,
+              size_t size)
+{
+    int fd = open_file(dirfd, name, shown, O_RDONLY);
+    if (fd < 0)
+        return errno;
+    ssize_t n = read(fd, buf, size - 1);
+    int err = n < 0 ? errno : 0;
+    close(fd);
+    if (n < 0)
+        return err;
+    buf[n] = '\0';
+    char *nl = strchr(buf, '\n');
+    if (nl != nullptr)
+        *nl = '\0';
+    return 0;
+}
+
 int replace_file(int dirfd, const char *name, const char *shown_dir,
                  const std::string &text)
 {

@@ -27,6 +27,11 @@ int open_dir(int dirfd, const char *name, const char *shown, bool create);
 // a regular file of the caller with one link and writable by nobody else.
 int open_file(int dirfd, const char *name, const char *shown, int flags);
 
+// Reads the first line of the file `name` below `dirfd` (opened as by
+// open_file) into buf, without its newline.  0 or an errno value.
+int read_line(int dirfd, const char *name, const char *shown, char *buf,
+              size_t size);
+
 // Replaces the file `name` below `dirfd` by one holding `text`, written
 // beside it (name.tmp.<pid>) and renamed over it, so that a reader sees the
 // old text or the new, never a part.  `shown_dir` names `dirfd` in texts.

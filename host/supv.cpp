@@ -84,19 +84,11 @@ const char *supv_running_cfg_uri_get(void)
     int dfd = open_supervisor(false);
     if (dfd < 0)
         return nullptr;
-    int fd = tarnhost_rootfs::open_file(dfd, kRunning, shown(kRunning).c_str(),
-                                        O_RDONLY);
+    int err = tarnhost_rootfs::read_line(dfd, kRunning, shown(kRunning).c_str(),
+                                         uri, sizeof uri);
     close(dfd);
-    if (fd < 0)
+    if (err != 0)
         return nullptr;
-    ssize_t n = read(fd, uri, sizeof uri - 1);
-    close(fd);
-    if (n <= 0)
-        return nullptr;
-    uri[n] = '\0';
-    char *nl = strchr(uri, '\n');
-    if (nl != nullptr)
-        *nl = '\0';
     return uri[0] != '\0' ? uri : nullptr;
 }
 

@@ -88,6 +88,24 @@ Proc subscriber(bool stop_first)
     });
 }
 
+// A process that binds, subscribes to `opcodes` (each as often as listed),
+// reports its handle and then waits to be killed.
+Proc holder(const std::vector<uint32_t> &opcodes)
+{
+    return spawn([opcodes](int rd, int wr) {
+        uint32_t h = bus_bind(0, -1, nullptr, "holder");
+        if (h == BUS_HANDLE_NONE)
+            return 1;
+        for (uint32_t opc : opcodes)
+            if (tarnhost_bus_subscribe(h, opc, 1) != 0)
+                return 1;
+        put_word(wr, h);
+        uint32_t never;
+        get_word(rd, &never, 60000);
+        return 0;
+    });
+}
+
 struct Outcome {
     uint32_t got = 0, in_order = 0, missed = 0;
 };
@@ -238,17 +256,7 @@ TEST_F(host_bus_stall, directed_sends_to_a_stopped_server_fail_and_are_counted)
 
 TEST_F(host_bus_stall, a_killed_subscriber_of_a_quiet_opcode_leaves_nothing)
 {
-    Proc victim = spawn([](int rd, int wr) {
-        uint32_t h = bus_bind(0, -1, nullptr, "victim");
-        if (h == BUS_HANDLE_NONE ||
-            tarnhost_bus_subscribe(h, kQuietOpc, 1) != 0 ||
-            tarnhost_bus_subscribe(h, kOpc, 1) != 0)
-            return 1;
-        put_word(wr, h);
-        uint32_t never;
-        get_word(rd, &never, 60000);
-        return 0;
-    });
+    Proc victim = holder({kQuietOpc, kOpc});
     uint32_t hv = 0;
     ASSERT_TRUE(get_word(victim.rd, &hv));
     EXPECT_TRUE(exists(bus_file(root_, "sub", kQuietOpc) + "/" +
@@ -327,17 +335,7 @@ TEST_F(host_bus_stall, random_kills_leave_a_consistent_bus)
         if (what == 0 || procs.empty()) {
             const uint32_t opc = kOpc + static_cast<uint32_t>(rand() % 3);
             const bool twice = rand() % 2;
-            procs.push_back(spawn([opc, twice](int rd, int wr) {
-                uint32_t h = bus_bind(0, -1, nullptr, "random");
-                if (h == BUS_HANDLE_NONE ||
-                    tarnhost_bus_subscribe(h, opc, 1) != 0 ||
-                    (twice && tarnhost_bus_subscribe(h, opc, 1) != 0))
-                    return 1;
-                put_word(wr, h);
-                uint32_t never;
-                get_word(rd, &never, 60000);
-                return 0;
-            }));
+            procs.push_back(twice ? holder({opc, opc}) : holder({opc}));
             uint32_t h = 0;
             ASSERT_TRUE(get_word(procs.back().rd, &h));
             handles.push_back(h);
