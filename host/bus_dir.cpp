@@ -190,19 +190,9 @@ bool sock_path(sockaddr_un *sa, socklen_t *sa_len, const Bus &bus,
 
 int socket_present(const Bus &bus, uint32_t id)
 {
-    struct stat st;
     std::string name = decimal(id);
-    if (fstatat(bus.hfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno;
-    if (S_ISSOCK(st.st_mode) && st.st_uid == geteuid())
-        return 0;
     std::string s = shown(bus, "h", name.c_str());
-    if (S_ISLNK(st.st_mode))
-        return tarnhost_rootfs::refuse(
-            ELOOP, "%s is a symbolic link, not a socket of the bus; remove it",
-            s.c_str());
-    return tarnhost_rootfs::refuse(
-        EACCES, "%s is not a socket of yours; remove it", s.c_str());
+    return tarnhost_rootfs::check_socket(bus.hfd, name.c_str(), s.c_str());
 }
 
 bool socket_alive(const Bus &bus, uint32_t id)
@@ -379,11 +369,9 @@ bool remove_record(Bus *bus, uint32_t opcode, uint32_t id)
 
 void forget_socket(Bus *bus, uint32_t id)
 {
-    std::string name = decimal(id);
-    struct stat st;
-    if (fstatat(bus->hfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-        S_ISSOCK(st.st_mode) && st.st_uid == geteuid())
-        unlinkat(bus->hfd, name.c_str(), 0);
+    // Only a socket of ours: whatever else sits at its name is left alone.
+    if (socket_present(*bus, id) == 0)
+        unlinkat(bus->hfd, decimal(id).c_str(), 0);
     remove_slot(bus, id);
 }
 

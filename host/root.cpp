@@ -42,6 +42,8 @@ const char kParentText[] =
 const char kFileText[] =
     "%s is not a plain file of your own (a link, a device or a second name "
     "of another file); remove it";
+const char kSocketText[] =
+    "%s is not a socket of the bus; remove it";
 
 thread_local char g_problem[1024];
 
@@ -227,6 +229,22 @@ int check_file(int fd, const char *shown)
     if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
         return refuse(EACCES, kFileText, shown);
     return check_ours(st, shown);
+}
+
+int check_socket(int dirfd, const char *name, const char *shown)
+{
+    struct stat st;
+    if (fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno;
+    if (S_ISLNK(st.st_mode))
+        return refuse(ELOOP, kLinkText, shown);
+    if (!S_ISSOCK(st.st_mode))
+        return refuse(EACCES, kSocketText, shown);
+    if (st.st_uid != geteuid())
+        return refuse(EPERM, kForeignText, shown,
+                      static_cast<unsigned>(st.st_uid),
+                      static_cast<unsigned>(geteuid()));
+    return 0;
 }
 
 int read_line(int dirfd, const char *name, const char *shown, char *buf,

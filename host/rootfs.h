@@ -52,6 +52,9 @@ uint32_t prepare_kvs_dir(const char *path);
 // refusal text).  `shown` names the object in that text.
 int check_dir(int fd, const char *shown);
 int check_file(int fd, const char *shown);
+// A socket of ours at `name` below `dirfd`, not followed if it is a link:
+// 0, ENOENT when nothing is there, or a refusal.
+int check_socket(int dirfd, const char *name, const char *shown);
 
 // Records the text of a refusal for this thread and returns `err`.
 int refuse(int err, const char *fmt, ...)

@@ -330,7 +330,20 @@ TEST_F(host_root_refusals, a_socket_name_that_is_a_link_gets_no_message)
     EXPECT_EQ(-1, bus_send(live, BUS_NODE_LOCAL, 78, opc, "d", 1, nullptr,
                            nullptr, &o));
     EXPECT_EQ(ELOOP, errno);
+    EXPECT_EQ(link_text(root_ + "/bus/h/" + std::to_string(fake)),
+              tarnhost_root_problem());
     EXPECT_EQ(-1, recv(fd, buf, sizeof buf, MSG_DONTWAIT));
+    // A plain file at a handle's name is no socket either.
+    const uint32_t plain = fake + 1;
+    const std::string plain_path = root_ + "/bus/h/" + std::to_string(plain);
+    write_text(plain_path, "");
+    write_text(root_ + "/bus/ap/79", std::to_string(plain) + "\n");
+    errno = 0;
+    EXPECT_EQ(-1, bus_send(live, BUS_NODE_LOCAL, 79, opc, "d", 1, nullptr,
+                           nullptr, &o));
+    EXPECT_EQ(EACCES, errno);
+    EXPECT_EQ(plain_path + " is not a socket of the bus; remove it",
+              tarnhost_root_problem());
     close(fd);
     bus_unbind(live);
 }
