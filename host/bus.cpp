@@ -339,6 +339,8 @@ int publish(Handle *h, const WireHeader &hdr, const void *payload,
             std::vector<uint32_t> *missed)
 {
     auto ids = subscribers_of(h->bus.get(), hdr.opcode);
+    if (ids == nullptr)
+        return errno != 0 ? errno : EIO;
     for (uint32_t target : *ids) {
         int err = deliver(h, target, hdr, payload, true);
         if (err == 0)
@@ -828,11 +830,20 @@ uint32_t tarnhost_bus_reply_to_get(const bus_msg_t *msg)
 size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
 {
     BusPtr bus = bus_open(false);
-    if (!bus)
+    if (!bus) {
+        if (errno == ENOENT)
+            errno = 0;  // no bus yet: nobody subscribed
         return 0;
-    std::vector<uint32_t> ids = list_records(*bus, opcode);
+    }
+    int err = 0;
+    std::vector<uint32_t> ids = list_records(*bus, opcode, &err);
+    if (err != 0) {
+        errno = err;
+        return 0;
+    }
     for (size_t i = 0; out != nullptr && i < ids.size() && i < max; ++i)
         out[i] = ids[i];
+    errno = 0;
     return ids.size();
 }
 

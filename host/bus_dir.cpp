@@ -56,19 +56,29 @@ void *map_shared(int fd)
     return p == MAP_FAILED ? nullptr : p;
 }
 
-// Lists the decimal entries of a directory descriptor (not consumed).
-std::vector<uint32_t> list_ids(int dirfd)
+// Lists the decimal entries of a directory descriptor (not consumed).  A
+// directory that cannot be read to its end sets *err (when given): a
+// publisher must hear of that instead of silently reaching nobody.
+std::vector<uint32_t> list_ids(int dirfd, int *err = nullptr)
 {
     std::vector<uint32_t> ids;
     int fd = openat(dirfd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return ids;
-    DIR *d = fdopendir(fd);
+    DIR *d = fd < 0 ? nullptr : fdopendir(fd);
     if (d == nullptr) {
-        close(fd);
+        if (err != nullptr)
+            *err = errno;
+        if (fd >= 0)
+            close(fd);
         return ids;
     }
-    while (dirent *e = readdir(d)) {
+    for (;;) {
+        errno = 0;
+        dirent *e = readdir(d);
+        if (e == nullptr) {
+            if (err != nullptr)
+                *err = errno;
+            break;
+        }
         uint32_t id;
         if (parse_u32(e->d_name, &id))
             ids.push_back(id);
@@ -304,14 +314,18 @@ int32_t find_ap(const Bus &bus, uint32_t id)
     return -1;
 }
 
-std::vector<uint32_t> list_records(const Bus &bus, uint32_t opcode)
+std::vector<uint32_t> list_records(const Bus &bus, uint32_t opcode, int *err)
 {
+    *err = 0;
     std::string dir = decimal(opcode);
     int dfd = openat(bus.subfd, dir.c_str(),
                      O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (dfd < 0)
+    if (dfd < 0) {
+        if (errno != ENOENT)
+            *err = errno;
         return {};
-    std::vector<uint32_t> ids = list_ids(dfd);
+    }
+    std::vector<uint32_t> ids = list_ids(dfd, err);
     close(dfd);
     return ids;
 }
@@ -389,14 +403,13 @@ namespace {
 // is not a socket of ours is skipped, never sent to.
 std::shared_ptr<const std::vector<uint32_t>> scan(Bus *bus, uint32_t opcode)
 {
+    int err = 0;
+    std::vector<uint32_t> found = list_records(*bus, opcode, &err);
+    if (err != 0) {
+        errno = err;
+        return nullptr;
+    }
     auto ids = std::make_shared<std::vector<uint32_t>>();
-    std::string dir = decimal(opcode);
-    std::string ds = shown(*bus, "sub", dir.c_str());
-    int dfd = open_dir(bus->subfd, dir.c_str(), ds.c_str(), false);
-    if (dfd < 0)
-        return ids;
-    std::vector<uint32_t> found = list_ids(dfd);
-    close(dfd);
     for (uint32_t id : found) {
         int err = socket_present(*bus, id);
         if (err == 0) {
@@ -423,6 +436,8 @@ std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
             return it->second.ids;
     }
     auto ids = scan(bus, opcode);
+    if (ids == nullptr)
+        return nullptr;
     if (bus->gen != nullptr) {
         // Tagged with the generation read before the scan: a change made
         // meanwhile moves the word on and forces the next scan.

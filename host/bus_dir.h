@@ -100,11 +100,13 @@ int32_t find_ap(const Bus &bus, uint32_t id);
 
 // Subscription records sub/<opcode>/<id>.
 int add_record(Bus *bus, uint32_t opcode, uint32_t id);
-// The records of `opcode` as they are, live or not.
-std::vector<uint32_t> list_records(const Bus &bus, uint32_t opcode);
+// The records of `opcode` as they are, live or not; *err is 0, or errno
+// when the directory could not be read to its end (none is no error).
+std::vector<uint32_t> list_records(const Bus &bus, uint32_t opcode, int *err);
 bool remove_record(Bus *bus, uint32_t opcode, uint32_t id);
 // The live subscribers of `opcode` (cached until the generation moves);
-// records of handles whose socket is gone are removed on the way.
+// records of handles whose socket is gone are removed on the way.  Null
+// with errno when the records cannot be read.
 std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
                                                             uint32_t opcode);
 void bump(Bus *bus);
