@@ -53,6 +53,7 @@
 
 #include "host/bus_dir.h"
 #include "host/bus_msg.h"
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
@@ -506,8 +507,9 @@ uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
                   ? 0
                   : errno;
     }
-    if (err == 0 && chmod(sa.sun_path, 0600) != 0)
-        err = errno;
+    if (err == 0)
+        err = tarnhost_rootfs::share_socket(bus.hfd,
+                                            std::to_string(h->id).c_str());
     if (err == 0) {
         h->slot = create_slot(h->bus.get(), h->id);
         if (!h->slot)

@@ -87,11 +87,6 @@ std::vector<uint32_t> list_ids(int dirfd, int *err = nullptr)
     return ids;
 }
 
-bool proc_fd_usable()
-{
-    static const bool usable = access("/proc/self/fd", X_OK) == 0;
-    return usable;
-}
 
 // Opens the subdirectories and the generation word of a bus whose
 // directory descriptor is bus->fd; 0 or an errno value.
@@ -171,7 +166,7 @@ BusPtr bus_open(bool create)
     bus->fd = fd;
     bus->dev = st.st_dev;
     bus->ino = st.st_ino;
-    bus->via_proc = proc_fd_usable();
+    bus->via_proc = tarnhost_rootfs::proc_fd_usable();
     int err = open_parts(bus.get(), create);
     if (err != 0) {
         errno = err;

@@ -216,11 +216,12 @@ Link *find_link(const char *uri)
     return nullptr;
 }
 
-// Creates (or checks) the database directory below the root: the store
-// opens its files there by name, so the directory must be ours alone.
-uint32_t make_env_dir(const char *path)
+// Creates (or checks) the database directory below the root and holds it
+// open: the store opens its files there by name, so the directory must be
+// ours alone, and the store reaches it through the checked descriptor.
+uint32_t make_env_dir(const char *path, tarnhost_rootfs::PinnedDir *dir)
 {
-    return tarnhost_rootfs::prepare_kvs_dir(path);
+    return tarnhost_rootfs::prepare_kvs_dir(path, dir);
 }
 
 void close_env_locked(Env *e)
@@ -267,7 +268,8 @@ Env *env_for_path_locked(Registry &r, const char *path, uint32_t *status)
             e->last_use = ++r.clock;
             return e;
         }
-    *status = make_env_dir(path);
+    tarnhost_rootfs::PinnedDir dir;
+    *status = make_env_dir(path, &dir);
     if (*status != KVS_OK)
         return nullptr;
 
@@ -282,7 +284,7 @@ Env *env_for_path_locked(Registry &r, const char *path, uint32_t *status)
     // NOSYNC: the store is volatile by design (tmpfs); a crashed process
     // still leaves it consistent, only a crashed kernel loses the tail.
     if (rc == 0)
-        rc = mdb_env_open(env, path, MDB_NOTLS | MDB_NOSYNC, 0600);
+        rc = mdb_env_open(env, dir.path, MDB_NOTLS | MDB_NOSYNC, 0600);
     MDB_dbi dbi = 0;
     if (rc == 0) {
         // Reader slots of processes that died without closing would pin old

@@ -42,6 +42,10 @@ const char kParentText[] =
 const char kFileText[] =
     "%s is not a plain file of your own (a link, a device or a second name "
     "of another file); remove it";
+const char kForeignSharedText[] =
+    "%s belongs to uid %u and group %u, neither you (uid %u) nor the "
+    "device's group %s (%u); remove it, or set TARNHOST_ROOT to a directory "
+    "of your own";
 const char kSocketText[] =
     "%s is not a socket of the bus; remove it";
 
@@ -154,6 +158,13 @@ int explain_open_failure(int err, int dirfd, const char *name,
         return tarnhost_rootfs::refuse(ENOTDIR, kNotDirText, shown);
     if (!want_dir && !S_ISREG(st.st_mode))
         return tarnhost_rootfs::refuse(EACCES, kFileText, shown);
+    // Not allowed in: most likely someone else's, and then that is the
+    // clearer thing to say.
+    if (err == EACCES || err == EPERM) {
+        int why = tarnhost_rootfs::check_stat(st, shown);
+        if (why != 0)
+            return why;
+    }
     return err;
 }
 
@@ -194,22 +205,34 @@ int refuse(int err, const char *fmt, ...)
     return err;
 }
 
-namespace {
-
-// Ours alone: owned by the caller and writable by nobody else.
-int check_ours(const struct stat &st, const char *shown)
+// Ours alone: owned by the caller and writable by nobody else; or, on a
+// device shared with a group on purpose, in that group and writable by
+// nobody outside it.
+int check_stat(const struct stat &st, const char *shown)
 {
-    if (st.st_uid != geteuid())
+    Sharing share;
+    int err = device_group(&share);
+    if (err != 0)
+        return err;
+    bool in_group = share.on && st.st_gid == share.gid;
+    if (st.st_uid != geteuid() && !in_group) {
+        if (share.on)
+            return refuse(EPERM, kForeignSharedText, shown,
+                          static_cast<unsigned>(st.st_uid),
+                          static_cast<unsigned>(st.st_gid),
+                          static_cast<unsigned>(geteuid()),
+                          share.name.c_str(),
+                          static_cast<unsigned>(share.gid));
         return refuse(EPERM, kForeignText, shown,
                       static_cast<unsigned>(st.st_uid),
                       static_cast<unsigned>(geteuid()));
-    if ((st.st_mode & 022) != 0)
+    }
+    mode_t others = in_group ? 002 : 022;
+    if ((st.st_mode & others) != 0)
         return refuse(EACCES, kOpenText, shown,
                       static_cast<unsigned>(st.st_mode & 07777), shown);
     return 0;
 }
-
-}  // namespace
 
 int check_dir(int fd, const char *shown)
 {
@@ -218,7 +241,7 @@ int check_dir(int fd, const char *shown)
         return errno;
     if (!S_ISDIR(st.st_mode))
         return refuse(ENOTDIR, kNotDirText, shown);
-    return check_ours(st, shown);
+    return check_stat(st, shown);
 }
 
 int check_file(int fd, const char *shown)
@@ -228,7 +251,7 @@ int check_file(int fd, const char *shown)
         return errno;
     if (!S_ISREG(st.st_mode) || st.st_nlink != 1)
         return refuse(EACCES, kFileText, shown);
-    return check_ours(st, shown);
+    return check_stat(st, shown);
 }
 
 int check_socket(int dirfd, const char *name, const char *shown)
@@ -240,11 +263,7 @@ int check_socket(int dirfd, const char *name, const char *shown)
         return refuse(ELOOP, kLinkText, shown);
     if (!S_ISSOCK(st.st_mode))
         return refuse(EACCES, kSocketText, shown);
-    if (st.st_uid != geteuid())
-        return refuse(EPERM, kForeignText, shown,
-                      static_cast<unsigned>(st.st_uid),
-                      static_cast<unsigned>(geteuid()));
-    return 0;
+    return check_stat(st, shown);
 }
 
 int read_line(int dirfd, const char *name, const char *shown, char *buf,
@@ -289,7 +308,8 @@ int replace_file(int dirfd, const char *name, const char *shown_dir,
 
 int open_dir(int dirfd, const char *name, const char *shown, bool create)
 {
-    if (create && mkdirat(dirfd, name, 0700) != 0 && errno != EEXIST)
+    bool made = create && mkdirat(dirfd, name, 0700) == 0;
+    if (create && !made && errno != EEXIST)
         return -1;
     int fd = openat(dirfd, name,
                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -297,6 +317,8 @@ int open_dir(int dirfd, const char *name, const char *shown, bool create)
         errno = explain_open_failure(errno, dirfd, name, shown, true);
         return -1;
     }
+    if (made)
+        share_new(fd, kSharedDir);
     int err = check_dir(fd, shown);
     if (err != 0) {
         close(fd);
@@ -313,6 +335,8 @@ int open_file(int dirfd, const char *name, const char *shown, int flags)
         errno = explain_open_failure(errno, dirfd, name, shown, false);
         return -1;
     }
+    if ((flags & O_CREAT) != 0)
+        share_new(fd, kSharedFile);
     int err = check_file(fd, shown);
     if (err != 0) {
         close(fd);
@@ -325,6 +349,12 @@ int open_file(int dirfd, const char *name, const char *shown, int flags)
 int open_root(bool create)
 {
     g_problem[0] = '\0';
+    Sharing share;
+    int serr = device_group(&share);
+    if (serr != 0) {
+        errno = serr;
+        return -1;
+    }
     const char *root = tarnhost_root();
     std::string base;
     int pfd = open_parent(root, &base);
@@ -368,7 +398,19 @@ int open_subdir(const char *sub, bool create)
     return fd;
 }
 
-uint32_t prepare_kvs_dir(const char *path)
+bool proc_fd_usable()
+{
+    static const bool usable = access("/proc/self/fd", X_OK) == 0;
+    return usable;
+}
+
+PinnedDir::~PinnedDir()
+{
+    if (fd >= 0)
+        close(fd);
+}
+
+uint32_t prepare_kvs_dir(const char *path, PinnedDir *dir)
 {
     const char *root = tarnhost_root();
     size_t rl = strlen(root);
@@ -407,11 +449,18 @@ uint32_t prepare_kvs_dir(const char *path)
     }
     // The store opens its two files by name and follows links: whatever is
     // there already must be a file of ours.  Nothing can appear between this
-    // check and the store's open, since nobody else may write here.
+    // check and the store's open: nobody else may write here (on a shared
+    // device the members may write the files but not the directory).
+    Sharing share;
+    if (device_group(&share) != 0) {
+        close(fd);
+        return KVS_ERR_IO;
+    }
+    share_new(fd, S_ISGID | 0750);
     for (const char *file : {"data.mdb", "lock.mdb"}) {
         std::string fshown = join(shown, file);
         int ffd = open_file(fd, file, fshown.c_str(),
-                                             O_RDONLY);
+                            share.on ? O_RDWR | O_CREAT : O_RDONLY);
         if (ffd < 0 && errno == ENOENT)
             continue;
         if (ffd < 0) {
@@ -422,7 +471,11 @@ uint32_t prepare_kvs_dir(const char *path)
         }
         close(ffd);
     }
-    close(fd);
+    dir->fd = fd;
+    if (proc_fd_usable())
+        snprintf(dir->path, sizeof dir->path, "/proc/self/fd/%d", fd);
+    else
+        snprintf(dir->path, sizeof dir->path, "%s", path);
     return KVS_OK;
 }
 

@@ -11,7 +11,9 @@
  *     message bus.  A root is used only when it is a real directory of the
  *     calling user that no other user can write, in directories that no
  *     other user can change; links and foreign files below it are refused,
- *     never followed.
+ *     never followed.  Users share a device only on purpose: each names the
+ *     group in TARNHOST_GROUP, and the members' roots and files in that
+ *     group are accepted.
  *
  *  2. Statuses are the platform's 32-bit codes (KVS_ERR_* of
  *     platform/kvs.h); 0 is success.
