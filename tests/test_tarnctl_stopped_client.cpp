@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <regex>
 #include <string>
 
@@ -161,6 +162,10 @@ TEST_F(TarnctlStoppedClient, WatchResumedLearnsOfItsGapAndRebuilds)
     for (int i = 0; i < 1500 && !std::regex_search(text = slurp(out), caught_up); ++i)
         sleep_ms(20);
     EXPECT_TRUE(std::regex_search(text, caught_up)) << text;
+    // The queued (older) notifications were applied before the rebuild,
+    // not after it: the rebuilt state is the last word.
+    const std::string tail = "AS format 3\ncached topology 10 vlans 100-109 ftags 1\n";
+    EXPECT_EQ(tail, text.substr(text.size() - std::min(text.size(), tail.size()))) << text;
     uint32_t pending = 1;
     EXPECT_EQ(0, tarnhost_bus_missed(handle, &pending));
     EXPECT_EQ(0u, pending);

@@ -273,14 +273,40 @@ void print_caches()
         printf("cached %s\n", topology_now(t).c_str());
 }
 
+// Applies one message and says what it changed.
+void handle(uint32_t h, bus_msg_t *msg)
+{
+    const Seen seen = inspect(msg);
+    const std::string name = bus_opc_name_get(seen.opcode);
+    const int32_t r = tarn_dispatch(msg);
+    // 1: the library applied the message and dropped it; anything else
+    // leaves it to us.
+    if (r != 1)
+        bus_drop(h, msg);
+    std::string what = describe(seen, r);
+    if (r == -1 && what != "not for libtarn")
+        what += " (not taken by libtarn)";
+    printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+}
+
 // Notifications that the bus could not deliver (the queue stayed full
-// while this process was stopped or slow) leave the caches stale: rebuild
-// them from the databases, and say so.
-void catch_up(uint32_t h, const gyre_cache_attr_t *attr)
+// while this process was stopped or slow) leave the caches stale.  What is
+// still queued is older than the databases now: it is applied first, then
+// the caches are rebuilt from the databases, and the line says so.  The
+// messages handled on the way.
+uint64_t catch_up(uint32_t h, const gyre_cache_attr_t *attr)
 {
     uint32_t missed = 0;
     if (tarnhost_bus_missed_take(h, &missed) != 0 || missed == 0)
-        return;
+        return 0;
+    uint64_t handled = 0;
+    while (bus_msg_t *msg = tarnhost_bus_recv_ms(h, 0)) {
+        handle(h, msg);
+        ++handled;
+    }
+    uint32_t more = 0;
+    if (tarnhost_bus_missed_take(h, &more) == 0)
+        missed += more;
     printf("%s missed %u notifications (the queue was full); rebuilding the "
            "caches from the databases\n",
            now_text().c_str(), missed);
@@ -288,6 +314,7 @@ void catch_up(uint32_t h, const gyre_cache_attr_t *attr)
     gyre_disable_cache_mode();
     gyre_enable_cache_mode(attr);
     print_caches();
+    return handled;
 }
 
 void print_memory()
@@ -478,21 +505,11 @@ int cmd_watch(int argc, char **argv)
             break;
         }
         bus_msg_t *msg = bus_recv(h, &ro);
-        catch_up(h, &attr);
-        if (msg == nullptr)
-            continue;
-        const Seen seen = inspect(msg);
-        const std::string name = bus_opc_name_get(seen.opcode);
-        const int32_t r = tarn_dispatch(msg);
-        // 1: the library applied the message and dropped it; anything else
-        // leaves it to us.
-        if (r != 1)
-            bus_drop(h, msg);
-        std::string what = describe(seen, r);
-        if (r == -1 && what != "not for libtarn")
-            what += " (not taken by libtarn)";
-        printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
-        ++handled;
+        if (msg != nullptr) {
+            handle(h, msg);
+            ++handled;
+        }
+        handled += catch_up(h, &attr);
     }
 
     gyre_api_close();
