@@ -181,12 +181,20 @@ bool sock_path(sockaddr_un *sa, socklen_t *sa_len, const Bus &bus,
 {
     memset(sa, 0, sizeof *sa);
     sa->sun_family = AF_UNIX;
-    int w = bus.via_proc
-                ? snprintf(sa->sun_path, sizeof sa->sun_path,
-                           "/proc/self/fd/%d/%u", bus.hfd, id)
-                : snprintf(sa->sun_path, sizeof sa->sun_path, "%s/h/%u",
-                           bus.dir.c_str(), id);
-    if (w < 0 || static_cast<size_t>(w) >= sizeof sa->sun_path)
+    // The path itself where it fits: the kernel resolves /proc/self/fd
+    // paths at a cost that halves a steady stream of notifications, and
+    // nobody else can change the directories on the path (the root's checks
+    // say so).  A root too deep for a socket address is reached through the
+    // checked descriptor instead.
+    auto fits = [](int w) {
+        return w >= 0 && static_cast<size_t>(w) < sizeof(sockaddr_un::sun_path);
+    };
+    int w = snprintf(sa->sun_path, sizeof sa->sun_path, "%s/h/%u",
+                     bus.dir.c_str(), id);
+    if (!fits(w) && bus.via_proc)
+        w = snprintf(sa->sun_path, sizeof sa->sun_path, "/proc/self/fd/%d/%u",
+                     bus.hfd, id);
+    if (!fits(w))
         return false;
     *sa_len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) +
                                      static_cast<size_t>(w) + 1);

@@ -3,8 +3,9 @@
 // sweep that removes what dead processes left behind.
 //
 // Everything is reached through descriptors of directories checked to be
-// ours alone (host/rootfs.h); socket addresses name a directory through
-// /proc/self/fd, so a send never resolves the root's path again.
+// ours alone (host/rootfs.h).  Socket addresses are paths below the checked
+// root, whose directories nobody else can change; a name in h/ is checked
+// to be a socket of ours before anything is sent to it.
 #ifndef TARNHOST_BUS_DIR_H
 #define TARNHOST_BUS_DIR_H
 
@@ -57,7 +58,7 @@ struct Bus {
     dev_t dev = 0;
     ino_t ino = 0;
     int fd = -1, hfd = -1, apfd = -1, subfd = -1, statefd = -1;
-    bool via_proc = false;  // socket paths through /proc/self/fd
+    bool via_proc = false;  // /proc/self/fd reaches hfd (for deep roots)
     // The generation word in <root>/bus/gen, bumped after every change to
     // a subscription record; null when it could not be mapped (then every
     // publish reads the directory).

@@ -815,4 +815,22 @@ TEST_F(host_bus, ForkedChildDoesNotInheritHandles)
     bus_unbind(a);
 }
 
+TEST_F(host_bus, ARootTooDeepForASocketAddressStillWorks)
+{
+    // A socket address holds 108 bytes; this root's sockets need more.
+    std::string deep = root_ + "/" + std::string(60, 'd');
+    ASSERT_EQ(0, mkdir(deep.c_str(), 0700));
+    deep += "/" + std::string(60, 'e');
+    setenv("TARNHOST_ROOT", deep.c_str(), 1);
+    uint32_t a = dyn(), b = dyn();
+    ASSERT_NE(BUS_HANDLE_NONE, a);
+    ASSERT_NE(BUS_HANDLE_NONE, b);
+    ASSERT_EQ(0, tarnhost_bus_subscribe(b, kOpcA, 1));
+    EXPECT_EQ(0, send_to(a, 0, kOpcA, "deep", 4));
+    EXPECT_EQ(0, expect_msg(b, kOpcA, "deep"));
+    bus_unbind(a);
+    bus_unbind(b);
+    setenv("TARNHOST_ROOT", root_.c_str(), 1);
+}
+
 }  // namespace
