@@ -36,6 +36,22 @@ void clear_ftag_entry(uint32_t ftag)
     e.flags = 0;
 }
 
+// A table entry can point at a node whose bit is no longer set: a kind-2
+// attribute change clears the node's whole ftag set but only the entries
+// its message names, and a VLAN update naming a topology twice leaves the
+// node with the last record's VLANs while the earlier records' slots keep
+// pointing at it.  Before the node goes, every entry that still points at it
+// is cleared, so none outlives it.
+void forget_node(const gyre_cache_tpg_node_t *node)
+{
+    for (uint32_t ftag = 0; ftag < GYRE_FTAG_COUNT; ++ftag)
+        if (gyre_cache->ftags[ftag].owner == node)
+            clear_ftag_entry(ftag);
+    for (uint32_t vlan = 0; vlan < GYRE_VLAN_COUNT; ++vlan)
+        if (gyre_cache->vlans[vlan] == node)
+            gyre_cache->vlans[vlan] = nullptr;
+}
+
 void free_node(gyre_cache_tpg_node_t *node)
 {
     alloctrack_free(TARN_LIB_ALLOC_ID, TARN_LIB_MEM_GYRE_TPG, node);
@@ -123,6 +139,7 @@ void gyre_cache_delete_l2_tpg(const bus_msg_t *msg)
     gyre::for_each_set(node->vlans.bits, GYRE_VLAN_COUNT,
                        [](uint32_t vlan) { gyre_cache->vlans[vlan] = nullptr; });
     gyre::for_each_set(node->ftags.bits, GYRE_FTAG_COUNT, clear_ftag_entry);
+    forget_node(node);
     bst_delete(&gyre_cache->tree, node);
     free_node(node);
 }
