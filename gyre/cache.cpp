@@ -11,6 +11,7 @@
 #include "core/state.h"
 #include "gyre/bits.h"
 #include "gyre/internal.h"
+#include "query/frame.h"
 #include "platform/alloctrack.h"
 
 using tarn::tarn_debug;
@@ -61,15 +62,18 @@ void free_node(gyre_cache_tpg_node_t *node)
 
 extern "C" {
 
-uint32_t gyre_cache_tpg_cmp(const void *a, const void *b)
+TARN_API uint32_t gyre_cache_tpg_cmp(const void *a, const void *b)
 {
+    if (tarn::null_result(a, "a", "gyre_cache_tpg_cmp") ||
+        tarn::null_result(b, "b", "gyre_cache_tpg_cmp"))
+        return 0;
     uint32_t x, y;
     memcpy(&x, a, sizeof x);
     memcpy(&y, b, sizeof y);
     return x > y ? 1 : (x < y ? 2 : 0);
 }
 
-gyre_cache_tpg_node_t *gyre_cache_find_topo_by_id(uint32_t tpg)
+TARN_API gyre_cache_tpg_node_t *gyre_cache_find_topo_by_id(uint32_t tpg)
 {
     if (gyre_cache == nullptr)
         return nullptr;
@@ -78,7 +82,7 @@ gyre_cache_tpg_node_t *gyre_cache_find_topo_by_id(uint32_t tpg)
 
 // Does not look for an existing node first: callers that must not have two
 // look it up themselves.
-gyre_cache_tpg_node_t *gyre_cache_add_tpg(uint32_t tpg)
+TARN_API gyre_cache_tpg_node_t *gyre_cache_add_tpg(uint32_t tpg)
 {
     if (gyre_cache == nullptr)
         return nullptr;
@@ -97,7 +101,7 @@ gyre_cache_tpg_node_t *gyre_cache_add_tpg(uint32_t tpg)
     return node;
 }
 
-gyre_cache_tpg_node_t *gyre_cache_create_l2_tpg(const bus_msg_t *msg)
+TARN_API gyre_cache_tpg_node_t *gyre_cache_create_l2_tpg(const bus_msg_t *msg)
 {
     uint32_t len = 0;
     const uint8_t *p = gyre::payload(msg, &len);
@@ -122,7 +126,7 @@ TARN_API uint32_t gyre_cache_get_topo_info(uint32_t tpg, gyre_vlan_bmp_t *vlans,
     return 1;
 }
 
-void gyre_cache_delete_l2_tpg(const bus_msg_t *msg)
+TARN_API void gyre_cache_delete_l2_tpg(const bus_msg_t *msg)
 {
     uint32_t len = 0;
     const uint8_t *p = gyre::payload(msg, &len);
