@@ -46,6 +46,7 @@
 #include <vector>
 
 #include "host/bus_msg.h"
+#include "host/nomem.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
@@ -141,10 +142,12 @@ void fork_child();
 
 Table &table()
 {
-    // Never destroyed: sends may run from other static destructors.
+    // Never destroyed: sends may run from other static destructors.  In
+    // static storage, so that no lookup can fail for want of memory.
+    alignas(Table) static unsigned char storage[sizeof(Table)];
     static Table *t = [] {
         pthread_atfork(fork_prepare, fork_parent, fork_child);
-        return new Table;
+        return new (storage) Table;
     }();
     return *t;
 }
@@ -441,8 +444,14 @@ std::shared_ptr<const std::vector<uint32_t>> scan(const std::string &dir,
             break;
         }
         uint32_t id;
-        if (parse_u32(e->d_name, &id))
-            ids->push_back(id);
+        if (!parse_u32(e->d_name, &id))
+            continue;
+        // The directory is closed below whatever happens.
+        if (!tarnhost::room_for_one(*ids)) {
+            err = ENOMEM;
+            break;
+        }
+        ids->push_back(id);
     }
     closedir(d);
     if (err != 0) {
@@ -614,7 +623,7 @@ extern "C" {
 
 uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
                   const char *name)
-{
+try {
     uint32_t st;
     if (injected("bus_bind", nullptr, &st))
         return BUS_HANDLE_NONE;
@@ -699,12 +708,13 @@ uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
     if (err == 0 && sap > 0) {
         char target[32];
         snprintf(target, sizeof target, "../h/%u", h->id);
-        std::string tmp = std::string(ap) + ".new";
-        unlink(tmp.c_str());
-        if (symlink(target, tmp.c_str()) != 0 ||
-            rename(tmp.c_str(), ap) != 0) {
+        // No allocation while the bus lock is held.
+        char tmp[sizeof ap + 4];
+        snprintf(tmp, sizeof tmp, "%s.new", ap);
+        unlink(tmp);
+        if (symlink(target, tmp) != 0 || rename(tmp, ap) != 0) {
             err = errno;
-            unlink(tmp.c_str());
+            unlink(tmp);
         }
     }
     if (err != 0) {
@@ -717,12 +727,22 @@ uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
     close(lock_fd);
 
     std::lock_guard<std::mutex> lock(g_mu);
-    table()[h->id] = h;
+    try {
+        table()[h->id] = h;
+    } catch (const std::bad_alloc &) {
+        // Bound but not recorded: undo the binding.
+        if (sap > 0)
+            unlink(ap);
+        unlink(sa.sun_path);
+        throw;
+    }
     return h->id;
+} catch (const std::bad_alloc &) {
+    return tarnhost::no_memory(BUS_HANDLE_NONE);
 }
 
 uint32_t bus_unbind(uint32_t handle)
-{
+try {
     HandlePtr h;
     {
         std::lock_guard<std::mutex> lock(g_mu);
@@ -765,13 +785,15 @@ uint32_t bus_unbind(uint32_t handle)
     if (sock_path(&sa, &sa_len, h->dir, "h", h->id))
         unlink(sa.sun_path);
     return 0;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
 }
 
 int32_t bus_send(uint32_t handle, uint32_t node, uint32_t sap,
                  uint32_t opcode, const void *payload, uint32_t len,
                  bus_msg_t *reply_to, bus_msg_t **sent,
                  const bus_send_opts_t *opts)
-{
+try {
     (void)opts;  // one delivery mode only
     if (sent != nullptr)
         *sent = nullptr;
@@ -840,6 +862,8 @@ int32_t bus_send(uint32_t handle, uint32_t node, uint32_t sap,
     if (sent != nullptr)
         *sent = new_msg(hdr, payload, h->id);
     return 0;
+} catch (const std::bad_alloc &) {
+    return tarnhost::no_memory(-1);
 }
 
 bus_msg_t *bus_recv(uint32_t handle, const bus_recv_opts_t *opts)
@@ -943,7 +967,7 @@ uint32_t bus_options_get(uint32_t handle, uint32_t opcode)
 }
 
 uint32_t bus_options_set(uint32_t handle, uint32_t opcode, uint32_t value)
-{
+try {
     HandlePtr h = find(handle);
     uint32_t st;
     if (injected("bus_options_set", h.get(), &st))
@@ -957,6 +981,8 @@ uint32_t bus_options_set(uint32_t handle, uint32_t opcode, uint32_t value)
     auto it = h->options.find(opcode);
     if (it != h->options.end())
         old = it->second;
+    else if (value != 0)
+        h->options.emplace(opcode, 0);  // room first: may fail before any change
     if ((value & BUS_OPT_RECEIVE) != 0) {
         // Written again even when the bit was set: cheap, and it restores
         // a record that someone removed behind our back.
@@ -977,6 +1003,8 @@ uint32_t bus_options_set(uint32_t handle, uint32_t opcode, uint32_t value)
     else
         h->options[opcode] = value;
     return 0;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
 }
 
 // ---- host-side views -------------------------------------------------------
@@ -1015,7 +1043,7 @@ uint32_t tarnhost_bus_reply_to_get(const bus_msg_t *msg)
 }
 
 size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
-{
+try {
     auto ids = scan(std::string(tarnhost_root()) + "/bus", opcode);
     if (ids == nullptr)
         return 0;
@@ -1023,6 +1051,8 @@ size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
         out[i] = (*ids)[i];
     errno = 0;
     return ids->size();
+} catch (const std::bad_alloc &) {
+    return tarnhost::no_memory(static_cast<size_t>(0));
 }
 
 void tarnhost_bus_set_send_wait_ms(uint32_t ms)

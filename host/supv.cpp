@@ -5,14 +5,15 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <mutex>
-#include <string>
 
 #include "host/tarnhost.h"
 #include "platform/supv.h"
@@ -38,9 +39,12 @@ void read_cell_env()
         g_cell_env = static_cast<uint32_t>(n);
 }
 
-std::string running_path()
+// The running-configuration file, with `suffix` appended; false when the
+// path does not fit.  Built without allocating.
+bool running_path(char *out, size_t size, const char *suffix = "")
 {
-    return std::string(tarnhost_root()) + "/supervisor/running-config";
+    const int n = snprintf(out, size, "%s/supervisor/running-config%s", tarnhost_root(), suffix);
+    return n >= 0 && static_cast<size_t>(n) < size;
 }
 
 }  // namespace
@@ -72,7 +76,10 @@ const char *supv_running_cfg_uri_get(void)
     if (tarnhost_fault_hit("supv_running_cfg_uri_get", &status))
         return nullptr;
     static thread_local char uri[kUriMax];
-    int fd = open(running_path().c_str(), O_RDONLY | O_CLOEXEC);
+    char path[PATH_MAX];
+    if (!running_path(path, sizeof path))
+        return nullptr;
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return nullptr;
     ssize_t n = read(fd, uri, sizeof uri - 1);
@@ -112,25 +119,32 @@ int tarnhost_device_up(const char *running_uri)
     if (rc != 0)
         return rc;
     // Write beside and rename, so a reader never sees half a URI.
-    std::string path = running_path();
-    std::string tmp = path + ".tmp." + std::to_string(getpid());
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    char path[PATH_MAX], tmp[PATH_MAX], suffix[32];
+    snprintf(suffix, sizeof suffix, ".tmp.%ld", static_cast<long>(getpid()));
+    if (!running_path(path, sizeof path) || !running_path(tmp, sizeof tmp, suffix))
+        return ENAMETOOLONG;
+    int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0)
         return errno;
-    std::string text = std::string(running_uri) + "\n";
-    ssize_t w = write(fd, text.data(), text.size());
-    int err = (w == static_cast<ssize_t>(text.size())) ? 0 : (errno ? errno : EIO);
+    const size_t len = strlen(running_uri);
+    char newline = '\n';
+    iovec parts[2] = {{const_cast<char *>(running_uri), len}, {&newline, 1}};
+    ssize_t w = writev(fd, parts, 2);
+    int err = (w == static_cast<ssize_t>(len + 1)) ? 0 : (errno ? errno : EIO);
     close(fd);
-    if (err == 0 && rename(tmp.c_str(), path.c_str()) != 0)
+    if (err == 0 && rename(tmp, path) != 0)
         err = errno;
     if (err != 0)
-        unlink(tmp.c_str());
+        unlink(tmp);
     return err;
 }
 
 int tarnhost_device_down(void)
 {
-    if (unlink(running_path().c_str()) != 0 && errno != ENOENT)
+    char path[PATH_MAX];
+    if (!running_path(path, sizeof path))
+        return ENAMETOOLONG;
+    if (unlink(path) != 0 && errno != ENOENT)
         return errno;
     return 0;
 }
