@@ -25,6 +25,7 @@ namespace {
 std::atomic<size_t> g_fail_size{0};
 std::atomic<uint32_t> g_fail_times{0};
 
+#ifndef TARNHOST_NO_MALLOC_FAULT
 // The distinct request sizes seen while recording, for sweeps that fail
 // each in turn.  Filled from inside malloc, so it takes no memory itself.
 constexpr size_t kMaxSizes = 4096;
@@ -46,6 +47,7 @@ void note_size(size_t size)
         g_sizes[g_nsizes++] = size;
     g_sizes_lock.clear(std::memory_order_release);
 }
+#endif
 }  // namespace
 
 extern "C" {
