@@ -30,17 +30,17 @@ constexpr uint32_t kAsFormatOffset = 24;
 
 extern "C" {
 
-int32_t tarn_process_attr_change(bus_msg_t *msg);
-
-int32_t tarn_dispatch_internal(bus_msg_t *msg)
+// A null message is no attribute change.
+TARN_API int32_t tarn_dispatch_internal(struct bus_msg *msg)
 {
-    if (bus_opc_get(msg) != BUS_OPC_TARN_ATTR_CHANGE)
+    if (msg == nullptr || bus_opc_get(msg) != BUS_OPC_TARN_ATTR_CHANGE)
         return -1;
     return tarn_process_attr_change(msg);
 }
 
-// A payload too short for the offsets its kind reads counts as none.
-int32_t tarn_process_attr_change(bus_msg_t *msg)
+// A payload too short for the offsets its kind reads counts as none, and so
+// does a null message.
+TARN_API int32_t tarn_process_attr_change(struct bus_msg *msg)
 {
     static const char fn[] = "tarn_process_attr_change";
     uint32_t ix = 0;

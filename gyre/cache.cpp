@@ -11,6 +11,7 @@
 #include "core/state.h"
 #include "gyre/bits.h"
 #include "gyre/internal.h"
+#include "query/frame.h"
 #include "platform/alloctrack.h"
 
 using tarn::tarn_debug;
@@ -36,6 +37,22 @@ void clear_ftag_entry(uint32_t ftag)
     e.flags = 0;
 }
 
+// A table entry can point at a node whose bit is no longer set: a kind-2
+// attribute change clears the node's whole ftag set but only the entries
+// its message names, and a VLAN update naming a topology twice leaves the
+// node with the last record's VLANs while the earlier records' slots keep
+// pointing at it.  Before the node goes, every entry that still points at it
+// is cleared, so none outlives it.
+void forget_node(const gyre_cache_tpg_node_t *node)
+{
+    for (uint32_t ftag = 0; ftag < GYRE_FTAG_COUNT; ++ftag)
+        if (gyre_cache->ftags[ftag].owner == node)
+            clear_ftag_entry(ftag);
+    for (uint32_t vlan = 0; vlan < GYRE_VLAN_COUNT; ++vlan)
+        if (gyre_cache->vlans[vlan] == node)
+            gyre_cache->vlans[vlan] = nullptr;
+}
+
 void free_node(gyre_cache_tpg_node_t *node)
 {
     alloctrack_free(TARN_LIB_ALLOC_ID, TARN_LIB_MEM_GYRE_TPG, node);
@@ -45,15 +62,18 @@ void free_node(gyre_cache_tpg_node_t *node)
 
 extern "C" {
 
-uint32_t gyre_cache_tpg_cmp(const void *a, const void *b)
+TARN_API uint32_t gyre_cache_tpg_cmp(const void *a, const void *b)
 {
+    if (tarn::null_result(a, "a", "gyre_cache_tpg_cmp") ||
+        tarn::null_result(b, "b", "gyre_cache_tpg_cmp"))
+        return 0;
     uint32_t x, y;
     memcpy(&x, a, sizeof x);
     memcpy(&y, b, sizeof y);
     return x > y ? 1 : (x < y ? 2 : 0);
 }
 
-gyre_cache_tpg_node_t *gyre_cache_find_topo_by_id(uint32_t tpg)
+TARN_API gyre_cache_tpg_node_t *gyre_cache_find_topo_by_id(uint32_t tpg)
 {
     if (gyre_cache == nullptr)
         return nullptr;
@@ -62,7 +82,7 @@ gyre_cache_tpg_node_t *gyre_cache_find_topo_by_id(uint32_t tpg)
 
 // Does not look for an existing node first: callers that must not have two
 // look it up themselves.
-gyre_cache_tpg_node_t *gyre_cache_add_tpg(uint32_t tpg)
+TARN_API gyre_cache_tpg_node_t *gyre_cache_add_tpg(uint32_t tpg)
 {
     if (gyre_cache == nullptr)
         return nullptr;
@@ -81,7 +101,7 @@ gyre_cache_tpg_node_t *gyre_cache_add_tpg(uint32_t tpg)
     return node;
 }
 
-gyre_cache_tpg_node_t *gyre_cache_create_l2_tpg(const bus_msg_t *msg)
+TARN_API gyre_cache_tpg_node_t *gyre_cache_create_l2_tpg(const bus_msg_t *msg)
 {
     uint32_t len = 0;
     const uint8_t *p = gyre::payload(msg, &len);
@@ -106,7 +126,7 @@ TARN_API uint32_t gyre_cache_get_topo_info(uint32_t tpg, gyre_vlan_bmp_t *vlans,
     return 1;
 }
 
-void gyre_cache_delete_l2_tpg(const bus_msg_t *msg)
+TARN_API void gyre_cache_delete_l2_tpg(const bus_msg_t *msg)
 {
     uint32_t len = 0;
     const uint8_t *p = gyre::payload(msg, &len);
@@ -123,6 +143,7 @@ void gyre_cache_delete_l2_tpg(const bus_msg_t *msg)
     gyre::for_each_set(node->vlans.bits, GYRE_VLAN_COUNT,
                        [](uint32_t vlan) { gyre_cache->vlans[vlan] = nullptr; });
     gyre::for_each_set(node->ftags.bits, GYRE_FTAG_COUNT, clear_ftag_entry);
+    forget_node(node);
     bst_delete(&gyre_cache->tree, node);
     free_node(node);
 }

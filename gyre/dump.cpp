@@ -13,6 +13,7 @@
 #include "core/state.h"
 #include "gyre/bits.h"
 #include "gyre/internal.h"
+#include "query/frame.h"
 #include "platform/syslog.h"
 
 using tarn::tarn_debug;
@@ -61,7 +62,7 @@ extern "C" {
 // Both warnings carry the operation's name before the topology id, and the
 // text shows the name's address in the TOPO field and the topology id in
 // the FTAG or VLAN field: log consumers read exactly that.
-uint32_t gyre_cache_verify_topo(const gyre_cache_tpg_node_t *node)
+TARN_API uint32_t gyre_cache_verify_topo(const gyre_cache_tpg_node_t *node)
 {
     if (node == nullptr || gyre_cache == nullptr)
         return 0;
@@ -87,7 +88,7 @@ uint32_t gyre_cache_verify_topo(const gyre_cache_tpg_node_t *node)
 
 // Every line checks the debug switch again (tarn_debug), so a print may
 // stop part way if debugging is switched off meanwhile.
-void gyre_cache_debug_print(void)
+TARN_API void gyre_cache_debug_print(void)
 {
     if (gyre_cache == nullptr || !tarn::debug_on())
         return;
@@ -122,7 +123,7 @@ void gyre_cache_debug_print(void)
 
 // A page starts at node (iteration - 1) x 16 of the tree.  An iteration
 // past the last page has no records to give: no page.
-void *gyre_cache_build_resp_info(uint32_t iteration, uint32_t *size)
+TARN_API void *gyre_cache_build_resp_info(uint32_t iteration, uint32_t *size)
 {
     if (gyre_cache == nullptr || iteration == 0)
         return nullptr;
@@ -172,7 +173,7 @@ void *gyre_cache_build_resp_info(uint32_t iteration, uint32_t *size)
     return page;
 }
 
-void gyre_print_resp_dump_info(const void *resp)
+TARN_API void gyre_print_resp_dump_info(const void *resp)
 {
     if (resp == nullptr)
         return;
@@ -184,7 +185,7 @@ void gyre_print_resp_dump_info(const void *resp)
                     });
 }
 
-void gyre_api_debug_print_resp_info(const void *resp)
+TARN_API void gyre_api_debug_print_resp_info(const void *resp)
 {
     if (resp == nullptr || !tarn::debug_on())
         return;
@@ -196,10 +197,13 @@ void gyre_api_debug_print_resp_info(const void *resp)
                     });
 }
 
-// Callers go through gyre_dump_cache_info, which checks the request.
-int32_t gyre_cache_dump_info(uint32_t bus_handle, bus_msg_t *msg)
+// gyre_dump_cache_info checks the request first; called directly, any
+// message is answered, but a null one is no request at all.
+TARN_API int32_t gyre_cache_dump_info(uint32_t bus_handle, bus_msg_t *msg)
 {
     static const char fn[] = "gyre_cache_dump_info";
+    if (tarn::null_result(msg, "msg", fn))
+        return -1;
     uint32_t len = 0;
     const uint8_t *p = gyre::payload(msg, &len);
     void *page = nullptr;

@@ -47,22 +47,7 @@ extern kpipe_kvs_handle_t *gyre_kvs_handle;
 extern gyre_cache_block_t *gyre_cache;
 
 uint32_t gyre_is_api_initialized(void);
-uint32_t gyre_cache_tpg_cmp(const void *a, const void *b);
-gyre_cache_tpg_node_t *gyre_cache_find_topo_by_id(uint32_t tpg);
-gyre_cache_tpg_node_t *gyre_cache_add_tpg(uint32_t tpg);
-gyre_cache_tpg_node_t *gyre_cache_create_l2_tpg(const bus_msg_t *msg);
-void gyre_cache_delete_l2_tpg(const bus_msg_t *msg);
-uint32_t gyre_cache_build_info(void);
-uint32_t gyre_cache_update_ftag(const bus_msg_t *msg);
 void gyre_cache_update_vlans(const bus_msg_t *msg);
-int32_t gyre_cache_disabled_resp(bus_msg_t *msg);
-uint32_t gyre_cache_verify_topo(const gyre_cache_tpg_node_t *node);
-void *gyre_cache_build_resp_info(uint32_t iteration, uint32_t *size);
-int32_t gyre_cache_dump_info(uint32_t bus_handle, bus_msg_t *msg);
-void gyre_print_resp_dump_info(const void *resp);
-void gyre_api_debug_print_resp_info(const void *resp);
-void gyre_cache_debug_print(void);
-int32_t gyre_sprintf_vlan_range(const void *vlans, char *buf, uint32_t size);
 
 }
 

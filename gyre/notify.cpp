@@ -164,9 +164,12 @@ TARN_API uint32_t gyre_disable_cache_mode(void)
 }
 
 // Stops at the walk's end (0xFFFFFFFF) and also at 0, which the walk gives
-// when the Tarn client is not initialised.
-uint32_t gyre_cache_build_info(void)
+// when the Tarn client is not initialised.  Without a cache block there is
+// nothing to fill.
+TARN_API uint32_t gyre_cache_build_info(void)
 {
+    if (gyre_cache == nullptr)
+        return GYRE_TPG_NONE;  // nothing to fill: the walk is not started
     tarn_table_info_t info;
     memset(&info, 0, sizeof info);
     uint32_t tpg = gyre_get_first_l2_tpg(&info);
@@ -214,7 +217,7 @@ uint32_t gyre_cache_build_info(void)
 }
 
 // Opcode 51215.  Entries run past the payload's end are not read.
-uint32_t gyre_cache_update_ftag(const bus_msg_t *msg)
+TARN_API uint32_t gyre_cache_update_ftag(const bus_msg_t *msg)
 {
     uint32_t len = 0;
     const uint8_t *p = gyre::payload(msg, &len);
@@ -300,7 +303,7 @@ TARN_API int32_t gyre_dispatch_internal(struct bus_msg *msg)
 
 // Answers a dump request while the cache is off, so the requester does not
 // wait; every other message is left alone.
-int32_t gyre_cache_disabled_resp(bus_msg_t *msg)
+TARN_API int32_t gyre_cache_disabled_resp(bus_msg_t *msg)
 {
     static const char fn[] = "gyre_cache_disabled_resp";
     if (!cell_one(fn))

@@ -39,6 +39,23 @@ bool lowest_ftag(const gyre_cache_tpg_node_t *node, Test test, uint16_t *ftag)
     return false;
 }
 
+// The cached owner of a VLAN; null for none, without a cache, or past 4095.
+const gyre_cache_tpg_node_t *vlan_owner(uint32_t vlan)
+{
+    return gyre_cache != nullptr && vlan <= GYRE_MAX_VLAN ? gyre_cache->vlans[vlan] : nullptr;
+}
+
+// The graph variants' test: an owner and the graph asked for.
+auto with_graph(uint16_t graph)
+{
+    return [graph](const gyre_cache_ftag_entry_t &e) {
+        return e.owner != nullptr && e.graph_id == graph;
+    };
+}
+
+// The unicast variants' test: any flags at all.
+bool with_flags(const gyre_cache_ftag_entry_t &e) { return e.flags != 0; }
+
 // The first 16-bit field of a topology-ftag record, read with `key`.
 bool read_tpg_ftag(const uint8_t *key, uint16_t *ftag, const char *what, const char *fn)
 {
@@ -80,9 +97,13 @@ extern "C" {
 
 // ---- cache paths ---------------------------------------------------------------
 
-static uint32_t gyre_cache_get_ftag_l2_tpg(uint16_t ftag)
+// Exported on their own as well: they answer negatively while there is no
+// cache and for indexes past the tables, rather than reading outside them.
+
+TARN_API uint32_t gyre_cache_get_ftag_l2_tpg(uint16_t ftag)
 {
-    const gyre_cache_tpg_node_t *owner = gyre_cache->ftags[ftag].owner;
+    const gyre_cache_tpg_node_t *owner =
+        gyre_cache != nullptr && ftag <= GYRE_MAX_FTAG ? gyre_cache->ftags[ftag].owner : nullptr;
     if (owner == nullptr) {
         tarn_debug("No tpg information in gyre_cache_get_ftag_l2_tpg()");
         return GYRE_TPG_NONE;
@@ -91,9 +112,9 @@ static uint32_t gyre_cache_get_ftag_l2_tpg(uint16_t ftag)
     return owner->tpg_id;
 }
 
-static uint32_t gyre_cache_get_vlan_l2_tpg(uint32_t vlan)
+TARN_API uint32_t gyre_cache_get_vlan_l2_tpg(uint32_t vlan)
 {
-    const gyre_cache_tpg_node_t *owner = gyre_cache->vlans[vlan];
+    const gyre_cache_tpg_node_t *owner = vlan_owner(vlan);
     if (owner == nullptr)
         return GYRE_TPG_NONE;
     tarn_debug("Found tpg %lu for vlan %d", static_cast<unsigned long>(owner->tpg_id),
@@ -101,51 +122,39 @@ static uint32_t gyre_cache_get_vlan_l2_tpg(uint32_t vlan)
     return owner->tpg_id;
 }
 
-static uint32_t gyre_cache_get_l2_tpg_ftag(uint32_t tpg, uint16_t graph, uint16_t *ftag)
+TARN_API uint32_t gyre_cache_get_l2_tpg_ftag(uint32_t tpg, uint16_t graph, uint16_t *ftag)
 {
     const gyre_cache_tpg_node_t *node = gyre_cache_find_topo_by_id(tpg);
-    if (node == nullptr || ftag == nullptr)
-        return 0;
-    if (!lowest_ftag(node, [graph](const gyre_cache_ftag_entry_t &e) {
-            return e.owner != nullptr && e.graph_id == graph;
-        }, ftag))
+    if (node == nullptr || ftag == nullptr || !lowest_ftag(node, with_graph(graph), ftag))
         return 0;
     tarn_debug("Found ftag %d for tid %lu", *ftag, static_cast<unsigned long>(tpg));
     return 1;
 }
 
 // Any non-zero flags pass, not only the unicast flag.
-static uint32_t gyre_cache_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag)
+TARN_API uint32_t gyre_cache_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag)
 {
     const gyre_cache_tpg_node_t *node = gyre_cache_find_topo_by_id(tpg);
-    if (node == nullptr || ftag == nullptr)
-        return 0;
-    if (!lowest_ftag(node, [](const gyre_cache_ftag_entry_t &e) { return e.flags != 0; }, ftag))
+    if (node == nullptr || ftag == nullptr || !lowest_ftag(node, with_flags, ftag))
         return 0;
     tarn_debug("Found ftag %d for tid %lu", *ftag, static_cast<unsigned long>(tpg));
     return 1;
 }
 
-static uint32_t gyre_cache_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ftag)
+TARN_API uint32_t gyre_cache_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ftag)
 {
-    const gyre_cache_tpg_node_t *node = gyre_cache->vlans[vlan];
-    if (node == nullptr || ftag == nullptr)
-        return 0;
-    if (!lowest_ftag(node, [graph](const gyre_cache_ftag_entry_t &e) {
-            return e.owner != nullptr && e.graph_id == graph;
-        }, ftag))
+    const gyre_cache_tpg_node_t *node = vlan_owner(vlan);
+    if (node == nullptr || ftag == nullptr || !lowest_ftag(node, with_graph(graph), ftag))
         return 0;
     tarn_debug("%s() cache: Vlan: %d Ftag: %d", "gyre_cache_get_vlan_ftag",
                static_cast<int>(vlan), *ftag);
     return 1;
 }
 
-static uint32_t gyre_cache_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *ftag)
+TARN_API uint32_t gyre_cache_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *ftag)
 {
-    const gyre_cache_tpg_node_t *node = gyre_cache->vlans[vlan];
-    if (node == nullptr || ftag == nullptr)
-        return 0;
-    if (!lowest_ftag(node, [](const gyre_cache_ftag_entry_t &e) { return e.flags != 0; }, ftag))
+    const gyre_cache_tpg_node_t *node = vlan_owner(vlan);
+    if (node == nullptr || ftag == nullptr || !lowest_ftag(node, with_flags, ftag))
         return 0;
     tarn_debug("%s() cache: Vlan: %d Ftag: %d", "gyre_cache_get_vlan_ftag",
                static_cast<int>(vlan), *ftag);
@@ -153,9 +162,10 @@ static uint32_t gyre_cache_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *fta
 }
 
 // The length word of the caller's bitmap is not written.
-static uint32_t gyre_cache_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans)
+TARN_API uint32_t gyre_cache_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans)
 {
-    const gyre_cache_tpg_node_t *owner = gyre_cache->ftags[ftag].owner;
+    const gyre_cache_tpg_node_t *owner =
+        gyre_cache != nullptr && ftag <= GYRE_MAX_FTAG ? gyre_cache->ftags[ftag].owner : nullptr;
     if (owner == nullptr || vlans == nullptr)
         return 0;
     if (tarn::debug_on()) {

@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/tarnhost.h"
@@ -55,17 +57,21 @@ Counter *counter(uint32_t lib_id, uint32_t type)
 
 extern "C" {
 
+// The names are copied aside first: out of memory, the registration is
+// left as it was and 1 is returned.
 uint32_t alloctrack_init(const char *name, uint32_t lib_id,
                          const char *const *type_names, uint32_t count)
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    Library &lib = g_libraries[lib_id % kMaxLibs];
-    lib.registered = true;
-    lib.name = name ? name : "";
-    lib.types.clear();
+try {
+    Library fresh;
+    fresh.registered = true;
+    fresh.name = name ? name : "";
     for (uint32_t i = 0; type_names != nullptr && i < count; ++i)
-        lib.types.emplace_back(type_names[i] ? type_names[i] : "");
+        fresh.types.emplace_back(type_names[i] ? type_names[i] : "");
+    std::lock_guard<std::mutex> lock(g_mutex);
+    std::swap(g_libraries[lib_id % kMaxLibs], fresh);
     return 0;
+} catch (const std::bad_alloc &) {
+    return 1;
 }
 
 uint32_t alloctrack_uninit(uint32_t lib_id)

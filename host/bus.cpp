@@ -53,6 +53,7 @@
 
 #include "host/bus_dir.h"
 #include "host/bus_msg.h"
+#include "host/nomem.h"
 #include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
@@ -131,10 +132,12 @@ void fork_child();
 
 Table &table()
 {
-    // Never destroyed: sends may run from other static destructors.
+    // Never destroyed: sends may run from other static destructors.  In
+    // static storage, so that no lookup can fail for want of memory.
+    alignas(Table) static unsigned char storage[sizeof(Table)];
     static Table *t = [] {
         pthread_atfork(fork_prepare, fork_parent, fork_child);
-        return new Table;
+        return new (storage) Table;
     }();
     return *t;
 }
@@ -446,7 +449,7 @@ extern "C" {
 
 uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
                   const char *name)
-{
+try {
     uint32_t st;
     if (injected("bus_bind", nullptr, &st))
         return BUS_HANDLE_NONE;
@@ -527,12 +530,22 @@ uint32_t bus_bind(uint32_t type, int32_t sap, const bus_addr_t *addr,
     close(lock_fd);
 
     std::lock_guard<std::mutex> lock(g_mu);
-    table()[h->id] = h;
+    try {
+        table()[h->id] = h;
+    } catch (const std::bad_alloc &) {
+        // Bound but not recorded: undo the binding.
+        if (sap > 0)
+            remove_ap_if(bus, sap, h->id);
+        forget_socket(h->bus.get(), h->id);
+        throw;
+    }
     return h->id;
+} catch (const std::bad_alloc &) {
+    return tarnhost::no_memory(BUS_HANDLE_NONE);
 }
 
 uint32_t bus_unbind(uint32_t handle)
-{
+try {
     HandlePtr h;
     {
         std::lock_guard<std::mutex> lock(g_mu);
@@ -563,6 +576,8 @@ uint32_t bus_unbind(uint32_t handle)
     h->slot.reset();
     forget_socket(h->bus.get(), h->id);
     return 0;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
 }
 
 }  // extern "C"
@@ -651,10 +666,13 @@ int32_t bus_send(uint32_t handle, uint32_t node, uint32_t sap,
                  uint32_t opcode, const void *payload, uint32_t len,
                  bus_msg_t *reply_to, bus_msg_t **sent,
                  const bus_send_opts_t *opts)
-{
+try {
     (void)opts;  // one delivery mode only
     return send_message(handle, node, sap, opcode, payload, len, reply_to,
                         sent, nullptr);
+} catch (const std::bad_alloc &) {
+    fail(find(handle).get(), ENOMEM);
+    return tarnhost::no_memory(-1);
 }
 
 bus_msg_t *bus_recv(uint32_t handle, const bus_recv_opts_t *opts)
@@ -758,7 +776,7 @@ uint32_t bus_options_get(uint32_t handle, uint32_t opcode)
 }
 
 uint32_t bus_options_set(uint32_t handle, uint32_t opcode, uint32_t value)
-{
+try {
     HandlePtr h = find(handle);
     uint32_t st;
     if (injected("bus_options_set", h.get(), &st))
@@ -772,6 +790,8 @@ uint32_t bus_options_set(uint32_t handle, uint32_t opcode, uint32_t value)
     auto it = h->options.find(opcode);
     if (it != h->options.end())
         old = it->second;
+    else if (value != 0)
+        h->options.emplace(opcode, 0);  // room first: may fail before any change
     if ((value & BUS_OPT_RECEIVE) != 0) {
         // Written again even when the bit was set: cheap, and it restores
         // a record that someone removed behind our back.
@@ -792,6 +812,8 @@ uint32_t bus_options_set(uint32_t handle, uint32_t opcode, uint32_t value)
     else
         h->options[opcode] = value;
     return 0;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
 }
 
 // ---- host-side views -------------------------------------------------------
@@ -830,7 +852,7 @@ uint32_t tarnhost_bus_reply_to_get(const bus_msg_t *msg)
 }
 
 size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
-{
+try {
     BusPtr bus = bus_open(false);
     if (!bus) {
         if (errno == ENOENT)
@@ -847,6 +869,8 @@ size_t tarnhost_bus_subscribers(uint32_t opcode, uint32_t *out, size_t max)
         out[i] = ids[i];
     errno = 0;
     return ids.size();
+} catch (const std::bad_alloc &) {
+    return tarnhost::no_memory(static_cast<size_t>(0));
 }
 
 int tarnhost_bus_missed(uint32_t handle, uint32_t *count)
@@ -915,10 +939,12 @@ namespace tarnhost_bus {
 
 int publish_from(uint32_t handle, uint32_t opcode, const void *payload,
                  uint32_t len, std::vector<uint32_t> *missed)
-{
+try {
     int rc = send_message(handle, BUS_NODE_LOCAL, 0, opcode, payload, len,
                           nullptr, nullptr, missed);
     return rc == 0 ? 0 : errno;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
 }
 
 }  // namespace tarnhost_bus

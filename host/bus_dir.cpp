@@ -1,6 +1,7 @@
 // The bus directory: see host/bus_dir.h and the layout in
 // host/tarnhost_bus.h.
 
+#include "host/nomem.h"
 #include "host/bus_dir.h"
 
 #include <dirent.h>
@@ -80,8 +81,15 @@ std::vector<uint32_t> list_ids(int dirfd, int *err = nullptr)
             break;
         }
         uint32_t id;
-        if (parse_u32(e->d_name, &id))
-            ids.push_back(id);
+        if (!parse_u32(e->d_name, &id))
+            continue;
+        // The directory is closed below whatever happens.
+        if (!tarnhost::room_for_one(ids)) {
+            if (err != nullptr)
+                *err = ENOMEM;
+            break;
+        }
+        ids.push_back(id);
     }
     closedir(d);
     return ids;

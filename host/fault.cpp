@@ -6,6 +6,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "host/tarnhost.h"
@@ -30,13 +31,15 @@ std::map<std::string, Fault> &faults()
 
 extern "C" {
 
+// Out of memory the fault is not armed.
 void tarnhost_fault_set(const char *call, uint32_t status, uint32_t times)
-{
+try {
     if (call == nullptr || times == 0)
         return;
     std::lock_guard<std::mutex> lock(g_mutex);
     faults()[call] = Fault{status, times};
     g_armed.store(static_cast<int>(faults().size()), std::memory_order_release);
+} catch (const std::bad_alloc &) {
 }
 
 void tarnhost_fault_clear(const char *call)

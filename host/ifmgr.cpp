@@ -12,12 +12,14 @@
 // moves it and is renewed in a forked child, where the store forgets every
 // inherited attachment.
 
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -133,11 +135,40 @@ constexpr size_t kIfCacheMax = 1u << 16;
 
 uint32_t read_if_from_store(uint32_t ifindex, IfRecord *rec);
 
+// This thread's cache, made on first use and freed when the thread ends.
+// Held through a plain thread-local pointer and a thread key: a
+// thread_local object with a destructor would have its destructor
+// registered on first use, and that registration ends the process when it
+// finds no memory.  Null (no caching) when there is no memory for it.
+IfCache *thread_cache()
+{
+    static thread_local IfCache *mine = nullptr;
+    if (mine != nullptr)
+        return mine;
+    static pthread_key_t key;
+    static const bool keyed =
+        pthread_key_create(&key, [](void *p) { delete static_cast<IfCache *>(p); }) == 0;
+    if (!keyed)
+        return nullptr;
+    IfCache *c = new (std::nothrow) IfCache;
+    if (c == nullptr)
+        return nullptr;
+    if (pthread_setspecific(key, c) != 0) {
+        delete c;
+        return nullptr;
+    }
+    mine = c;
+    return mine;
+}
+
 // 0 with *rec filled, NIC_ERR_UNKNOWN for an unknown interface, or the
 // store's status.
 uint32_t read_if(uint32_t ifindex, IfRecord *rec)
 {
-    static thread_local IfCache cache;
+    IfCache *const cached = thread_cache();
+    if (cached == nullptr)
+        return read_if_from_store(ifindex, rec);
+    IfCache &cache = *cached;
     const char *root = g_attached_root.load(std::memory_order_acquire);
     uint64_t generation = 0;
     if (root == nullptr || strcmp(root, tarnhost_root()) != 0 ||
@@ -161,10 +192,14 @@ uint32_t read_if(uint32_t ifindex, IfRecord *rec)
     // Only what was read within the generation checked above is kept.
     uint64_t after = 0;
     if (tarnhost::kvs_generation(kUri, &after) == KVS_OK && after == generation) {
-        if (st == KVS_OK)
-            cache.known.emplace(ifindex, *rec);
-        else if (st == NIC_ERR_UNKNOWN)
-            cache.unknown.insert(ifindex);
+        // Out of memory the answer stands, it is only not remembered.
+        try {
+            if (st == KVS_OK)
+                cache.known.emplace(ifindex, *rec);
+            else if (st == NIC_ERR_UNKNOWN)
+                cache.unknown.insert(ifindex);
+        } catch (const std::bad_alloc &) {
+        }
     }
     return st;
 }

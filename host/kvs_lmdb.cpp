@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "host/kvs_internal.h"
+#include "host/nomem.h"
 #include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
@@ -136,8 +137,11 @@ void thread_exit(void *);
 
 Registry &reg()
 {
+    // In static storage, never destroyed: nothing to allocate, and no
+    // destructor to run at exit while other threads may still read.
+    alignas(Registry) static unsigned char storage[sizeof(Registry)];
     static Registry *r = [] {
-        Registry *x = new Registry;
+        Registry *x = new (storage) Registry;
         pthread_key_create(&x->thread_key, thread_exit);
         pthread_atfork(fork_prepare, fork_parent, fork_child);
         return x;
@@ -161,7 +165,9 @@ void fork_child()
             continue;
         l->live.store(0, std::memory_order_relaxed);
         l->readers.clear();
-        r.retired.push_back(l);
+        // Without room the link is simply lost: it is dead in this child.
+        if (tarnhost::room_for_one(r.retired))
+            r.retired.push_back(l);
         g_slots[i].store(nullptr, std::memory_order_relaxed);
     }
     g_nslots.store(0, std::memory_order_release);
@@ -268,6 +274,10 @@ Env *env_for_path_locked(Registry &r, const char *path, uint32_t *status)
             e->last_use = ++r.clock;
             return e;
         }
+    if (!tarnhost::room_for_one(r.envs)) {
+        *status = KVS_ERR_IO;
+        return nullptr;
+    }
     tarnhost_rootfs::PinnedDir dir;
     *status = make_env_dir(path, &dir);
     if (*status != KVS_OK)
@@ -303,9 +313,10 @@ Env *env_for_path_locked(Registry &r, const char *path, uint32_t *status)
     }
     Env *e = nullptr;
     if (rc == 0) {
-        e = new Env;
-        e->path = dup(path);
-        if (e->path == nullptr) {
+        e = new (std::nothrow) Env;
+        if (e != nullptr)
+            e->path = dup(path);
+        if (e == nullptr || e->path == nullptr) {
             delete e;
             e = nullptr;
             rc = ENOMEM;
@@ -324,8 +335,12 @@ Env *env_for_path_locked(Registry &r, const char *path, uint32_t *status)
     return e;
 }
 
-void detach_locked(Registry &r, Link *l, unsigned slot)
+// Without room to keep the dead link for lock-free readers it is left
+// published and live (the caller reports the failure).
+bool detach_locked(Registry &r, Link *l, unsigned slot)
 {
+    if (!tarnhost::room_for_one(r.retired))
+        return false;
     g_slots[slot].store(nullptr, std::memory_order_release);
     l->live.store(0, std::memory_order_release);
     for (MDB_txn *t : l->readers)
@@ -348,6 +363,7 @@ void detach_locked(Registry &r, Link *l, unsigned slot)
     }
     e->last_use = ++r.clock;
     trim_idle_locked(r);
+    return true;
 }
 
 unsigned slot_of_locked(const Link *l)
@@ -409,6 +425,11 @@ Reader *reader_slow(const char *uri, uint32_t *status)
             *status = from_mdb(rc);
             return nullptr;
         }
+        if (!tarnhost::room_for_one(l->readers)) {
+            mdb_txn_abort(txn);
+            *status = KVS_ERR_IO;
+            return nullptr;
+        }
         l->readers.push_back(txn);
     }
     if (!t.keyed) {
@@ -455,7 +476,8 @@ uint32_t kvs_attach(const char *uri)
         if (strcmp(old->env->path, path) == 0)
             return KVS_ERR_ALREADY_OPEN;
         // The root moved since (tests do that between cases): follow it.
-        detach_locked(r, old, slot_of_locked(old));
+        if (!detach_locked(r, old, slot_of_locked(old)))
+            return KVS_ERR_IO;
     }
 
     unsigned n = g_nslots.load(std::memory_order_relaxed);
@@ -468,9 +490,10 @@ uint32_t kvs_attach(const char *uri)
     Env *e = env_for_path_locked(r, path, &st);
     if (e == nullptr)
         return st;
-    Link *l = new Link;
-    l->uri = dup(uri);
-    if (l->uri == nullptr) {
+    Link *l = new (std::nothrow) Link;
+    if (l != nullptr)
+        l->uri = dup(uri);
+    if (l == nullptr || l->uri == nullptr) {
         delete l;
         trim_idle_locked(r);
         return KVS_ERR_IO;
@@ -493,8 +516,7 @@ uint32_t kvs_detach(const char *uri)
     Link *l = find_link(uri);
     if (l == nullptr)
         return KVS_ERR_NOT_OPEN;
-    detach_locked(r, l, slot_of_locked(l));
-    return KVS_OK;
+    return detach_locked(r, l, slot_of_locked(l)) ? KVS_OK : KVS_ERR_IO;
 }
 
 uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len,

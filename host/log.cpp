@@ -9,6 +9,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -61,10 +62,14 @@ void append_file(const char *name, const char *line)
     close(dfd);
     if (fd < 0)
         return;
-    std::string s = strip_newline(line);
-    s.push_back('\n');
-    // One write per line keeps lines of concurrent processes whole.
-    ssize_t w = write(fd, s.data(), s.size());
+    size_t len = strlen(line);
+    while (len > 0 && line[len - 1] == '\n')
+        --len;
+    // One write per line keeps lines of concurrent processes whole; the
+    // line is not copied, so writing it needs no memory.
+    char newline = '\n';
+    iovec parts[2] = {{const_cast<char *>(line), len}, {&newline, 1}};
+    ssize_t w = writev(fd, parts, 2);
     (void)w;
     close(fd);
 }
@@ -173,7 +178,11 @@ void tarnhost_capture_append(int channel, const char *line)
         channel < 0 || channel >= TARNHOST_CH_COUNT)
         return;
     std::lock_guard<std::mutex> lock(g_capture_mutex);
-    g_captured[channel].push_back(strip_newline(line));
+    try {
+        g_captured[channel].push_back(strip_newline(line));
+    } catch (const std::bad_alloc &) {
+        // Out of memory: the capture misses the line, the log has it.
+    }
 }
 
 // ---- facility and throttle -----------------------------------------------------------
@@ -196,8 +205,9 @@ void tarnhost_log_throttle_reset(void)
     g_last_sent.clear();
 }
 
+// Without memory to remember a line, the line is let through.
 int syslog_msg_rate_limit(const msg_error_t *err, ...)
-{
+try {
     uint32_t status;
     if (tarnhost_fault_hit("syslog_msg_rate_limit", &status))
         return 0;
@@ -221,6 +231,8 @@ int syslog_msg_rate_limit(const msg_error_t *err, ...)
     if (it != g_last_sent.end() && now - it->second < window)
         return 0;
     g_last_sent[key] = now;
+    return 1;
+} catch (const std::bad_alloc &) {
     return 1;
 }
 
@@ -349,12 +361,17 @@ void dbgprint_func(int level, const char *modname, const char *prefix,
     va_start(ap, format);
     vsnprintf(text, sizeof text, format, ap);
     va_end(ap);
-    std::string line = prefix ? std::string(prefix) + " " + text : text;
-    fputs(line.c_str(), stderr);
-    if (line.empty() || line.back() != '\n')
+    char line[kLineMax + 256];
+    if (prefix != nullptr)
+        snprintf(line, sizeof line, "%s %s", prefix, text);
+    else
+        snprintf(line, sizeof line, "%s", text);
+    const size_t len = strlen(line);
+    fputs(line, stderr);
+    if (len == 0 || line[len - 1] != '\n')
         fputc('\n', stderr);
-    append_file("debug", line.c_str());
-    tarnhost_capture_append(TARNHOST_CH_DEBUG, line.c_str());
+    append_file("debug", line);
+    tarnhost_capture_append(TARNHOST_CH_DEBUG, line);
 }
 
 }  // extern "C"

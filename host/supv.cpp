@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 
+#include "host/nomem.h"
 #include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/supv.h"
@@ -76,20 +77,25 @@ void tarnhost_cell_reset(void)
 }
 
 const char *supv_running_cfg_uri_get(void)
-{
+try {
     uint32_t status;
     if (tarnhost_fault_hit("supv_running_cfg_uri_get", &status))
         return nullptr;
     static thread_local char uri[kUriMax];
+    // Everything that allocates comes before the directory is opened, so
+    // running out of memory cannot leave it open.
+    const std::string where = shown(kRunning);
     int dfd = open_supervisor(false);
     if (dfd < 0)
         return nullptr;
-    int err = tarnhost_rootfs::read_line(dfd, kRunning, shown(kRunning).c_str(),
-                                         uri, sizeof uri);
+    int err = tarnhost_rootfs::read_line(dfd, kRunning, where.c_str(), uri,
+                                         sizeof uri);
     close(dfd);
     if (err != 0)
         return nullptr;
     return uri[0] != '\0' ? uri : nullptr;
+} catch (const std::bad_alloc &) {
+    return tarnhost::no_memory<const char *>(nullptr);
 }
 
 const char *supv_uri_complete(const char *uri, uint32_t flags,
@@ -111,18 +117,20 @@ const char *supv_uri_complete(const char *uri, uint32_t flags,
 }
 
 int tarnhost_device_up(const char *running_uri)
-{
+try {
     if (running_uri == nullptr)
         running_uri = TARNHOST_RUNNING_URI;
+    const std::string dir = std::string(tarnhost_root()) + "/supervisor";
+    const std::string line = std::string(running_uri) + "\n";
     int dfd = open_supervisor(true);
     if (dfd < 0)
         return errno;
     // Written beside and renamed, so a reader never sees half a URI.
-    std::string dir = std::string(tarnhost_root()) + "/supervisor";
-    int err = tarnhost_rootfs::replace_file(dfd, kRunning, dir.c_str(),
-                                            std::string(running_uri) + "\n");
+    int err = tarnhost_rootfs::replace_file(dfd, kRunning, dir.c_str(), line);
     close(dfd);
     return err;
+} catch (const std::bad_alloc &) {
+    return ENOMEM;
 }
 
 int tarnhost_device_down(void)

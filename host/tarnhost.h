@@ -108,6 +108,12 @@ int tarnhost_fault_hit(const char *call, uint32_t *status);
  * the sanitizers the allocator is theirs. */
 void tarnhost_fault_malloc(size_t size, uint32_t times);
 int tarnhost_fault_malloc_supported(void);
+/* Record the sizes of C-allocator requests (1: start afresh, 0: stop);
+ * tarnhost_fault_malloc_sizes copies the distinct sizes seen (at most
+ * `max`, in first-seen order) and returns how many there were.  Where the
+ * fault is not supported nothing is recorded. */
+void tarnhost_fault_malloc_record(int on);
+size_t tarnhost_fault_malloc_sizes(size_t *out, size_t max);
 
 /* ---- logging ------------------------------------------------------------ */
 

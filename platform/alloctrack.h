@@ -5,7 +5,8 @@
  *
  *  1. alloctrack_init(name, lib_id, type_names, count) registers a library
  *     and the names of its memory types 0..count-1.  Registering again
- *     replaces the names.  Returns 0.
+ *     replaces the names.  Returns 0, or 1 when there is no memory to keep
+ *     the names (the registration is then as it was).
  *
  *  2. alloctrack_alloc(lib_id, type, size) returns `size` bytes (not
  *     zeroed) counted under (lib_id, type), or null.  alloctrack_free(lib_id,

@@ -54,6 +54,13 @@
  *     ("TARN_ATTR_CHANGE", ...; the decimal number for opcodes without a
  *     name, in a per-thread buffer); bus_errno_get(handle) the handle's last
  *     error.
+ *
+ *  6. Out of memory.  A call that runs out of memory fails with its own
+ *     failure result and ENOMEM: bus_bind BUS_HANDLE_NONE, bus_send -1,
+ *     bus_recv null (errno set), bus_unbind and bus_options_set the value
+ *     ENOMEM.  Nothing is half done: a failed bind leaves nothing bound, a
+ *     failed option change leaves the option and the subscription as they
+ *     were.
  */
 #ifndef TARN_PLATFORM_BUS_H
 #define TARN_PLATFORM_BUS_H

@@ -35,6 +35,10 @@
  *  5. The client library never writes.  Publishers, tools and tests write
  *     through the host's writer interface (host/tarnhost.h).
  *
+ *  6. A call that runs out of memory fails with KVS_ERR_IO, as for any
+ *     failure of the store underneath, and leaves the attachment, the
+ *     iterator and the database as they were.
+ *
  * Status values are 32-bit; syserr2str() (platform/syslog.h) gives a text.
  */
 #ifndef TARN_PLATFORM_KVS_H

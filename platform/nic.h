@@ -18,6 +18,9 @@
  *
  *  4. nic_is_mgmtether(ifindex) returns non-zero for the management
  *     Ethernet interface, 0 otherwise (also for an unknown one).
+ *
+ *  5. None of these needs memory to answer: out of memory they answer as
+ *     usual, only more slowly.
  */
 #ifndef TARN_PLATFORM_NIC_H
 #define TARN_PLATFORM_NIC_H

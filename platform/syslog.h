@@ -22,6 +22,8 @@
  *     out now, else 0.  The arguments are those of the plain text.  With a
  *     throttle attribute of 10, one message with the same rendered arguments
  *     goes out at most once in 10 seconds; attribute 0 is never throttled.
+ *     Without memory to remember a message it answers 1: a report is never
+ *     lost for want of memory, and no logging call fails for it.
  *
  *  4. syslog_vmsg_params is the process's 1024-byte parameter block that a
  *     service-form sender fills before basis_plat_syslog; syslog_preamble is

@@ -63,27 +63,26 @@ uint32_t gyre_store_ftag_data_default_init(gyre_store_svr_ftag_data_t *r,
 
 }  // extern "C"
 
-TARN_DEFINE_TABLE(gyre_tpg_vlan_info, 4) = {
-    {556, "gyre_tpg_vlan_info_t", init_ptr(&gyre_tpg_vlan_info_default_init),
-     0},
-    {value(0, 0, 4), value(1, 4, 33), value(2, 40, 516), end()}};
+TARN_DEFINE_TABLE(gyre_tpg_vlan_info, 556, "gyre_tpg_vlan_info_t",
+                  &gyre_tpg_vlan_info_default_init,
+                  value(0, 0, 4), value(1, 4, 33), value(2, 40, 516), end())
 
-TARN_DEFINE_TABLE(gyre_if_vlan_info, 3) = {
-    {520, "gyre_if_vlan_info_t", init_ptr(&gyre_if_vlan_info_default_init), 0},
-    {value(0, 0, 4), value(1, 4, 516), end()}};
+TARN_DEFINE_TABLE(gyre_if_vlan_info, 520, "gyre_if_vlan_info_t",
+                  &gyre_if_vlan_info_default_init,
+                  value(0, 0, 4), value(1, 4, 516), end())
 
-TARN_DEFINE_TABLE(gyre_ftag_info, 5) = {
-    {12, "gyre_ftag_info_t", init_ptr(&gyre_ftag_info_default_init), 0},
-    {value(0, 0, 4), value(1, 4, 2), value(2, 6, 2), value(3, 8, 4), end()}};
+TARN_DEFINE_TABLE(gyre_ftag_info, 12, "gyre_ftag_info_t",
+                  &gyre_ftag_info_default_init,
+                  value(0, 0, 4), value(1, 4, 2), value(2, 6, 2),
+                  value(3, 8, 4), end())
 
-TARN_DEFINE_TABLE(gyre_kvs_vlan_info, 4) = {
-    {44, "gyre_kvs_vlan_info_t", init_ptr(&gyre_kvs_vlan_info_default_init), 0},
-    {value(0, 0, 4), value(1, 4, 4), value(2, 8, 33), end()}};
+TARN_DEFINE_TABLE(gyre_kvs_vlan_info, 44, "gyre_kvs_vlan_info_t",
+                  &gyre_kvs_vlan_info_default_init,
+                  value(0, 0, 4), value(1, 4, 4), value(2, 8, 33), end())
 
-TARN_DEFINE_TABLE(gyre_store_ftag_data, 3) = {
-    {136, "gyre_store_svr_ftag_data_t",
-     init_ptr(&gyre_store_ftag_data_default_init), 0},
-    {value(1, 0, 132), value(2, 132, 4), end()}};
+TARN_DEFINE_TABLE(gyre_store_ftag_data, 136, "gyre_store_svr_ftag_data_t",
+                  &gyre_store_ftag_data_default_init,
+                  value(1, 0, 132), value(2, 132, 4), end())
 
 // The Gyre family: the shared seven wrappers plus R_get_tlv_size, R_tlvize
 // (1 on success, the opposite of R_to_tlv) and R_to_structure.

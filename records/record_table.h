@@ -4,6 +4,7 @@
 #ifndef TARN_RECORDS_RECORD_TABLE_H
 #define TARN_RECORDS_RECORD_TABLE_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <tarn/tlv_table.h>
@@ -12,15 +13,59 @@
 
 namespace tarn_records {
 
+// The head as a table stores it.  The initialiser keeps its own type (some
+// take a byte count as well as the record), so that the whole table is a
+// constant expression: converting it to tlvkit_init_cb would be a
+// reinterpret_cast, which C++ only performs at run time, leaving the table
+// writable and without its initialiser until the library's constructors ran.
+// All function pointers share one representation, so the bytes are those of
+// tlvkit_table_head_t.
+template <class Init>
+struct table_head {
+    uint32_t struct_size;
+    const char *name;
+    Init init;
+    uint32_t reserved;
+};
+
 // A table with its N descriptors (terminator included) laid out as the
 // variable-length tlvkit_table_t.  C++ cannot initialise a flexible array
 // member, so each table is defined as one of these and exported under the
 // tlvkit_table_t name with an assembler label.
-template <unsigned N>
+template <unsigned N, class Init>
 struct table_storage {
-    tlvkit_table_head_t head;
+    table_head<Init> head;
     tlvkit_field_t fields[N];
 };
+
+// The stored type of an initialiser; a table without one stores a null
+// tlvkit_init_cb.
+template <class F>
+struct init_of {
+    using type = F;
+};
+template <>
+struct init_of<decltype(nullptr)> {
+    using type = tlvkit_init_cb;
+};
+template <class F>
+using init_of_t = typename init_of<F>::type;
+
+template <class Init>
+constexpr bool head_is_tlvkit_head()
+{
+    return sizeof(table_head<Init>) == sizeof(tlvkit_table_head_t) &&
+           alignof(table_head<Init>) == alignof(tlvkit_table_head_t) &&
+           offsetof(table_head<Init>, name) == offsetof(tlvkit_table_head_t, name) &&
+           offsetof(table_head<Init>, init) == offsetof(tlvkit_table_head_t, init) &&
+           offsetof(table_head<Init>, reserved) == offsetof(tlvkit_table_head_t, reserved);
+}
+
+template <class... Fields>
+constexpr unsigned count(const Fields &...)
+{
+    return sizeof...(Fields);
+}
 
 constexpr uint32_t kMark = TLVKIT_FIELD_MARK;
 
@@ -70,21 +115,21 @@ constexpr tlvkit_field_t end()
             nullptr, nullptr, 0xFFFFFFFFu, 0xFFFFFFFFu, 0xFFFFFFFFu, nullptr};
 }
 
-// The head stores every initialiser under one pointer type, whatever its
-// own signature (some take a byte count).
-template <class F>
-inline tlvkit_init_cb init_ptr(F *fn)
-{
-    return reinterpret_cast<tlvkit_init_cb>(reinterpret_cast<void (*)()>(fn));
-}
-
 }  // namespace tarn_records
 
-// Defines table X_tbl with N descriptors; its C++ name is X_tbl_def.
-#define TARN_DEFINE_TABLE(X, N)                                              \
-    extern TARN_API const tarn_records::table_storage<N> X##_tbl_def         \
-        __asm__(#X "_tbl");                                                  \
-    const tarn_records::table_storage<N> X##_tbl_def
+// Defines table X_tbl, constant-initialised (so read-only after relocation):
+// the record's size, its type name, its default initialiser (or nullptr)
+// and the descriptors, terminator last.  Its C++ name is X_tbl_def.
+#define TARN_DEFINE_TABLE(X, SIZE, NAME, INIT, ...)                          \
+    using X##_tbl_type = tarn_records::table_storage<                        \
+        tarn_records::count(__VA_ARGS__),                                    \
+        tarn_records::init_of_t<decltype(INIT)>>;                            \
+    static_assert(tarn_records::head_is_tlvkit_head<                         \
+                      tarn_records::init_of_t<decltype(INIT)>>(),            \
+                  "a table head is laid out as tlvkit_table_head_t");        \
+    extern TARN_API const X##_tbl_type X##_tbl_def __asm__(#X "_tbl");       \
+    constexpr X##_tbl_type X##_tbl_def = {{SIZE, NAME, INIT, 0},             \
+                                          {__VA_ARGS__}};
 
 // The seven wrappers shared by every record: R is the operation prefix, T
 // the record type, TBL the descriptor table.

@@ -150,108 +150,107 @@ uint32_t tarn_store_if_kvs_data_default_init(tarn_store_if_kvs_data_t *r)
 
 // ---- descriptor tables ---------------------------------------------------
 
-TARN_DEFINE_TABLE(tarn_store_if_data, 8) = {
-    {88, "tarn_store_if_data_t", init_ptr(&tarn_store_if_data_default_init), 0},
-    {value(1, 0, 4), value(2, 4, 4), value(3, 8, 4), string(4, 12, 33),
-     string(5, 45, 33), value(6, 80, 4), value(7, 84, 4), end()}};
+TARN_DEFINE_TABLE(tarn_store_if_data, 88, "tarn_store_if_data_t",
+                  &tarn_store_if_data_default_init,
+                  value(1, 0, 4), value(2, 4, 4), value(3, 8, 4),
+                  string(4, 12, 33), string(5, 45, 33), value(6, 80, 4),
+                  value(7, 84, 4), end())
 
-TARN_DEFINE_TABLE(tarn_store_svr_data, 5) = {
-    {16, "tarn_store_svr_data_t", init_ptr(&tarn_store_svr_data_default_init),
-     0},
-    {value(1, 0, 4), value(2, 4, 4), value(3, 8, 4), value(4, 12, 4), end()}};
+TARN_DEFINE_TABLE(tarn_store_svr_data, 16, "tarn_store_svr_data_t",
+                  &tarn_store_svr_data_default_init,
+                  value(1, 0, 4), value(2, 4, 4), value(3, 8, 4),
+                  value(4, 12, 4), end())
 
-TARN_DEFINE_TABLE(tarn_store_vrf_data, 26) = {
-    {208, "tarn_store_vrf_data_t", init_ptr(&tarn_store_vrf_data_default_init),
-     0},
-    {value(1, 0, 4),    value(2, 4, 4),    value(3, 8, 4),
-     value(4, 12, 4),   value(5, 16, 4),   value(6, 20, 4),
-     string(7, 24, 33), value(8, 60, 4),   value(9, 64, 4),
-     value(10, 68, 4),  value(11, 72, 4),  value(12, 76, 4),
-     value(13, 80, 4),  string(14, 84, 33), value(15, 120, 4),
-     value(16, 124, 4), value(17, 128, 4), value(18, 132, 4),
-     value(19, 136, 4), value(20, 140, 4), string(21, 144, 33),
-     value(22, 180, 8), value(23, 188, 8), value(24, 196, 8),
-     value(25, 204, 4), end()}};
+TARN_DEFINE_TABLE(tarn_store_vrf_data, 208, "tarn_store_vrf_data_t",
+                  &tarn_store_vrf_data_default_init,
+                  value(1, 0, 4), value(2, 4, 4), value(3, 8, 4),
+                  value(4, 12, 4), value(5, 16, 4), value(6, 20, 4),
+                  string(7, 24, 33), value(8, 60, 4), value(9, 64, 4),
+                  value(10, 68, 4), value(11, 72, 4), value(12, 76, 4),
+                  value(13, 80, 4), string(14, 84, 33), value(15, 120, 4),
+                  value(16, 124, 4), value(17, 128, 4), value(18, 132, 4),
+                  value(19, 136, 4), value(20, 140, 4), string(21, 144, 33),
+                  value(22, 180, 8), value(23, 188, 8), value(24, 196, 8),
+                  value(25, 204, 4), end())
 
-TARN_DEFINE_TABLE(tarn_table_info, 7) = {
-    {56, "tarn_table_info_t", init_ptr(&tarn_table_info_default_init), 0},
-    {value(1, 0, 4), value(6, 52, 4), value(2, 4, 4), value(3, 8, 4),
-     value(4, 12, 4), string(5, 16, 33), end()}};
+TARN_DEFINE_TABLE(tarn_table_info, 56, "tarn_table_info_t",
+                  &tarn_table_info_default_init,
+                  value(1, 0, 4), value(6, 52, 4), value(2, 4, 4),
+                  value(3, 8, 4), value(4, 12, 4), string(5, 16, 33), end())
 
-TARN_DEFINE_TABLE(tarn_context_info, 4) = {
-    {44, "tarn_context_info_t", init_ptr(&tarn_context_info_default_init), 0},
-    {value(1, 0, 4), value(2, 4, 4), string(3, 8, 33), end()}};
+TARN_DEFINE_TABLE(tarn_context_info, 44, "tarn_context_info_t",
+                  &tarn_context_info_default_init,
+                  value(1, 0, 4), value(2, 4, 4), string(3, 8, 33), end())
 
-TARN_DEFINE_TABLE(tarn_vname, 2) = {
-    {33, "tarn_vname_t", init_ptr(&tarn_vname_default_init), 0},
-    {string(1, 0, 33), end()}};
+TARN_DEFINE_TABLE(tarn_vname, 33, "tarn_vname_t",
+                  &tarn_vname_default_init,
+                  string(1, 0, 33), end())
 
-TARN_DEFINE_TABLE(tarn_tname, 2) = {
-    {44, "tarn_tname_t", init_ptr(&tarn_tname_default_init), 0},
-    {string(1, 8, 33), end()}};
+TARN_DEFINE_TABLE(tarn_tname, 44, "tarn_tname_t",
+                  &tarn_tname_default_init,
+                  string(1, 8, 33), end())
 
-TARN_DEFINE_TABLE(tarn_if_table_info, 7) = {
-    {56, "tarn_if_table_info_t", init_ptr(&tarn_if_table_data_default_init),
-     0},
-    {value(0, 0, 4), value(1, 4, 4), value(2, 8, 4), value(3, 12, 4),
-     value(4, 16, 4), string(5, 20, 33), end()}};
+TARN_DEFINE_TABLE(tarn_if_table_info, 56, "tarn_if_table_info_t",
+                  &tarn_if_table_data_default_init,
+                  value(0, 0, 4), value(1, 4, 4), value(2, 8, 4),
+                  value(3, 12, 4), value(4, 16, 4), string(5, 20, 33), end())
 
-TARN_DEFINE_TABLE(tarn_soo_info, 3) = {
-    {12, "tarn_soo_info_t", init_ptr(&tarn_soo_info_default_init), 0},
-    {value(1, 0, 4), value(2, 4, 8), end()}};
+TARN_DEFINE_TABLE(tarn_soo_info, 12, "tarn_soo_info_t",
+                  &tarn_soo_info_default_init,
+                  value(1, 0, 4), value(2, 4, 8), end())
 
-TARN_DEFINE_TABLE(tarn_vpnid_info, 4) = {
-    {12, "tarn_vpnid_info_t", init_ptr(&tarn_vpnid_info_default_init), 0},
-    {value(1, 0, 4), value(2, 4, 4), value(3, 8, 4), end()}};
+TARN_DEFINE_TABLE(tarn_vpnid_info, 12, "tarn_vpnid_info_t",
+                  &tarn_vpnid_info_default_init,
+                  value(1, 0, 4), value(2, 4, 4), value(3, 8, 4), end())
 
-TARN_DEFINE_TABLE(tarn_rt_limits_info, 6) = {
-    {16, "tarn_tib_rt_limits_t", init_ptr(&tarn_rt_limits_info_default_init),
-     0},
-    {value(1, 0, 4), value(2, 4, 4), value(3, 8, 4), value(4, 12, 1),
-     value(5, 13, 1), end()}};
+TARN_DEFINE_TABLE(tarn_rt_limits_info, 16, "tarn_tib_rt_limits_t",
+                  &tarn_rt_limits_info_default_init,
+                  value(1, 0, 4), value(2, 4, 4), value(3, 8, 4),
+                  value(4, 12, 1), value(5, 13, 1), end())
 
-TARN_DEFINE_TABLE(tarn_as_format, 2) = {
-    {4, "tarn_as_format_t", init_ptr(&tarn_as_format_default_init), 0},
-    {value(1, 0, 4), end()}};
+TARN_DEFINE_TABLE(tarn_as_format, 4, "tarn_as_format_t",
+                  &tarn_as_format_default_init,
+                  value(1, 0, 4), end())
 
 // The selector and the union share id 2: the first TLV with id 2 is the
 // selector, the second the union.
-TARN_DEFINE_TABLE(tarn_store_data, 4) = {
-    {24, "tarn_store_data_t", init_ptr(&tarn_store_data_default_init), 0},
-    {value(1, 0, 4), value(2, 4, 4),
-     custom(2, 16, 8, &tarn_store_data_info_struct_to_tlv,
-            &tarn_store_data_info_tlv_to_struct,
-            &tarn_store_data_info_get_tlv_data_sz, 16),
-     end()}};
+TARN_DEFINE_TABLE(tarn_store_data, 24, "tarn_store_data_t",
+                  &tarn_store_data_default_init,
+                  value(1, 0, 4), value(2, 4, 4),
+                  custom(2, 16, 8, &tarn_store_data_info_struct_to_tlv,
+                         &tarn_store_data_info_tlv_to_struct,
+                         &tarn_store_data_info_get_tlv_data_sz, 16),
+                  end())
 
-TARN_DEFINE_TABLE(tarn_store_tib_data, 4) = {
-    {24, "tarn_store_tib_data_t", init_ptr(&tarn_store_tib_data_default_init),
-     0},
-    {value(0, 0, 4), value(1, 4, 4), value(2, 8, 16), end()}};
+TARN_DEFINE_TABLE(tarn_store_tib_data, 24, "tarn_store_tib_data_t",
+                  &tarn_store_tib_data_default_init,
+                  value(0, 0, 4), value(1, 4, 4), value(2, 8, 16), end())
 
-TARN_DEFINE_TABLE(tarn_tlv_if_data, 4) = {
-    {84, "tarn_tlv_if_data_t", init_ptr(&tarn_tlv_if_data_default_init), 0},
-    {value(0, 0, 4), value(1, 4, 4), bytes(2, 8, 76), end()}};
+TARN_DEFINE_TABLE(tarn_tlv_if_data, 84, "tarn_tlv_if_data_t",
+                  &tarn_tlv_if_data_default_init,
+                  value(0, 0, 4), value(1, 4, 4), bytes(2, 8, 76), end())
 
 // The head's size covers the count word only; the entries follow it.
-TARN_DEFINE_TABLE(tarn_store_if_kvs_data, 3) = {
-    {4, "tarn_store_if_kvs_data_t",
-     init_ptr(&tarn_store_if_kvs_data_default_init), 0},
-    {value(1, 0, 4),
-     array(2, 84, 4, &tarn_store_if_kvs_data_count, &tarn_tlv_if_data_tbl),
-     end()}};
+TARN_DEFINE_TABLE(tarn_store_if_kvs_data, 4, "tarn_store_if_kvs_data_t",
+                  &tarn_store_if_kvs_data_default_init,
+                  value(1, 0, 4),
+                  array(2, 84, 4, &tarn_store_if_kvs_data_count,
+                        &tarn_tlv_if_data_tbl),
+                  end())
 
-TARN_DEFINE_TABLE(tarn_store_cfg, 3) = {
-    {4, "tarn_store_cfg_t", nullptr, 0},
-    {value(0, 0, 4),
-     custom(1, 0, 4, &tarn_store_cfg_data_to_tlv,
-            &tarn_store_cfg_data_to_struct, &tarn_store_cfg_tlv_data_sz, 0),
-     end()}};
+TARN_DEFINE_TABLE(tarn_store_cfg, 4, "tarn_store_cfg_t",
+                  nullptr,
+                  value(0, 0, 4),
+                  custom(1, 0, 4, &tarn_store_cfg_data_to_tlv,
+                         &tarn_store_cfg_data_to_struct,
+                         &tarn_store_cfg_tlv_data_sz, 0),
+                  end())
 
-TARN_DEFINE_TABLE(tarn_store_kvs_ctx_data, 3) = {
-    {4, "tarn_store_kvs_ctx_data_t", nullptr, 0},
-    {value(1, 0, 4),
-     array(2, 1, 4, &tarn_store_kvs_ctx_data_count, nullptr), end()}};
+TARN_DEFINE_TABLE(tarn_store_kvs_ctx_data, 4, "tarn_store_kvs_ctx_data_t",
+                  nullptr,
+                  value(1, 0, 4),
+                  array(2, 1, 4, &tarn_store_kvs_ctx_data_count, nullptr),
+                  end())
 
 // ---- operation families --------------------------------------------------
 

@@ -12,20 +12,6 @@ using namespace gyretest;
 
 namespace {
 
-const std::string kRule(80, '-');
-const std::string kStars(57, '*');
-
-std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char *f, ...)
-{
-    char buf[512];
-    va_list ap;
-    va_start(ap, f);
-    vsnprintf(buf, sizeof buf, f, ap);
-    va_end(ap);
-    return buf;
-}
-
 uint32_t word(const uint8_t *p, size_t at)
 {
     uint32_t v;

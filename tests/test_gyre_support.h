@@ -4,6 +4,8 @@
 #ifndef TARN_TESTS_TEST_GYRE_SUPPORT_H
 #define TARN_TESTS_TEST_GYRE_SUPPORT_H
 
+#include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -111,6 +113,23 @@ inline std::string ranges_text(const Set &s)
     }
     return out;
 }
+
+// ---- expected lines ---------------------------------------------------------------
+
+inline std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
+inline std::string fmt(const char *f, ...)
+{
+    char buf[512];
+    va_list ap;
+    va_start(ap, f);
+    vsnprintf(buf, sizeof buf, f, ap);
+    va_end(ap);
+    return buf;
+}
+
+// The rule and the star line of the cache tables.
+const std::string kRule(80, '-');
+const std::string kStars(57, '*');
 
 // ---- message payloads --------------------------------------------------------------
 

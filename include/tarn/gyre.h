@@ -196,7 +196,41 @@ TARN_API int32_t gyre_dispatch_internal(struct bus_msg *msg);
 TARN_API uint32_t gyre_ftag_converge(void);
 TARN_API uint32_t gyre_ftag_stale(uint32_t tpg);
 
-/* Cache primitives. */
+/* Fill the cache from the database (enable does this): a node for every
+ * topology, its active VLANs and its ftags.  The last value the topology
+ * walk gave (0xFFFFFFFF at its end). */
+TARN_API uint32_t gyre_cache_build_info(void);
+/* Apply an ftag update (51215): entries of reason 1 or 2 set the ftag's
+ * entry and its bit in the topology (added when missing), reason 3 clears
+ * them, other reasons change nothing.  0 without payload, else 1. */
+TARN_API uint32_t gyre_cache_update_ftag(const struct bus_msg *msg);
+/* With the cache off: answer a cache dump request (51226 of kind 4) with a
+ * 12-byte page of status 0 from a temporary handle, so that the requester
+ * does not wait.  Other messages are left alone.  0, or -1 when no reply
+ * handle could be bound. */
+TARN_API int32_t gyre_cache_disabled_resp(struct bus_msg *msg);
+
+/* ---- cache primitives ------------------------------------------------------ */
+
+/* A cached topology: its id and its ftag and VLAN sets, in the cache's
+ * topology tree.  Its layout is the library's own. */
+struct gyre_cache_tpg_node;
+
+/* The topology tree's ordering: compares the 32-bit ids that `a` and `b`
+ * point to; 1 when a's is greater, 2 when smaller, 0 when equal. */
+TARN_API uint32_t gyre_cache_tpg_cmp(const void *a, const void *b);
+/* The cached topology `tpg`, or null (also while the cache is off). */
+TARN_API struct gyre_cache_tpg_node *gyre_cache_find_topo_by_id(uint32_t tpg);
+/* Add an empty node for `tpg` to the tree, without looking for one already
+ * there (a second node of the same id is kept beside the first).  The node,
+ * or null when the cache is off or out of memory (reported). */
+TARN_API struct gyre_cache_tpg_node *gyre_cache_add_tpg(uint32_t tpg);
+/* gyre_cache_add_tpg for the topology of a creation notice (51208: the id
+ * at payload bytes 20-23). */
+TARN_API struct gyre_cache_tpg_node *gyre_cache_create_l2_tpg(const struct bus_msg *msg);
+/* Remove the topology of a deletion notice (51210: the id at payload bytes
+ * 20-23): its VLAN and ftag entries are cleared, then the node is freed. */
+TARN_API void gyre_cache_delete_l2_tpg(const struct bus_msg *msg);
 /* Copy a cached topology's VLAN and ftag bits into the caller's bitmaps
  * (their length words are not written); 1 when the topology is cached. */
 TARN_API uint32_t gyre_cache_get_topo_info(uint32_t tpg, gyre_vlan_bmp_t *vlans,
@@ -232,6 +266,21 @@ TARN_API uint32_t gyre_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans);
 /* The ftag of a VLAN's topology for a graph, or its unicast ftag. */
 TARN_API uint32_t gyre_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *ftag);
 TARN_API uint32_t gyre_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ftag);
+
+/* The same questions answered from the cache alone, whether or not the
+ * queries above use it: the negative answer (0xFFFFFFFF or 0) while there is
+ * no cache, for an ftag above 1023 or a VLAN above 4095, and for a null
+ * result pointer.  The lowest ftag of the topology passes: for a graph, one
+ * whose entry has an owner and that graph id; for unicast, one whose entry
+ * has any flags. */
+TARN_API uint32_t gyre_cache_get_ftag_l2_tpg(uint16_t ftag);
+TARN_API uint32_t gyre_cache_get_vlan_l2_tpg(uint32_t vlan);
+TARN_API uint32_t gyre_cache_get_l2_tpg_ftag(uint32_t tpg, uint16_t graph, uint16_t *ftag);
+TARN_API uint32_t gyre_cache_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag);
+/* Copies the owner's VLAN bits; the length word is not written. */
+TARN_API uint32_t gyre_cache_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans);
+TARN_API uint32_t gyre_cache_get_unicast_ftag_by_vlan(uint32_t vlan, uint16_t *ftag);
+TARN_API uint32_t gyre_cache_get_vlan_ftag(uint32_t vlan, uint16_t graph, uint16_t *ftag);
 
 /* Ftag walks over the database (one walk at a time per process). */
 TARN_API uint32_t gyre_get_first_ftag_by_filter(uint32_t tpg, uint32_t filter,
@@ -294,6 +343,27 @@ TARN_API uint32_t gyre_client_dbg_print_cache(uint32_t bus_handle, uint32_t dest
                                               uint32_t dest_b);
 /* Serve a dump request: -1 for a message that is not one, else 1. */
 TARN_API int32_t gyre_dump_cache_info(uint32_t bus_handle, struct bus_msg *msg);
+/* Answer `msg` with one page of the cache, the page named by the request's
+ * iteration word (payload offset 24), or with a 12-byte page of status 0
+ * while the cache is off; then drop the request.  1, or -1 (reported) for
+ * a null message.  gyre_dump_cache_info checks the request first. */
+TARN_API int32_t gyre_cache_dump_info(uint32_t bus_handle, struct bus_msg *msg);
+/* Build page `iteration` (from 1, 16 topologies a page): a 12-byte header
+ * (status 2 more or 3 last, next iteration, record count n) and n records
+ * of 656 bytes (id, ftag bitmap, VLAN bitmap, in-sync word).  Its size in
+ * *size (when not null).  Released with free(); null without a cache or
+ * past the last page. */
+TARN_API void *gyre_cache_build_resp_info(uint32_t iteration, uint32_t *size);
+/* 1 when every ftag and VLAN of the node has the node as its owner in the
+ * tables, else 0 with a debug warning per mismatch. */
+TARN_API uint32_t gyre_cache_verify_topo(const struct gyre_cache_tpg_node *node);
+/* Print a page's records on standard output, or through the debug-print
+ * facility (while debugging is on). */
+TARN_API void gyre_print_resp_dump_info(const void *resp);
+TARN_API void gyre_api_debug_print_resp_info(const void *resp);
+/* Print the whole cache (topologies, ftag table, VLAN table) through the
+ * debug-print facility while debugging is on. */
+TARN_API void gyre_cache_debug_print(void);
 
 #ifdef __cplusplus
 }

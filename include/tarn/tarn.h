@@ -200,6 +200,17 @@ TARN_API uint32_t tarn_deregister(void);
  * or no handler took the message (the caller keeps it), 0 outside cell 1,
  * else the handler's result (1: handled, and the message dropped). */
 TARN_API int32_t tarn_dispatch(struct bus_msg *msg);
+/* Tarn's own part of tarn_dispatch: -1 unless `msg` is an attribute change
+ * (opcode 51226, also for a null message), else tarn_process_attr_change's
+ * result. */
+TARN_API int32_t tarn_dispatch_internal(struct bus_msg *msg);
+/* Apply an attribute change by its kind (payload bytes 2-3): 1 the AS-number
+ * format at offset 24, 2 the ftags of one topology, 3 the whole Gyre cache,
+ * 4 a cache dump request, others ignored.  1 when applied and the message
+ * dropped (a dump request is answered and disposed of by the dump handler);
+ * -1, reported and not dropped, for a message without payload; 0 outside
+ * cell 1. */
+TARN_API int32_t tarn_process_attr_change(struct bus_msg *msg);
 
 /* 1 while client cache mode is on. */
 TARN_API uint32_t tarn_cache_is_enabled(void);
