@@ -435,6 +435,21 @@ bus_msg *receive(Handle *h, uint32_t timeout_ms)
     }
 }
 
+// The bus's lock, released on every way out of the scope that took it,
+// running out of memory included: a lock left behind would stop every later
+// bind of this process.
+struct BusLock {
+    int fd;
+    ~BusLock()
+    {
+        if (fd >= 0) {
+            const int saved = errno;
+            close(fd);
+            errno = saved;
+        }
+    }
+};
+
 bool injected(const char *call, Handle *h, uint32_t *status)
 {
     if (!tarnhost_fault_hit(call, status))
@@ -478,15 +493,15 @@ try {
     h->max_datagram = datagram_limit(h->fd);
     apply_send_wait(h.get());
 
-    int lock_fd = lock_bus(bus);
+    // Held until every way out of here, running out of memory included.
+    BusLock bus_lock{lock_bus(bus)};
+    const int lock_fd = bus_lock.fd;
     if (lock_fd < 0)
         return BUS_HANDLE_NONE;
-    // From here on every exit closes lock_fd.
     if (sap > 0) {
         uint32_t holder;
         if (read_ap(bus, sap, &holder) == 0) {
             if (socket_alive(bus, holder)) {
-                close(lock_fd);
                 errno = EADDRINUSE;
                 return BUS_HANDLE_NONE;
             }
@@ -523,12 +538,9 @@ try {
     if (err != 0) {
         if (sa_len != 0 && h->id != 0)
             forget_socket(h->bus.get(), h->id);
-        close(lock_fd);
         errno = err;
         return BUS_HANDLE_NONE;
     }
-    close(lock_fd);
-
     std::lock_guard<std::mutex> lock(g_mu);
     try {
         table()[h->id] = h;
@@ -568,10 +580,8 @@ try {
         h->options.clear();
     }
     if (h->sap > 0) {
-        int lock_fd = lock_bus(*h->bus);
+        BusLock bus_lock{lock_bus(*h->bus)};
         remove_ap_if(*h->bus, h->sap, h->id);
-        if (lock_fd >= 0)
-            close(lock_fd);
     }
     h->slot.reset();
     forget_socket(h->bus.get(), h->id);

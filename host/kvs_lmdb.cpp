@@ -226,8 +226,11 @@ Link *find_link(const char *uri)
 // open: the store opens its files there by name, so the directory must be
 // ours alone, and the store reaches it through the checked descriptor.
 uint32_t make_env_dir(const char *path, tarnhost_rootfs::PinnedDir *dir)
-{
+try {
     return tarnhost_rootfs::prepare_kvs_dir(path, dir);
+} catch (const std::bad_alloc &) {
+    errno = ENOMEM;
+    return KVS_ERR_IO;
 }
 
 void close_env_locked(Env *e)

@@ -17,6 +17,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -49,14 +50,15 @@ std::string strip_newline(const char *line)
 // ---- device log files -------------------------------------------------------
 
 void append_file(const char *name, const char *line)
-{
+try {
     // A log file is opened like everything under the root: never through a
-    // link, never a file that is not ours alone.  A refusal loses the line
-    // from the file only; syslog and the capture still have it.
+    // link, never a file that is not ours alone.  A refusal, or running out
+    // of memory, loses the line from the file only; syslog and the capture
+    // still have it.
+    std::string shown = std::string(tarnhost_root()) + "/log/" + name;
     int dfd = tarnhost_rootfs::open_subdir("log", false);
     if (dfd < 0)
         return;
-    std::string shown = std::string(tarnhost_root()) + "/log/" + name;
     int fd = tarnhost_rootfs::open_file(dfd, name, shown.c_str(),
                                         O_WRONLY | O_APPEND | O_CREAT);
     close(dfd);
@@ -72,6 +74,7 @@ void append_file(const char *name, const char *line)
     ssize_t w = writev(fd, parts, 2);
     (void)w;
     close(fd);
+} catch (const std::bad_alloc &) {
 }
 
 void emit_syslog(uint32_t severity, const char *line)

@@ -387,10 +387,12 @@ int open_root(bool create)
 
 int open_subdir(const char *sub, bool create)
 {
+    // Built before anything is opened: running out of memory leaves
+    // nothing open behind.
+    std::string shown = join(tarnhost_root(), sub);
     int rfd = open_root(create);
     if (rfd < 0)
         return -1;
-    std::string shown = join(tarnhost_root(), sub);
     int fd = open_dir(rfd, sub, shown.c_str(), create);
     int err = errno;
     close(rfd);
@@ -417,14 +419,30 @@ uint32_t prepare_kvs_dir(const char *path, PinnedDir *dir)
     if (path == nullptr || strncmp(path, root, rl) != 0 ||
         strncmp(path + rl, "/kvs/", 5) != 0)
         return KVS_ERR_BAD_URI;
-    // The root must exist already: a reader does not bring up a device.
-    int rfd = open_root(false);
-    if (rfd < 0)
-        return KVS_ERR_IO;
+    // The names shown in messages are built as we go, and building one may
+    // run out of memory: the descriptor held then is closed on the way out.
+    struct HeldFd {
+        int fd = -1;
+        ~HeldFd()
+        {
+            if (fd >= 0)
+                close(fd);
+        }
+        void replace(int next)
+        {
+            if (fd >= 0)
+                close(fd);
+            fd = next;
+        }
+    } held;
     std::string shown = join(root, "kvs");
-    int fd = open_dir(rfd, "kvs", shown.c_str(), true);
+    // The root must exist already: a reader does not bring up a device.
+    held.fd = open_root(false);
+    if (held.fd < 0)
+        return KVS_ERR_IO;
+    int fd = open_dir(held.fd, "kvs", shown.c_str(), true);
     int open_err = errno;
-    close(rfd);
+    held.replace(fd);
     if (fd < 0) {
         errno = open_err;
         return KVS_ERR_IO;
@@ -437,40 +455,38 @@ uint32_t prepare_kvs_dir(const char *path, PinnedDir *dir)
         if (comp.empty())
             continue;
         shown = join(shown, comp.c_str());
-        int next = open_dir(fd, comp.c_str(), shown.c_str(),
-                                             true);
+        int next = open_dir(held.fd, comp.c_str(), shown.c_str(), true);
         int err = errno;
-        close(fd);
+        held.replace(next);
         if (next < 0) {
             errno = err;
             return KVS_ERR_IO;
         }
-        fd = next;
     }
     // The store opens its two files by name and follows links: whatever is
     // there already must be a file of ours.  Nothing can appear between this
     // check and the store's open: nobody else may write here (on a shared
     // device the members may write the files but not the directory).
     Sharing share;
-    if (device_group(&share) != 0) {
-        close(fd);
+    if (device_group(&share) != 0)
         return KVS_ERR_IO;
-    }
-    share_new(fd, S_ISGID | 0750);
+    share_new(held.fd, S_ISGID | 0750);
     for (const char *file : {"data.mdb", "lock.mdb"}) {
         std::string fshown = join(shown, file);
-        int ffd = open_file(fd, file, fshown.c_str(),
+        int ffd = open_file(held.fd, file, fshown.c_str(),
                             share.on ? O_RDWR | O_CREAT : O_RDONLY);
         if (ffd < 0 && errno == ENOENT)
             continue;
         if (ffd < 0) {
             int err = errno;
-            close(fd);
+            held.replace(-1);
             errno = err;
             return KVS_ERR_IO;
         }
         close(ffd);
     }
+    fd = held.fd;
+    held.fd = -1;
     dir->fd = fd;
     if (proc_fd_usable())
         snprintf(dir->path, sizeof dir->path, "/proc/self/fd/%d", fd);
