@@ -94,11 +94,21 @@ public:
                 return false;
             rest_ = word(w_);
         }
-        const uint32_t start = w_ * 64 + static_cast<uint32_t>(__builtin_clzll(rest_));
-        // The clear bits at or after the start, within this word: above the
-        // start everything was handed out already and reads as clear.
-        uint64_t clear = ~rest_ & (~0ull >> (start % 64));
-        while (clear == 0) {
+        const uint32_t lead = static_cast<uint32_t>(__builtin_clzll(rest_));
+        const uint32_t start = w_ * 64 + lead;
+        // The clear bits after the start, moved up to the top; bits before
+        // it were handed out already and are shifted away.
+        uint64_t clear = ~rest_ << lead;
+        if (clear != 0) {
+            // The run ends inside this word, before bit lead + length.
+            const uint32_t length = static_cast<uint32_t>(__builtin_clzll(clear));
+            rest_ &= ~0ull >> (lead + length);
+            *first = start;
+            *last = start + length - 1;
+            return true;
+        }
+        // The run goes on into the following words.
+        for (;;) {
             if (++w_ >= words_) {
                 rest_ = 0;
                 *first = start;
@@ -107,6 +117,8 @@ public:
             }
             rest_ = word(w_);
             clear = ~rest_;
+            if (clear != 0)
+                break;
         }
         const uint32_t end = static_cast<uint32_t>(__builtin_clzll(clear));  // in word w_
         rest_ &= ~0ull >> end;

@@ -34,7 +34,7 @@ constexpr DigitPairs kDigitPairs;
 
 // Writes v (below 10000: elements go up to 4095) in decimal as "%d" does;
 // returns the end.
-char *put_number(char *p, uint32_t v)
+inline __attribute__((always_inline)) char *put_number(char *p, uint32_t v)
 {
     const char *pairs = kDigitPairs.d;
     if (v < 10) {
@@ -54,8 +54,27 @@ char *put_number(char *p, uint32_t v)
     return p;
 }
 
+// The same as put_number, but may write up to four bytes whatever the
+// number's length: for a string whose bytes past the text are written
+// again afterwards.  Branch-free on little-endian hosts.
+inline __attribute__((always_inline)) char *put_number_wide(char *p, uint32_t v)
+{
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    uint16_t hi, lo;
+    memcpy(&hi, kDigitPairs.d + 2 * (v / 100), 2);
+    memcpy(&lo, kDigitPairs.d + 2 * (v % 100), 2);
+    const uint32_t skip = (v < 1000) + (v < 100) + (v < 10);  // leading zeros
+    const uint32_t digits = (hi | static_cast<uint32_t>(lo) << 16) >> (8 * skip);
+    memcpy(p, &digits, 4);
+    return p + 4 - skip;
+#else
+    return put_number(p, v);
+#endif
+}
+
 // One item of either notation: [lead]first[-last][tail]; returns the end.
-char *put_item(char *p, char lead, uint32_t first, uint32_t last, char tail)
+inline __attribute__((always_inline)) char *put_item(char *p, char lead, uint32_t first, uint32_t last,
+                                                  char tail)
 {
     if (lead != '\0')
         *p++ = lead;
@@ -92,7 +111,17 @@ const char *comma_notation(const uint8_t *bits, uint32_t nbits, char *out, size_
         const char lead = pos == 0 ? '\0' : ',';
         const size_t room = size - pos;
         if (room > kLongestItem) {
-            pos = static_cast<size_t>(put_item(out + pos, lead, first, last, '\0') - out);
+            // Bytes written past the item are written again by the next
+            // item or by the clearing below.
+            char *p = out + pos;
+            if (lead != '\0')
+                *p++ = lead;
+            p = put_number_wide(p, first);
+            if (last != first) {
+                *p++ = '-';
+                p = put_number_wide(p, last);
+            }
+            pos = static_cast<size_t>(p - out);
         } else {
             char item[kLongestItem];
             const size_t n = static_cast<size_t>(put_item(item, lead, first, last, '\0') - item);
