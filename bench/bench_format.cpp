@@ -44,66 +44,64 @@ void name_set(benchmark::State &state, size_t text_len)
                    " bytes of text");
 }
 
-void BM_Vlans2Str(benchmark::State &state)
+// Formats the set of the benchmark's argument with `format`, which returns
+// the text it wrote.
+template <class Format>
+void format_set(benchmark::State &state, Format format)
 {
     const gyre_vlan_bmp_t b = vlan_set(static_cast<int>(state.range(0)));
-    for (auto _ : state)
-        benchmark::DoNotOptimize(gyre_vlans2str(&b));
-    name_set(state, strlen(gyre_vlans2str(&b)));
+    const char *text = "";
+    for (auto _ : state) {
+        text = format(b);
+        benchmark::DoNotOptimize(text);
+        benchmark::ClobberMemory();
+    }
+    name_set(state, strlen(text));
+}
+
+char reference_out[sizeof gyre_scratch_bmp_str];
+char space_out[12000];
+
+void BM_Vlans2Str(benchmark::State &state)
+{
+    format_set(state, [](const gyre_vlan_bmp_t &b) { return gyre_vlans2str(&b); });
 }
 
 void BM_ReferenceVlans2Str(benchmark::State &state)
 {
-    const gyre_vlan_bmp_t b = vlan_set(static_cast<int>(state.range(0)));
-    static char out[sizeof gyre_scratch_bmp_str];
-    int idx = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(settext::ref_comma(b.bits, 4096, out, sizeof out, &idx));
-        benchmark::ClobberMemory();
-    }
-    name_set(state, strlen(out));
+    format_set(state, [](const gyre_vlan_bmp_t &b) {
+        settext::ref_comma(b.bits, 4096, reference_out, sizeof reference_out, &printf_curr_idx);
+        return static_cast<const char *>(reference_out);
+    });
 }
 
 void BM_Ftag2Str(benchmark::State &state)
 {
-    const gyre_vlan_bmp_t b = vlan_set(static_cast<int>(state.range(0)));
-    for (auto _ : state)
-        benchmark::DoNotOptimize(gyre_ftag2str(&b));
-    name_set(state, strlen(gyre_ftag2str(&b)));
+    format_set(state, [](const gyre_vlan_bmp_t &b) { return gyre_ftag2str(&b); });
 }
 
 void BM_ReferenceFtag2Str(benchmark::State &state)
 {
-    const gyre_vlan_bmp_t b = vlan_set(static_cast<int>(state.range(0)));
-    static char out[sizeof gyre_scratch_bmp_str2];
-    int idx = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(settext::ref_comma(b.bits, 1024, out, sizeof out, &idx));
-        benchmark::ClobberMemory();
-    }
-    name_set(state, strlen(out));
+    format_set(state, [](const gyre_vlan_bmp_t &b) {
+        settext::ref_comma(b.bits, 1024, reference_out, sizeof reference_out, &printf_curr_idx);
+        return static_cast<const char *>(reference_out);
+    });
 }
 
 void BM_SpaceNotation(benchmark::State &state)
 {
-    const gyre_vlan_bmp_t b = vlan_set(static_cast<int>(state.range(0)));
-    static char buf[12000];
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(gyre_sprintf_vlan_range(&b, buf, sizeof buf));
-        benchmark::ClobberMemory();
-    }
-    name_set(state, strlen(buf));
+    format_set(state, [](const gyre_vlan_bmp_t &b) {
+        gyre_sprintf_vlan_range(&b, space_out, sizeof space_out);
+        return static_cast<const char *>(space_out);
+    });
 }
 
 void BM_ReferenceSpaceNotation(benchmark::State &state)
 {
-    const gyre_vlan_bmp_t b = vlan_set(static_cast<int>(state.range(0)));
-    static char buf[12000];
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(settext::ref_space(b.bits, buf, sizeof buf));
-        benchmark::ClobberMemory();
-    }
-    name_set(state, strlen(buf));
+    format_set(state, [](const gyre_vlan_bmp_t &b) {
+        settext::ref_space(b.bits, space_out, sizeof space_out);
+        return static_cast<const char *>(space_out);
+    });
 }
 
 // Copies as many bytes as the comma text of the set has (plus its
@@ -128,9 +126,8 @@ void BM_CopyVlanText(benchmark::State &state)
 void BM_CopySpaceText(benchmark::State &state)
 {
     const gyre_vlan_bmp_t b = vlan_set(static_cast<int>(state.range(0)));
-    static char buf[12000];
-    gyre_sprintf_vlan_range(&b, buf, sizeof buf);
-    copy_text(state, buf);
+    gyre_sprintf_vlan_range(&b, space_out, sizeof space_out);
+    copy_text(state, space_out);
 }
 
 BENCHMARK(BM_Vlans2Str)->DenseRange(0, kKinds - 1);

@@ -243,6 +243,14 @@ bool cache_of(benchmark::State &state, uint32_t topologies)
     return true;
 }
 
+// Reports the time per topology and switches the cache off again.
+void end_dump_bench(benchmark::State &state, uint32_t topologies)
+{
+    state.counters["per_topology"] = benchmark::Counter(
+        topologies, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    bench().cache(false);
+}
+
 // Every page of the dump in turn, as a requester asks for them, built by
 // `page`; counts the records to make sure that every topology was seen.
 template <class Page>
@@ -266,9 +274,7 @@ void whole_dump(benchmark::State &state, Page page)
         if (records != topologies)
             state.SkipWithError("a topology was missed");
     }
-    state.counters["per_topology"] = benchmark::Counter(
-        topologies, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    bench().cache(false);
+    end_dump_bench(state, topologies);
 }
 
 void BM_DumpAll(benchmark::State &state)
@@ -321,9 +327,7 @@ void BM_WalkAndCopy(benchmark::State &state)
         if (walked != topologies)
             state.SkipWithError("a topology was missed");
     }
-    state.counters["per_topology"] = benchmark::Counter(
-        topologies, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    bench().cache(false);
+    end_dump_bench(state, topologies);
 }
 
 // ---- the cache build and the notifications ------------------------------------------------
