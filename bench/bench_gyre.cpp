@@ -1,7 +1,8 @@
 // Gyre queries over a fabric of 64 topologies, 1024 ftags and 4096 VLANs,
 // with the client cache on and off, each beside a raw LMDB read of the key
 // the database path reads first (mdb_get in a renewed read transaction);
-// the set formatters; the cache build; and applying a VLAN-update message
+// whole cache dumps of 64, 4,096 and 100,000 topologies beside one walk of
+// the tree; the cache build; and applying a VLAN-update message
 // of 64 records and an ftag-update message of 100 entries.  The counter
 // "ratio" lines compare each query to its raw read.
 
@@ -17,6 +18,7 @@
 
 #include "bench/ratio_reporter.h"
 #include "bench/raw_lmdb.h"
+#include "tests/support/dump_page_reference.h"
 
 #include "platform/alloctrack.h"
 
@@ -201,24 +203,131 @@ void BM_TpgVlans(benchmark::State &state)
     });
 }
 
-// ---- formatting -----------------------------------------------------------------------
+// ---- dump paging ---------------------------------------------------------------------
 
-void BM_Vlans2StrFull(benchmark::State &state)
+// The cache holds the fabric's 64 topologies and, for the larger sizes,
+// further ones (ids from 1,000,000 up) added straight to the tree.  So that
+// every size dumps alike topologies, each then holds one VLAN and one ftag,
+// whose owner is the last topology given it (the others show out of sync:
+// the check costs the same).
+bool cache_of(benchmark::State &state, uint32_t topologies)
 {
-    gyre_vlan_bmp_t b;
-    b.len = 512;
-    memset(b.bits, 0xFF, sizeof b.bits);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(gyre_vlans2str(&b));
+    Bench &b = bench();
+    if (!b.cache(false) || !b.cache(true)) {
+        state.SkipWithError("cache switch failed");
+        return false;
+    }
+    for (uint32_t i = bst_count(&gyre_cache->tree); i < topologies; ++i)
+        if (gyre_cache_add_tpg(1000000 + i) == nullptr) {
+            state.SkipWithError("could not add a topology");
+            return false;
+        }
+    memset(gyre_cache->vlans, 0, sizeof gyre_cache->vlans);
+    memset(gyre_cache->ftags, 0, sizeof gyre_cache->ftags);
+    uint32_t k = 0;
+    for (auto *n = static_cast<gyre_cache_tpg_node_t *>(bst_get_first_node(&gyre_cache->tree));
+         n != nullptr;
+         n = static_cast<gyre_cache_tpg_node_t *>(bst_get_next_node(&gyre_cache->tree, n)), ++k) {
+        memset(n->vlans.bits, 0, sizeof n->vlans.bits);
+        memset(n->ftags.bits, 0, sizeof n->ftags.bits);
+        const uint32_t vlan = k % 4096, ftag = k % 1024;
+        n->vlans.bits[vlan / 8] = static_cast<uint8_t>(0x80u >> (vlan % 8));
+        n->ftags.bits[ftag / 8] = static_cast<uint8_t>(0x80u >> (ftag % 8));
+        gyre_cache->vlans[vlan] = n;
+        gyre_cache->ftags[ftag].owner = n;
+    }
+    if (bst_count(&gyre_cache->tree) != topologies) {
+        state.SkipWithError("not the number of topologies asked for");
+        return false;
+    }
+    return true;
 }
 
-void BM_Vlans2StrAlternating(benchmark::State &state)
+// Reports the time per topology and switches the cache off again.
+void end_dump_bench(benchmark::State &state, uint32_t topologies)
 {
-    gyre_vlan_bmp_t b;
-    b.len = 512;
-    memset(b.bits, 0xAA, sizeof b.bits);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(gyre_vlans2str(&b));
+    state.counters["per_topology"] = benchmark::Counter(
+        topologies, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    bench().cache(false);
+}
+
+// Every page of the dump in turn, as a requester asks for them, built by
+// `page`; counts the records to make sure that every topology was seen.
+template <class Page>
+void whole_dump(benchmark::State &state, Page page)
+{
+    const uint32_t topologies = static_cast<uint32_t>(state.range(0));
+    if (!cache_of(state, topologies))
+        return;
+    for (auto _ : state) {
+        uint32_t records = 0;
+        for (uint32_t iteration = 1;; ++iteration) {
+            uint32_t status = 0, n = 0;
+            if (!page(iteration, &status, &n)) {
+                state.SkipWithError("no page");
+                break;
+            }
+            records += n;
+            if (status != GYRE_CACHE_DUMP_MORE)
+                break;
+        }
+        if (records != topologies)
+            state.SkipWithError("a topology was missed");
+    }
+    end_dump_bench(state, topologies);
+}
+
+void BM_DumpAll(benchmark::State &state)
+{
+    whole_dump(state, [](uint32_t iteration, uint32_t *status, uint32_t *n) {
+        uint32_t size = 0;
+        void *p = gyre_cache_build_resp_info(iteration, &size);
+        if (p == nullptr)
+            return false;
+        memcpy(status, p, 4);
+        memcpy(n, static_cast<uint8_t *>(p) + 8, 4);
+        free(p);
+        return true;
+    });
+}
+
+// The same pages found by stepping from the first node every time.
+void BM_StraightforwardDumpAll(benchmark::State &state)
+{
+    whole_dump(state, [](uint32_t iteration, uint32_t *status, uint32_t *n) {
+        const std::vector<uint8_t> p = dumpref::reference_page(iteration);
+        if (p.empty())
+            return false;
+        memcpy(status, p.data(), 4);
+        memcpy(n, p.data() + 8, 4);
+        return true;
+    });
+}
+
+// The least a dump must do: one walk of the tree copying each topology's
+// 656-byte record.
+void BM_WalkAndCopy(benchmark::State &state)
+{
+    const uint32_t topologies = static_cast<uint32_t>(state.range(0));
+    if (!cache_of(state, topologies))
+        return;
+    std::vector<uint8_t> record(GYRE_CACHE_DUMP_RECORD_SIZE);
+    for (auto _ : state) {
+        uint32_t walked = 0;
+        for (auto *n = static_cast<const gyre_cache_tpg_node_t *>(bst_get_first_node(&gyre_cache->tree));
+             n != nullptr;
+             n = static_cast<const gyre_cache_tpg_node_t *>(bst_get_next_node(&gyre_cache->tree, n))) {
+            memcpy(record.data(), &n->tpg_id, 4);
+            memcpy(record.data() + 8, n->ftags.bits, GYRE_FTAG_BMP_BYTES);
+            memcpy(record.data() + 140, n->vlans.bits, GYRE_VLAN_BMP_BYTES);
+            benchmark::DoNotOptimize(record.data());
+            benchmark::ClobberMemory();
+            ++walked;
+        }
+        if (walked != topologies)
+            state.SkipWithError("a topology was missed");
+    }
+    end_dump_bench(state, topologies);
 }
 
 // ---- the cache build and the notifications ------------------------------------------------
@@ -339,8 +448,10 @@ BENCHMARK(BM_VlanFtag)->Arg(0)->Arg(1);
 BENCHMARK(BM_FtagTpg)->Arg(0)->Arg(1);
 BENCHMARK(BM_UnicastFtagByVlan)->Arg(0)->Arg(1);
 BENCHMARK(BM_TpgVlans)->Arg(0)->Arg(1);
-BENCHMARK(BM_Vlans2StrFull);
-BENCHMARK(BM_Vlans2StrAlternating);
+BENCHMARK(BM_WalkAndCopy)->Arg(64)->Arg(4096)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DumpAll)->Arg(64)->Arg(4096)->Arg(100000)->Unit(benchmark::kMicrosecond);
+// Quadratic: 100,000 topologies would take seconds per dump.
+BENCHMARK(BM_StraightforwardDumpAll)->Arg(64)->Arg(4096)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CacheBuild64)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ApplyVlanUpdate64)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ApplyFtagUpdate100)->Unit(benchmark::kMicrosecond);
@@ -362,7 +473,16 @@ int main(int argc, char **argv)
                             {"BM_UnicastFtagByVlan/0", "BM_RawReadVlanTpg"},
                             {"BM_UnicastFtagByVlan/1", "BM_RawReadVlanTpg"},
                             {"BM_TpgVlans/0", "BM_RawReadTpgVlans"},
-                            {"BM_TpgVlans/1", "BM_RawReadTpgVlans"}});
+                            {"BM_TpgVlans/1", "BM_RawReadTpgVlans"},
+                            {"BM_DumpAll/64", "BM_WalkAndCopy/64"},
+                            {"BM_DumpAll/4096", "BM_WalkAndCopy/4096"},
+                            {"BM_DumpAll/100000", "BM_WalkAndCopy/100000"},
+                            {"BM_StraightforwardDumpAll/64", "BM_WalkAndCopy/64"},
+                            {"BM_StraightforwardDumpAll/4096", "BM_WalkAndCopy/4096"}});
+    reporter.add_per_item("BM_DumpAll/4096", "BM_DumpAll/64", 4096.0 / 64);
+    reporter.add_per_item("BM_DumpAll/100000", "BM_DumpAll/64", 100000.0 / 64);
+    reporter.add_per_item("BM_StraightforwardDumpAll/4096", "BM_StraightforwardDumpAll/64",
+                          4096.0 / 64);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     return 0;
 }

@@ -19,10 +19,18 @@ public:
         : pairs_(std::move(pairs))
     {
     }
+    // Also prints `measured` over `factor` times `baseline`: for a run over
+    // `factor` times as many items, 1.00 means the same time per item.
+    void add_per_item(std::string measured, std::string baseline, double factor)
+    {
+        per_item_.push_back({std::move(measured), std::move(baseline), factor});
+    }
+    // Times are kept in nanoseconds whatever unit a benchmark reports in.
     void ReportRuns(const std::vector<Run> &runs) override
     {
         for (const Run &r : runs)
-            times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
+            times_[r.benchmark_name()] =
+                r.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(r.time_unit);
         ConsoleReporter::ReportRuns(runs);
     }
     void Finalize() override
@@ -31,13 +39,25 @@ public:
         for (const auto &[measured, baseline] : pairs_) {
             const auto m = times_.find(measured), b = times_.find(baseline);
             if (m != times_.end() && b != times_.end() && b->second > 0)
-                printf("ratio %-26s %8.2f (%.1f ns vs %.1f ns)\n", measured.c_str(),
-                       m->second / b->second, m->second, b->second);
+                printf("ratio %-26s %8.2f (%.1f ns vs %.1f ns of %s)\n", measured.c_str(),
+                       m->second / b->second, m->second, b->second, baseline.c_str());
+        }
+        for (const PerItem &p : per_item_) {
+            const auto m = times_.find(p.measured), b = times_.find(p.baseline);
+            if (m != times_.end() && b != times_.end() && b->second > 0)
+                printf("ratio %-26s %8.2f per item (%.1f ns vs %.1f ns of %s)\n",
+                       p.measured.c_str(), m->second / (b->second * p.factor),
+                       m->second / p.factor, b->second, p.baseline.c_str());
         }
     }
 
 private:
+    struct PerItem {
+        std::string measured, baseline;
+        double factor;
+    };
     std::vector<std::pair<std::string, std::string>> pairs_;
+    std::vector<PerItem> per_item_;
     std::map<std::string, double> times_;
 };
 

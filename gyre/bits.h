@@ -5,6 +5,7 @@
 #define TARN_GYRE_BITS_H
 
 #include <stdint.h>
+#include <string.h>
 
 namespace gyre {
 
@@ -71,6 +72,77 @@ inline uint32_t count_set(const uint8_t *bits, uint32_t nbits)
         n += static_cast<uint32_t>(__builtin_popcount(load_word(bits, w)));
     return n;
 }
+
+// The maximal runs of set bits of a map of `nbits` bits (a multiple of 64),
+// ascending, found with whole-word operations: a run costs a few
+// instructions however long it is.  The map is read as big-endian 64-bit
+// words, in which bit i is bit 63 - i % 64 of word i / 64, so the lowest
+// element is the word's leading bit.
+class SetRuns {
+public:
+    SetRuns(const uint8_t *bits, uint32_t nbits)
+        : bits_(bits), words_(nbits / 64), w_(0), rest_(words_ > 0 ? word(0) : 0)
+    {
+    }
+
+    // The next run [*first, *last]; false when no set bit is left.
+    bool next(uint32_t *first, uint32_t *last)
+    {
+        // rest_ holds the bits of word w_ not yet handed out.
+        while (rest_ == 0) {
+            if (++w_ >= words_)
+                return false;
+            rest_ = word(w_);
+        }
+        const uint32_t lead = static_cast<uint32_t>(__builtin_clzll(rest_));
+        const uint32_t start = w_ * 64 + lead;
+        // The clear bits after the start, moved up to the top; bits before
+        // it were handed out already and are shifted away.
+        uint64_t clear = ~rest_ << lead;
+        if (clear != 0) {
+            // The run ends inside this word, before bit lead + length.
+            const uint32_t length = static_cast<uint32_t>(__builtin_clzll(clear));
+            rest_ &= ~0ull >> (lead + length);
+            *first = start;
+            *last = start + length - 1;
+            return true;
+        }
+        // The run goes on into the following words.
+        for (;;) {
+            if (++w_ >= words_) {
+                rest_ = 0;
+                *first = start;
+                *last = words_ * 64 - 1;
+                return true;
+            }
+            rest_ = word(w_);
+            clear = ~rest_;
+            if (clear != 0)
+                break;
+        }
+        const uint32_t end = static_cast<uint32_t>(__builtin_clzll(clear));  // in word w_
+        rest_ &= ~0ull >> end;
+        *first = start;
+        *last = w_ * 64 + end - 1;
+        return true;
+    }
+
+private:
+    uint64_t word(uint32_t w) const
+    {
+        uint64_t x;
+        memcpy(&x, bits_ + 8u * w, sizeof x);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        x = __builtin_bswap64(x);
+#endif
+        return x;
+    }
+
+    const uint8_t *bits_;
+    uint32_t words_;
+    uint32_t w_;
+    uint64_t rest_;
+};
 
 }  // namespace gyre
 

@@ -58,7 +58,25 @@ void free_node(gyre_cache_tpg_node_t *node)
     alloctrack_free(TARN_LIB_ALLOC_ID, TARN_LIB_MEM_GYRE_TPG, node);
 }
 
+// Counts every change of the topology tree and every release of the cache
+// block; 64 bits, so that it never comes round again.
+uint64_t tree_changes = 0;
+
+void tree_insert(gyre_cache_tpg_node_t *node)
+{
+    bst_insert(&gyre_cache->tree, node);
+    ++tree_changes;
+}
+
+void tree_remove(gyre_cache_tpg_node_t *node)
+{
+    bst_delete(&gyre_cache->tree, node);
+    ++tree_changes;
+}
+
 }  // namespace
+
+uint64_t gyre::cache_tree_generation() { return tree_changes; }
 
 extern "C" {
 
@@ -96,7 +114,7 @@ TARN_API gyre_cache_tpg_node_t *gyre_cache_add_tpg(uint32_t tpg)
     node->tpg_id = tpg;
     node->ftags.len = GYRE_FTAG_BMP_BYTES;
     node->vlans.len = GYRE_VLAN_BMP_BYTES;
-    bst_insert(&gyre_cache->tree, node);
+    tree_insert(node);
     tarn_debug("Created tpg %lu in libgyre cache", static_cast<unsigned long>(tpg));
     return node;
 }
@@ -144,7 +162,7 @@ TARN_API void gyre_cache_delete_l2_tpg(const bus_msg_t *msg)
                        [](uint32_t vlan) { gyre_cache->vlans[vlan] = nullptr; });
     gyre::for_each_set(node->ftags.bits, GYRE_FTAG_COUNT, clear_ftag_entry);
     forget_node(node);
-    bst_delete(&gyre_cache->tree, node);
+    tree_remove(node);
     free_node(node);
 }
 
@@ -183,11 +201,12 @@ TARN_API void gyre_cache_delete_info(void)
         auto *node = static_cast<gyre_cache_tpg_node_t *>(bst_get_first_node(&gyre_cache->tree));
         if (node == nullptr)
             break;
-        bst_delete(&gyre_cache->tree, node);
+        tree_remove(node);
         free_node(node);
     }
     alloctrack_free(TARN_LIB_ALLOC_ID, TARN_LIB_MEM_GYRE_CACHE, gyre_cache);
     gyre_cache = nullptr;
+    ++tree_changes;
 }
 
 TARN_API uint32_t gyre_l2_tpg_name2id(const char *name)

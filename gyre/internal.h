@@ -60,6 +60,10 @@ bool ensure_init();
 // Queries answer from the cache while it is on and still held (a flush by
 // the service leaves the switch on and the cache gone).
 inline bool answer_from_cache() { return gyre_cache_enabled && gyre_cache != nullptr; }
+// Changes whenever a topology node enters or leaves the cache tree, and
+// when the cache block is released: a position remembered in the tree is
+// good only while this stays the same.
+uint64_t cache_tree_generation();
 // Report a Gyre database read that failed with something else than absence.
 void report_read_error(const char *what, uint32_t status, const char *fn);
 // Reads a 40-byte Gyre key; true when found.  Absence is silent; other
