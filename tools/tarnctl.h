@@ -46,7 +46,7 @@ extern const Command kWatch;
 int cmd_apply(int argc, char **argv);
 extern const Command kApply;
 
-// tarnctl dump-cache --client HANDLE [--verify]
+// tarnctl dump-cache (--client HANDLE | --sap N | --pid P) [--verify]
 int cmd_dump_cache(int argc, char **argv);
 extern const Command kDumpCache;
 

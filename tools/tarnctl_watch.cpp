@@ -18,6 +18,7 @@
 
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
+#include "host/tarnhost_client.h"
 #include "platform/alloctrack.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
@@ -273,12 +274,17 @@ void print_caches()
         printf("cached %s\n", topology_now(t).c_str());
 }
 
-// Applies one message and says what it changed.
-void handle(uint32_t h, bus_msg_t *msg)
+// Applies one message and says what it changed; false for the host's
+// inspection request, which is answered and is no notification.
+bool handle(uint32_t h, bus_msg_t *msg)
 {
     const Seen seen = inspect(msg);
+    if (seen.opcode == TARNHOST_OPC_CLIENT_INSPECT) {
+        tarnhost_client_dispatch(h, msg);
+        return false;
+    }
     const std::string name = bus_opc_name_get(seen.opcode);
-    const int32_t r = tarn_dispatch(msg);
+    const int32_t r = tarnhost_client_dispatch(h, msg);
     // 1: the library applied the message and dropped it; anything else
     // leaves it to us.
     if (r != 1)
@@ -287,6 +293,7 @@ void handle(uint32_t h, bus_msg_t *msg)
     if (r == -1 && what != "not for libtarn")
         what += " (not taken by libtarn)";
     printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+    return true;
 }
 
 // Notifications that the bus could not deliver (the queue stayed full
@@ -300,10 +307,8 @@ uint64_t catch_up(uint32_t h, const gyre_cache_attr_t *attr)
     if (tarnhost_bus_missed_take(h, &missed) != 0 || missed == 0)
         return 0;
     uint64_t handled = 0;
-    while (bus_msg_t *msg = tarnhost_bus_recv_ms(h, 0)) {
-        handle(h, msg);
-        ++handled;
-    }
+    while (bus_msg_t *msg = tarnhost_bus_recv_ms(h, 0))
+        handled += handle(h, msg) ? 1 : 0;
     uint32_t more = 0;
     if (tarnhost_bus_missed_take(h, &more) == 0)
         missed += more;
@@ -458,17 +463,10 @@ int cmd_watch(int argc, char **argv)
         return kExitFailed;
     }
 
-    const char *step = nullptr;
     gyre_cache_attr_t attr;
-    attr.bus_handle = h;
-    if (tarn_register(h) != TARN_SUCCESS)
-        step = "tarn_register";
-    else if (gyre_register(h) != TARN_SUCCESS)
-        step = "gyre_register";
-    else if (tarn_track_as_format() != TARN_SUCCESS)
-        step = "tarn_track_as_format";
-    else if (gyre_enable_cache_mode(&attr) != TARN_SUCCESS)
-        step = "gyre_enable_cache_mode";
+    memset(&attr, 0, sizeof attr);
+    attr.bus_handle = h;  // for rebuilding the Gyre cache after a loss
+    const char *step = tarnhost_client_start(h, TARNHOST_CLIENT_ALL);
     if (step != nullptr) {
         gyre_api_close();
         tarn_api_close();
@@ -505,10 +503,8 @@ int cmd_watch(int argc, char **argv)
             break;
         }
         bus_msg_t *msg = bus_recv(h, &ro);
-        if (msg != nullptr) {
-            handle(h, msg);
+        if (msg != nullptr && handle(h, msg))
             ++handled;
-        }
         handled += catch_up(h, &attr);
     }
 

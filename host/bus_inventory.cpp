@@ -1,0 +1,389 @@
+// The bus as it is now, for the tools that show it.  The file tree says
+// which handles, access points and subscriptions exist; the kernel says
+// which handle files still have a socket bound to them, who holds each
+// socket and what waits in its queue.
+//
+// The kernel's view comes from the socket diagnostics interface
+// (NETLINK_SOCK_DIAG, AF_UNIX): each bound socket is listed with the inode
+// of the file it is bound at, its own socket inode, the memory of its
+// receive queue and its drop count.  The socket inode leads to the owner
+// through /proc/<pid>/fd, readable for the caller's own processes.  Where
+// the interface is missing, liveness falls back to a connect() on the file
+// and the owner and queue stay unknown.
+
+#include <ctype.h>
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <linux/unix_diag.h>
+
+#include <algorithm>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/tarnhost.h"
+#include "host/tarnhost_bus_inventory.h"
+#include "platform/bus.h"
+
+namespace {
+
+struct KernelSocket {
+    uint32_t ino = 0;  // the socket's own inode
+    int64_t queued_bytes = -1;
+    int64_t drops = -1;
+};
+
+// Bound Unix sockets by the inode of the file they are bound at; false when
+// the kernel would not tell.
+bool kernel_sockets(std::unordered_map<uint64_t, KernelSocket> *out)
+{
+    int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (fd < 0)
+        return false;
+    struct {
+        nlmsghdr nlh;
+        unix_diag_req req;
+    } msg;
+    memset(&msg, 0, sizeof msg);
+    msg.nlh.nlmsg_len = sizeof msg;
+    msg.nlh.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    msg.nlh.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    msg.req.sdiag_family = AF_UNIX;
+    msg.req.udiag_states = 0xFFFFFFFFu;
+    msg.req.udiag_show = UDIAG_SHOW_VFS | UDIAG_SHOW_MEMINFO;
+    sockaddr_nl nl;
+    memset(&nl, 0, sizeof nl);
+    nl.nl_family = AF_NETLINK;
+    if (sendto(fd, &msg, sizeof msg, 0, reinterpret_cast<sockaddr *>(&nl),
+               sizeof nl) != static_cast<ssize_t>(sizeof msg)) {
+        close(fd);
+        return false;
+    }
+    std::vector<char> buf(32768);
+    bool ok = false;
+    for (bool done = false; !done;) {
+        ssize_t n = recv(fd, buf.data(), buf.size(), 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        size_t left = static_cast<size_t>(n);
+        for (nlmsghdr *h = reinterpret_cast<nlmsghdr *>(buf.data());
+             NLMSG_OK(h, left); h = NLMSG_NEXT(h, left)) {
+            if (h->nlmsg_type == NLMSG_DONE) {
+                ok = true;
+                done = true;
+                break;
+            }
+            if (h->nlmsg_type == NLMSG_ERROR) {
+                done = true;
+                break;
+            }
+            if (h->nlmsg_len < NLMSG_LENGTH(sizeof(unix_diag_msg)))
+                continue;
+            const unix_diag_msg *d =
+                static_cast<const unix_diag_msg *>(NLMSG_DATA(h));
+            KernelSocket s;
+            s.ino = d->udiag_ino;
+            bool bound = false;
+            uint64_t vfs_ino = 0;
+            unsigned attr_len = h->nlmsg_len - NLMSG_LENGTH(sizeof *d);
+            for (rtattr *a = reinterpret_cast<rtattr *>(
+                     reinterpret_cast<char *>(NLMSG_DATA(h)) + sizeof *d);
+                 RTA_OK(a, attr_len); a = RTA_NEXT(a, attr_len)) {
+                const size_t payload = RTA_PAYLOAD(a);
+                if (a->rta_type == UNIX_DIAG_VFS &&
+                    payload >= sizeof(unix_diag_vfs)) {
+                    unix_diag_vfs v;
+                    memcpy(&v, RTA_DATA(a), sizeof v);
+                    vfs_ino = v.udiag_vfs_ino;
+                    bound = true;
+                } else if (a->rta_type == UNIX_DIAG_MEMINFO) {
+                    uint32_t mem[SK_MEMINFO_VARS] = {};
+                    memcpy(mem, RTA_DATA(a),
+                           std::min(payload, sizeof mem));
+                    if (payload >= (SK_MEMINFO_RMEM_ALLOC + 1) * 4)
+                        s.queued_bytes = mem[SK_MEMINFO_RMEM_ALLOC];
+                    if (payload >= (SK_MEMINFO_DROPS + 1) * 4)
+                        s.drops = mem[SK_MEMINFO_DROPS];
+                }
+            }
+            if (bound)
+                (*out)[vfs_ino] = s;
+        }
+    }
+    close(fd);
+    return ok;
+}
+
+// The process holding each socket inode asked for, found through the
+// descriptors of the processes the caller may look into.
+std::unordered_map<uint32_t, pid_t> owners(
+    const std::unordered_map<uint32_t, bool> &wanted)
+{
+    std::unordered_map<uint32_t, pid_t> found;
+    if (wanted.empty())
+        return found;
+    DIR *proc = opendir("/proc");
+    if (proc == nullptr)
+        return found;
+    while (dirent *p = readdir(proc)) {
+        if (!isdigit(static_cast<unsigned char>(p->d_name[0])))
+            continue;
+        std::string fddir = std::string("/proc/") + p->d_name + "/fd";
+        DIR *fds = opendir(fddir.c_str());
+        if (fds == nullptr)
+            continue;
+        while (dirent *f = readdir(fds)) {
+            if (f->d_name[0] == '.')
+                continue;
+            char target[64];
+            ssize_t n = readlink((fddir + "/" + f->d_name).c_str(), target,
+                                 sizeof target - 1);
+            if (n <= 8)
+                continue;
+            target[n] = '\0';
+            unsigned long ino = 0;
+            if (sscanf(target, "socket:[%lu]", &ino) != 1)
+                continue;
+            const uint32_t key = static_cast<uint32_t>(ino);
+            if (wanted.count(key) != 0 && found.count(key) == 0)
+                found[key] = static_cast<pid_t>(atol(p->d_name));
+        }
+        closedir(fds);
+    }
+    closedir(proc);
+    return found;
+}
+
+void read_comm(pid_t pid, char *out, size_t size)
+{
+    out[0] = '\0';
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/comm", static_cast<int>(pid));
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    ssize_t n = read(fd, out, size - 1);
+    close(fd);
+    if (n <= 0) {
+        out[0] = '\0';
+        return;
+    }
+    out[n] = '\0';
+    char *nl = strchr(out, '\n');
+    if (nl != nullptr)
+        *nl = '\0';
+}
+
+// Strict decimal, as the bus writes its file names.
+bool parse_u32(const char *s, uint32_t *out)
+{
+    if (*s == '\0' || (s[0] == '0' && s[1] != '\0'))
+        return false;
+    uint64_t v = 0;
+    for (; *s != '\0'; ++s) {
+        if (*s < '0' || *s > '9')
+            return false;
+        v = v * 10 + static_cast<uint64_t>(*s - '0');
+        if (v > 0xFFFFFFFFu)
+            return false;
+    }
+    *out = static_cast<uint32_t>(v);
+    return true;
+}
+
+std::string bus_dir() { return std::string(tarnhost_root()) + "/bus"; }
+
+// The numeric names of a directory, ascending; errno as the listings say.
+std::vector<uint32_t> numbers_in(const std::string &dir)
+{
+    std::vector<uint32_t> out;
+    DIR *d = opendir(dir.c_str());
+    if (d == nullptr) {
+        if (errno == ENOENT)
+            errno = 0;
+        return out;
+    }
+    int err = 0;
+    for (;;) {
+        errno = 0;
+        dirent *e = readdir(d);
+        if (e == nullptr) {
+            err = errno;
+            break;
+        }
+        uint32_t n;
+        if (parse_u32(e->d_name, &n))
+            out.push_back(n);
+    }
+    closedir(d);
+    std::sort(out.begin(), out.end());
+    errno = err;
+    return out;
+}
+
+bool connect_alive(const std::string &path)
+{
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return true;  // cannot tell: count it as alive
+    sockaddr_un sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sun_family = AF_UNIX;
+    if (path.size() >= sizeof sa.sun_path) {
+        close(fd);
+        return true;
+    }
+    memcpy(sa.sun_path, path.c_str(), path.size() + 1);
+    int rc = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+    int err = errno;
+    close(fd);
+    return rc == 0 || (err != ECONNREFUSED && err != ENOENT);
+}
+
+// The liveness of one handle file, from the kernel's list when there is one.
+bool file_alive(const std::string &path, bool have_kernel,
+                const std::unordered_map<uint64_t, KernelSocket> &kernel,
+                const KernelSocket **sock)
+{
+    *sock = nullptr;
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode))
+        return false;
+    if (!have_kernel)
+        return connect_alive(path);
+    auto it = kernel.find(static_cast<uint64_t>(st.st_ino));
+    if (it == kernel.end())
+        return false;
+    *sock = &it->second;
+    return true;
+}
+
+// The handle an access-point link names ("../h/<handle>").
+uint32_t link_handle(const std::string &path)
+{
+    char target[64];
+    ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
+    if (n <= 5)
+        return BUS_HANDLE_NONE;
+    target[n] = '\0';
+    uint32_t h;
+    if (memcmp(target, "../h/", 5) != 0 || !parse_u32(target + 5, &h))
+        return BUS_HANDLE_NONE;
+    return h;
+}
+
+}  // namespace
+
+extern "C" {
+
+int tarnhost_bus_handle_alive(uint32_t handle)
+{
+    return connect_alive(bus_dir() + "/h/" + std::to_string(handle)) ? 1 : 0;
+}
+
+size_t tarnhost_bus_access_points(tarnhost_bus_ap_info_t *out, size_t max)
+{
+    const std::string dir = bus_dir();
+    std::vector<uint32_t> saps = numbers_in(dir + "/ap");
+    const int err = errno;
+    size_t n = 0;
+    for (uint32_t sap : saps) {
+        if (sap == 0 || sap > 0x7FFFFFFFu)
+            continue;
+        if (out != nullptr && n < max) {
+            const std::string path = dir + "/ap/" + std::to_string(sap);
+            tarnhost_bus_ap_info_t &a = out[n];
+            a.sap = static_cast<int32_t>(sap);
+            a.handle = link_handle(path);
+            a.alive = a.handle != BUS_HANDLE_NONE && connect_alive(path);
+        }
+        ++n;
+    }
+    errno = err;
+    return n;
+}
+
+size_t tarnhost_bus_opcodes(uint32_t *out, size_t max)
+{
+    std::vector<uint32_t> ops = numbers_in(bus_dir() + "/sub");
+    const int err = errno;
+    for (size_t i = 0; out != nullptr && i < ops.size() && i < max; ++i)
+        out[i] = ops[i];
+    errno = err;
+    return ops.size();
+}
+
+size_t tarnhost_bus_handles(tarnhost_bus_handle_info_t *out, size_t max)
+{
+    const std::string dir = bus_dir();
+    std::vector<uint32_t> ids = numbers_in(dir + "/h");
+    const int err = errno;
+
+    std::unordered_map<uint64_t, KernelSocket> kernel;
+    const bool have_kernel = kernel_sockets(&kernel);
+
+    // Access points by handle.
+    std::unordered_map<uint32_t, int32_t> sap_of;
+    for (uint32_t sap : numbers_in(dir + "/ap")) {
+        if (sap == 0 || sap > 0x7FFFFFFFu)
+            continue;
+        uint32_t h = link_handle(dir + "/ap/" + std::to_string(sap));
+        if (h != BUS_HANDLE_NONE && sap_of.count(h) == 0)
+            sap_of[h] = static_cast<int32_t>(sap);
+    }
+
+    std::vector<tarnhost_bus_handle_info_t> all(ids.size());
+    std::unordered_map<uint32_t, bool> wanted;
+    std::vector<uint32_t> sock_ino(ids.size(), 0);
+    for (size_t i = 0; i < ids.size(); ++i) {
+        tarnhost_bus_handle_info_t &h = all[i];
+        memset(&h, 0, sizeof h);
+        h.handle = ids[i];
+        auto s = sap_of.find(ids[i]);
+        h.sap = s == sap_of.end() ? -1 : s->second;
+        h.pid = -1;
+        h.queued_bytes = -1;
+        h.drops = -1;
+        const KernelSocket *k = nullptr;
+        h.alive = file_alive(dir + "/h/" + std::to_string(ids[i]),
+                             have_kernel, kernel, &k)
+                      ? 1
+                      : 0;
+        if (k != nullptr) {
+            h.queued_bytes = k->queued_bytes;
+            h.drops = k->drops;
+            sock_ino[i] = k->ino;
+            wanted[k->ino] = true;
+        }
+        if (h.sap >= 0 && !h.alive)
+            h.sap = -1;  // a dead handle serves nothing
+    }
+    std::unordered_map<uint32_t, pid_t> who = owners(wanted);
+    for (size_t i = 0; i < all.size(); ++i) {
+        auto w = who.find(sock_ino[i]);
+        if (sock_ino[i] == 0 || w == who.end())
+            continue;
+        all[i].pid = w->second;
+        read_comm(w->second, all[i].comm, sizeof all[i].comm);
+    }
+    for (size_t i = 0; out != nullptr && i < all.size() && i < max; ++i)
+        out[i] = all[i];
+    errno = err;
+    return all.size();
+}
+
+}  // extern "C"
