@@ -29,6 +29,7 @@ using json = nlohmann::json;
 
 constexpr uint32_t kAttrChange = 51226;
 constexpr uint32_t kProbeMs = 1000;
+const char kListHint[] = "; \"tarnctl show clients\" lists the clients and their addresses";
 
 bool parse_decimal(const char *text, uint64_t hi, uint64_t *out)
 {
@@ -166,8 +167,8 @@ std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handl
         *handle = static_cast<uint32_t>(a.value);
         const tarnhost_bus_handle_info_t *h = v.handle(*handle);
         if (h == nullptr || !h->alive || h->sap < 0)
-            return "bus handle " + std::to_string(*handle) +
-                   " serves no access point on the device (see \"tarnctl show clients\")";
+            return "bus handle " + std::to_string(*handle) + " serves no access point on the device in " +
+                   tarnhost_root() + kListHint;
         *sap = h->sap;
         return "";
     }
@@ -178,8 +179,8 @@ std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handl
                 *handle = ap.handle;
                 return "";
             }
-        return "nobody serves access point " + std::to_string(a.value) +
-               " on the device (see \"tarnctl show clients\")";
+        return "nobody serves access point " + std::to_string(a.value) + " on the device in " +
+               tarnhost_root() + kListHint;
     case ClientAddress::kPid: {
         std::vector<const tarnhost_bus_handle_info_t *> found;
         for (const auto &h : v.handles)
@@ -193,8 +194,8 @@ std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handl
         }
         if (found.empty())
             return "process " + std::to_string(a.value) +
-                   " holds no registered client handle with an access point "
-                   "(see \"tarnctl show clients\")";
+                   " holds no registered client handle with an access point on the device in " +
+                   tarnhost_root() + kListHint;
         std::string list;
         for (const auto *h : found)
             list += " " + std::to_string(h->sap);
