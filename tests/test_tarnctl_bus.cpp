@@ -26,87 +26,15 @@
 #include "platform/bus.h"
 #include "support/fixture.h"
 #include "support/json_schema.h"
-#include "support/tarnctl_process.h"
+#include "support/tool_process.h"
 
 namespace {
 
 using json = nlohmann::json;
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void sleep_ms(long ms)
-{
-    timespec ts{ms / 1000, (ms % 1000) * 1000000L};
-    nanosleep(&ts, nullptr);
-}
-
-// A tarnctl process whose standard output and error go to files.
-struct Proc {
-    pid_t pid = -1;
-    std::string out_path, err_path;
-
-    void start(const std::vector<std::string> &args)
-    {
-        static int serial = 0;
-        const std::string base = std::string(tarnhost_root()) + "/bus-test." +
-                                 std::to_string(++serial);
-        out_path = base + ".out";
-        err_path = base + ".err";
-        pid = tarntest::spawn_tarnctl(TARNCTL_PATH, args, {}, out_path, err_path);
-    }
-    std::string out() const { return slurp(out_path); }
-    std::string err() const { return slurp(err_path); }
-    bool wait_for(const std::string &text) const
-    {
-        for (int i = 0; i < 1500; ++i) {
-            if (out().find(text) != std::string::npos)
-                return true;
-            sleep_ms(20);
-        }
-        return false;
-    }
-    int wait()
-    {
-        for (int i = 0; i < 3000; ++i) {
-            int st = 0;
-            if (waitpid(pid, &st, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-            }
-            sleep_ms(20);
-        }
-        return -2;
-    }
-    ~Proc()
-    {
-        if (pid > 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-    }
-};
-
-struct Result {
-    int status;
-    std::string out, err;
-};
-
-Result tarnctl(const std::vector<std::string> &args)
-{
-    Proc p;
-    p.start(args);
-    Result r;
-    r.status = p.wait();
-    r.out = p.out();
-    r.err = p.err();
-    return r;
-}
+using tarntest::Proc;
+using tarntest::Result;
+using tarntest::tarnctl;
 
 const char kDevice[] = R"({
   "as_format": 2,

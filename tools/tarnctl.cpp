@@ -14,6 +14,8 @@ const Command *const kCommands[] = {
     &kWatch,
     &kApply,
     &kDumpCache,
+    &kRecord,
+    &kReplay,
 };
 
 void print_usage(FILE *out)

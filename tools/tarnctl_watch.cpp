@@ -10,8 +10,11 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include <tarn/gyre.h>
 #include <tarn/tarn.h>
@@ -22,12 +25,13 @@
 #include "platform/alloctrack.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_passive.h"
 
 namespace tarnctl {
 
 const Command kWatch = {
     "watch",
-    "[--sap N] [--count N] [--timeout S]",
+    "[--sap N] [--count N] [--timeout S] [--json] [--passive] [--opcode N]...",
     "follow the device's notifications as a caching client",
     cmd_watch,
 };
@@ -40,12 +44,24 @@ constexpr int32_t kLastSap = 1099;
 constexpr int32_t kMaxSap = 0x7FFFFFFF;
 
 volatile sig_atomic_t g_stop = 0;
+bool g_json = false;
+std::vector<uint32_t> g_only;  // the opcodes to print; empty: all
+
+using json = nlohmann::json;
+
+void emit(const json &event) { printf("%s\n", event.dump(-1, ' ', true).c_str()); }
+
+bool wanted(uint32_t opcode)
+{
+    return g_only.empty() || std::find(g_only.begin(), g_only.end(), opcode) != g_only.end();
+}
 
 void on_signal(int) { g_stop = 1; }
 
 void print_help()
 {
-    printf("usage: tarnctl watch [--sap N] [--count N] [--timeout S]\n"
+    printf("usage: tarnctl watch [--sap N] [--count N] [--timeout S] [--json] [--passive]\n"
+           "                     [--opcode N]...\n"
            "\n"
            "Runs as a client process of the device in $TARNHOST_ROOT: binds "
            "a bus access\n"
@@ -66,6 +82,18 @@ void print_help()
            "prints the\n"
            "memory that libtarn still holds in the memory tracker "
            "(library %u).\n"
+           "\n"
+           "--json prints every line as one JSON object (NDJSON): an \"event\" of "
+           "\"start\",\n"
+           "\"notification\", \"missed\" or \"stop\" with the same facts.  "
+           "--passive listens\n"
+           "without libtarn: a dynamic handle subscribed to the services' "
+           "notifications\n"
+           "prints each one's opcode, length and payload (hex), and no cache is "
+           "enabled.\n"
+           "--opcode N (repeatable) prints only those opcodes (a passive listener "
+           "subscribes\n"
+           "only to them; a caching one still applies every message).\n"
            "\n"
            "Exit status: 0 stopped, 1 could not start, 2 usage error.\n",
            kFirstSap, kLastSap, TARN_LIB_ALLOC_ID);
@@ -261,17 +289,24 @@ std::string describe(const Seen &s, int32_t result)
 }
 
 // The caches as they stand: the AS format and every cached topology.
-void print_caches()
+// The caches now: {"as_format", "cached"} for --json, else their lines.
+json print_caches()
 {
-    printf("AS format %u\n", tarn_get_as_format());
     std::vector<uint32_t> tpgs;
     tarn_table_info_t info;
     memset(&info, 0, sizeof info);
     for (uint32_t t = gyre_get_first_l2_tpg(&info);
          t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
         tpgs.push_back(t);
+    json cached = json::array();
     for (uint32_t t : tpgs)
-        printf("cached %s\n", topology_now(t).c_str());
+        cached.push_back(topology_now(t));
+    if (!g_json) {
+        printf("AS format %u\n", tarn_get_as_format());
+        for (const json &t : cached)
+            printf("cached %s\n", t.get<std::string>().c_str());
+    }
+    return {{"as_format", tarn_get_as_format()}, {"cached", cached}};
 }
 
 // Applies one message and says what it changed; false for the host's
@@ -289,10 +324,16 @@ bool handle(uint32_t h, bus_msg_t *msg)
     // leaves it to us.
     if (r != 1)
         bus_drop(h, msg);
+    if (!wanted(seen.opcode))
+        return false;
     std::string what = describe(seen, r);
     if (r == -1 && what != "not for libtarn")
         what += " (not taken by libtarn)";
-    printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+    if (g_json)
+        emit({{"event", "notification"}, {"time", now_text()}, {"opcode", seen.opcode},
+              {"name", name}, {"taken", r == 1}, {"change", what}});
+    else
+        printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
     return true;
 }
 
@@ -312,13 +353,20 @@ uint64_t catch_up(uint32_t h, const gyre_cache_attr_t *attr)
     uint32_t more = 0;
     if (tarnhost_bus_missed_take(h, &more) == 0)
         missed += more;
-    printf("%s missed %u notifications (the queue was full); rebuilding the "
-           "caches from the databases\n",
-           now_text().c_str(), missed);
+    if (!g_json)
+        printf("%s missed %u notifications (the queue was full); rebuilding the "
+               "caches from the databases\n",
+               now_text().c_str(), missed);
     tarn_refresh_as_format_info();
     gyre_disable_cache_mode();
     gyre_enable_cache_mode(attr);
-    print_caches();
+    json caches = print_caches();
+    if (g_json) {
+        caches["event"] = "missed";
+        caches["time"] = now_text();
+        caches["missed"] = missed;
+        emit(caches);
+    }
     return handled;
 }
 
@@ -372,17 +420,79 @@ uint32_t bind_access_point(int32_t asked, int32_t *sap)
     return BUS_HANDLE_NONE;
 }
 
+// --passive: the notifications as they arrive, without libtarn.
+int listen(uint64_t count, uint64_t timeout)
+{
+    const std::vector<uint32_t> opcodes = g_only.empty() ? notification_opcodes() : g_only;
+    std::string error;
+    const uint32_t h = listen_passively("tarnctl watch --passive", opcodes, &error);
+    if (h == BUS_HANDLE_NONE) {
+        fprintf(stderr, "tarnctl watch: %s in %s/bus\n", error.c_str(), tarnhost_root());
+        return kExitFailed;
+    }
+    if (g_json)
+        emit({{"event", "start"}, {"passive", true}, {"access_point", nullptr}, {"handle", h},
+              {"device", tarnhost_root()}, {"opcodes", opcodes}});
+    else
+        printf("passive listener, bus handle %u, device %s\nwatching\n", h, tarnhost_root());
+    const double start = monotonic_seconds();
+    uint64_t handled = 0;
+    const char *why = nullptr;
+    for (;;) {
+        if (g_stop)
+            why = "signal";
+        else if (count != 0 && handled >= count)
+            why = "count";
+        else if (timeout != 0 && monotonic_seconds() - start >= timeout)
+            why = "timeout";
+        if (why != nullptr)
+            break;
+        bus_msg_t *msg = tarnhost_bus_recv_ms(h, 1000);
+        if (msg == nullptr)
+            continue;
+        const uint32_t opcode = bus_opc_get(msg);
+        uint32_t len = 0;
+        const uint8_t *p = static_cast<const uint8_t *>(bus_payload_get(msg, &len));
+        const std::string hex = to_hex(p, p == nullptr ? 0 : len);
+        const std::string name = bus_opc_name_get(opcode);
+        if (g_json)
+            emit({{"event", "notification"}, {"time", now_text()}, {"opcode", opcode},
+                  {"name", name}, {"bytes", len}, {"payload", hex}});
+        else
+            printf("%s %s %u bytes %s\n", now_text().c_str(), name.c_str(), len,
+                   hex.empty() ? "-" : hex.c_str());
+        bus_drop(h, msg);
+        ++handled;
+    }
+    bus_unbind(h);
+    if (g_json)
+        emit({{"event", "stop"}, {"reason", why}, {"messages", handled}});
+    else
+        printf("stopped (%s) after %llu messages\n", why, static_cast<unsigned long long>(handled));
+    return kExitOk;
+}
+
 }  // namespace
 
 int cmd_watch(int argc, char **argv)
 {
     uint64_t sap = 0, count = 0, timeout = 0;
+    bool passive = false;
     for (int i = 0; i < argc; ++i) {
         const char *a = argv[i];
         if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
             print_help();
             return kExitOk;
         }
+        if (strcmp(a, "--json") == 0 || strcmp(a, "--passive") == 0) {
+            (a[2] == 'j' ? g_json : passive) = true;
+            continue;
+        }
+        const int op = parse_opcode_option(argc, argv, &i, &g_only);
+        if (op < 0)
+            return usage_error(kWatch, "--opcode takes an opcode from 0 to 4294967295");
+        if (op > 0)
+            continue;
         struct {
             const char *name;
             uint64_t *out;
@@ -427,6 +537,11 @@ int cmd_watch(int argc, char **argv)
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
 
+    if (passive) {
+        if (sap != 0)
+            return usage_error(kWatch, "--passive listens on a dynamic handle; drop --sap");
+        return listen(count, timeout);
+    }
     if (tarn_api_init() != TARN_SUCCESS) {
         fprintf(stderr,
                 "tarnctl watch: libtarn could not be initialised for the "
@@ -477,10 +592,18 @@ int cmd_watch(int argc, char **argv)
         return kExitFailed;
     }
 
-    printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
-           tarnhost_root());
-    print_caches();
-    printf("watching\n");
+    if (!g_json)
+        printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
+               tarnhost_root());
+    json caches = print_caches();
+    if (g_json) {
+        json start = {{"event", "start"}, {"passive", false}, {"access_point", bound_sap},
+                      {"handle", h}, {"device", tarnhost_root()}};
+        start.update(caches);
+        emit(start);
+    } else {
+        printf("watching\n");
+    }
 
     const double start = monotonic_seconds();
     uint64_t handled = 0;
@@ -511,6 +634,18 @@ int cmd_watch(int argc, char **argv)
     gyre_api_close();
     tarn_api_close();
     bus_unbind(h);
+    if (g_json) {
+        json memory = json::object();
+        for (uint32_t type = TARN_LIB_MEM_NONE + 1; type < TARN_LIB_MEM_MAX; ++type) {
+            const char *mem_name = __tarn_api_mem_type_t_find(type);
+            memory[mem_name ? mem_name : std::to_string(type)] = {
+                {"count", alloctrack_live_count(TARN_LIB_ALLOC_ID, type)},
+                {"bytes", alloctrack_live_bytes(TARN_LIB_ALLOC_ID, type)}};
+        }
+        emit({{"event", "stop"}, {"reason", why}, {"messages", handled},
+              {"access_point", bound_sap}, {"memory", memory}});
+        return kExitOk;
+    }
     printf("stopped (%s) after %llu messages; access point %d released\n", why,
            static_cast<unsigned long long>(handled), bound_sap);
     print_memory();
