@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "host/tarnhost.h"
+#include "host/tarnhost_bus.h"
 #include "host/tarnhost_bus_inventory.h"
 #include "platform/bus.h"
 
@@ -42,7 +43,6 @@ namespace {
 struct KernelSocket {
     uint32_t ino = 0;  // the socket's own inode
     int64_t queued_bytes = -1;
-    int64_t drops = -1;
 };
 
 // Bound Unix sockets by the inode of the file they are bound at; false when
@@ -116,8 +116,6 @@ bool kernel_sockets(std::unordered_map<uint64_t, KernelSocket> *out)
                            std::min(payload, sizeof mem));
                     if (payload >= (SK_MEMINFO_RMEM_ALLOC + 1) * 4)
                         s.queued_bytes = mem[SK_MEMINFO_RMEM_ALLOC];
-                    if (payload >= (SK_MEMINFO_DROPS + 1) * 4)
-                        s.drops = mem[SK_MEMINFO_DROPS];
                 }
             }
             if (bound)
@@ -272,18 +270,26 @@ bool file_alive(const std::string &path, bool have_kernel,
     return true;
 }
 
-// The handle an access-point link names ("../h/<handle>").
-uint32_t link_handle(const std::string &path)
+// The handle an access-point file names (its decimal id, perhaps with a
+// newline); BUS_HANDLE_NONE for anything else, a link included.
+uint32_t ap_handle(const std::string &path)
 {
-    char target[64];
-    ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
-    if (n <= 5)
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0)
         return BUS_HANDLE_NONE;
-    target[n] = '\0';
+    struct stat st;
+    char text[16];
+    ssize_t n = -1;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+        n = read(fd, text, sizeof text - 1);
+    close(fd);
+    if (n <= 0)
+        return BUS_HANDLE_NONE;
+    text[n] = '\0';
+    if (text[n - 1] == '\n')
+        text[n - 1] = '\0';
     uint32_t h;
-    if (memcmp(target, "../h/", 5) != 0 || !parse_u32(target + 5, &h))
-        return BUS_HANDLE_NONE;
-    return h;
+    return parse_u32(text, &h) ? h : BUS_HANDLE_NONE;
 }
 
 }  // namespace
@@ -308,8 +314,9 @@ size_t tarnhost_bus_access_points(tarnhost_bus_ap_info_t *out, size_t max)
             const std::string path = dir + "/ap/" + std::to_string(sap);
             tarnhost_bus_ap_info_t &a = out[n];
             a.sap = static_cast<int32_t>(sap);
-            a.handle = link_handle(path);
-            a.alive = a.handle != BUS_HANDLE_NONE && connect_alive(path);
+            a.handle = ap_handle(path);
+            a.alive = a.handle != BUS_HANDLE_NONE &&
+                      connect_alive(dir + "/h/" + std::to_string(a.handle));
         }
         ++n;
     }
@@ -341,7 +348,7 @@ size_t tarnhost_bus_handles(tarnhost_bus_handle_info_t *out, size_t max)
     for (uint32_t sap : numbers_in(dir + "/ap")) {
         if (sap == 0 || sap > 0x7FFFFFFFu)
             continue;
-        uint32_t h = link_handle(dir + "/ap/" + std::to_string(sap));
+        uint32_t h = ap_handle(dir + "/ap/" + std::to_string(sap));
         if (h != BUS_HANDLE_NONE && sap_of.count(h) == 0)
             sap_of[h] = static_cast<int32_t>(sap);
     }
@@ -363,9 +370,11 @@ size_t tarnhost_bus_handles(tarnhost_bus_handle_info_t *out, size_t max)
                              have_kernel, kernel, &k)
                       ? 1
                       : 0;
+        uint32_t missed = 0;
+        if (h.alive && tarnhost_bus_missed(ids[i], &missed) == 0)
+            h.drops = missed;
         if (k != nullptr) {
             h.queued_bytes = k->queued_bytes;
-            h.drops = k->drops;
             sock_ino[i] = k->ino;
             wanted[k->ino] = true;
         }

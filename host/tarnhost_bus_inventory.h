@@ -9,6 +9,9 @@
  * harmless (ids are not reused) and removed by the next publish or bind
  * that meets it.
  *
+ * An access point is the file <root>/bus/ap/<sap> holding the id of its
+ * handle; it is alive while that handle is.
+ *
  * Every listing writes up to `max` entries to `out` and returns how many
  * there are; errno is 0 when the directory was read to its end (or does not
  * exist) and says why otherwise.
@@ -32,7 +35,9 @@ typedef struct tarnhost_bus_handle_info {
     int32_t pid;          /* the process holding the socket; -1 unknown    */
     char comm[TARNHOST_BUS_COMM_SIZE]; /* that process's name; "" unknown  */
     int64_t queued_bytes; /* kernel memory of datagrams waiting; -1 unknown */
-    int64_t drops;        /* datagrams the kernel dropped; -1 unknown      */
+    int64_t drops;        /* messages the bus could not deliver to it (its
+                             queue stayed full), not yet taken by its
+                             holder (tarnhost_bus_missed); -1 unknown     */
 } tarnhost_bus_handle_info_t;
 
 typedef struct tarnhost_bus_ap_info {
