@@ -33,6 +33,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/bus_dir.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "host/tarnhost_bus_inventory.h"
@@ -186,83 +187,19 @@ void read_comm(pid_t pid, char *out, size_t size)
         *nl = '\0';
 }
 
-// Strict decimal, as the bus writes its file names.
-bool parse_u32(const char *s, uint32_t *out)
-{
-    if (*s == '\0' || (s[0] == '0' && s[1] != '\0'))
-        return false;
-    uint64_t v = 0;
-    for (; *s != '\0'; ++s) {
-        if (*s < '0' || *s > '9')
-            return false;
-        v = v * 10 + static_cast<uint64_t>(*s - '0');
-        if (v > 0xFFFFFFFFu)
-            return false;
-    }
-    *out = static_cast<uint32_t>(v);
-    return true;
-}
-
-std::string bus_dir() { return std::string(tarnhost_root()) + "/bus"; }
-
-// The numeric names of a directory, ascending; errno as the listings say.
-std::vector<uint32_t> numbers_in(const std::string &dir)
-{
-    std::vector<uint32_t> out;
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) {
-        if (errno == ENOENT)
-            errno = 0;
-        return out;
-    }
-    int err = 0;
-    for (;;) {
-        errno = 0;
-        dirent *e = readdir(d);
-        if (e == nullptr) {
-            err = errno;
-            break;
-        }
-        uint32_t n;
-        if (parse_u32(e->d_name, &n))
-            out.push_back(n);
-    }
-    closedir(d);
-    std::sort(out.begin(), out.end());
-    errno = err;
-    return out;
-}
-
-bool connect_alive(const std::string &path)
-{
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return true;  // cannot tell: count it as alive
-    sockaddr_un sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sun_family = AF_UNIX;
-    if (path.size() >= sizeof sa.sun_path) {
-        close(fd);
-        return true;
-    }
-    memcpy(sa.sun_path, path.c_str(), path.size() + 1);
-    int rc = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-    int err = errno;
-    close(fd);
-    return rc == 0 || (err != ECONNREFUSED && err != ENOENT);
-}
-
-// The liveness of one handle file, from the kernel's list when there is one.
-bool file_alive(const std::string &path, bool have_kernel,
-                const std::unordered_map<uint64_t, KernelSocket> &kernel,
-                const KernelSocket **sock)
+// The liveness of one handle, from the kernel's list when there is one.
+bool handle_alive(const tarnhost_bus::Bus &bus, uint32_t id, bool have_kernel,
+                  const std::unordered_map<uint64_t, KernelSocket> &kernel,
+                  const KernelSocket **sock)
 {
     *sock = nullptr;
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode))
-        return false;
     if (!have_kernel)
-        return connect_alive(path);
+        return tarnhost_bus::socket_alive(bus, id);
+    const std::string name = std::to_string(id);
+    struct stat st;
+    if (tarnhost_bus::socket_present(bus, id) != 0 ||
+        fstatat(bus.hfd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
     auto it = kernel.find(static_cast<uint64_t>(st.st_ino));
     if (it == kernel.end())
         return false;
@@ -270,26 +207,24 @@ bool file_alive(const std::string &path, bool have_kernel,
     return true;
 }
 
-// The handle an access-point file names (its decimal id, perhaps with a
-// newline); BUS_HANDLE_NONE for anything else, a link included.
-uint32_t ap_handle(const std::string &path)
+// The handle behind access point `sap`; BUS_HANDLE_NONE when its file
+// names none.
+uint32_t ap_handle(const tarnhost_bus::Bus &bus, uint32_t sap)
 {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (fd < 0)
+    uint32_t id = BUS_HANDLE_NONE;
+    if (tarnhost_bus::read_ap(bus, static_cast<int32_t>(sap), &id) != 0)
         return BUS_HANDLE_NONE;
-    struct stat st;
-    char text[16];
-    ssize_t n = -1;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
-        n = read(fd, text, sizeof text - 1);
-    close(fd);
-    if (n <= 0)
-        return BUS_HANDLE_NONE;
-    text[n] = '\0';
-    if (text[n - 1] == '\n')
-        text[n - 1] = '\0';
-    uint32_t h;
-    return parse_u32(text, &h) ? h : BUS_HANDLE_NONE;
+    return id;
+}
+
+// The bus of the root in force, when there is one; errno 0 when there is
+// none yet.
+tarnhost_bus::BusPtr open_bus()
+{
+    tarnhost_bus::BusPtr bus = tarnhost_bus::bus_open(false);
+    if (!bus && errno == ENOENT)
+        errno = 0;
+    return bus;
 }
 
 }  // namespace
@@ -298,25 +233,27 @@ extern "C" {
 
 int tarnhost_bus_handle_alive(uint32_t handle)
 {
-    return connect_alive(bus_dir() + "/h/" + std::to_string(handle)) ? 1 : 0;
+    tarnhost_bus::BusPtr bus = open_bus();
+    return bus && tarnhost_bus::socket_alive(*bus, handle) ? 1 : 0;
 }
 
 size_t tarnhost_bus_access_points(tarnhost_bus_ap_info_t *out, size_t max)
 {
-    const std::string dir = bus_dir();
-    std::vector<uint32_t> saps = numbers_in(dir + "/ap");
-    const int err = errno;
+    tarnhost_bus::BusPtr bus = open_bus();
+    if (!bus)
+        return 0;
+    int err = 0;
+    std::vector<uint32_t> saps = tarnhost_bus::list_ids(bus->apfd, &err);
+    std::sort(saps.begin(), saps.end());
     size_t n = 0;
     for (uint32_t sap : saps) {
         if (sap == 0 || sap > 0x7FFFFFFFu)
             continue;
         if (out != nullptr && n < max) {
-            const std::string path = dir + "/ap/" + std::to_string(sap);
             tarnhost_bus_ap_info_t &a = out[n];
             a.sap = static_cast<int32_t>(sap);
-            a.handle = ap_handle(path);
-            a.alive = a.handle != BUS_HANDLE_NONE &&
-                      connect_alive(dir + "/h/" + std::to_string(a.handle));
+            a.handle = ap_handle(*bus, sap);
+            a.alive = a.handle != BUS_HANDLE_NONE && tarnhost_bus::socket_alive(*bus, a.handle);
         }
         ++n;
     }
@@ -326,8 +263,12 @@ size_t tarnhost_bus_access_points(tarnhost_bus_ap_info_t *out, size_t max)
 
 size_t tarnhost_bus_opcodes(uint32_t *out, size_t max)
 {
-    std::vector<uint32_t> ops = numbers_in(bus_dir() + "/sub");
-    const int err = errno;
+    tarnhost_bus::BusPtr bus = open_bus();
+    if (!bus)
+        return 0;
+    int err = 0;
+    std::vector<uint32_t> ops = tarnhost_bus::list_ids(bus->subfd, &err);
+    std::sort(ops.begin(), ops.end());
     for (size_t i = 0; out != nullptr && i < ops.size() && i < max; ++i)
         out[i] = ops[i];
     errno = err;
@@ -336,19 +277,22 @@ size_t tarnhost_bus_opcodes(uint32_t *out, size_t max)
 
 size_t tarnhost_bus_handles(tarnhost_bus_handle_info_t *out, size_t max)
 {
-    const std::string dir = bus_dir();
-    std::vector<uint32_t> ids = numbers_in(dir + "/h");
-    const int err = errno;
+    tarnhost_bus::BusPtr bus = open_bus();
+    if (!bus)
+        return 0;
+    int err = 0;
+    std::vector<uint32_t> ids = tarnhost_bus::list_ids(bus->hfd, &err);
+    std::sort(ids.begin(), ids.end());
 
     std::unordered_map<uint64_t, KernelSocket> kernel;
     const bool have_kernel = kernel_sockets(&kernel);
 
     // Access points by handle.
     std::unordered_map<uint32_t, int32_t> sap_of;
-    for (uint32_t sap : numbers_in(dir + "/ap")) {
+    for (uint32_t sap : tarnhost_bus::list_ids(bus->apfd)) {
         if (sap == 0 || sap > 0x7FFFFFFFu)
             continue;
-        uint32_t h = ap_handle(dir + "/ap/" + std::to_string(sap));
+        const uint32_t h = ap_handle(*bus, sap);
         if (h != BUS_HANDLE_NONE && sap_of.count(h) == 0)
             sap_of[h] = static_cast<int32_t>(sap);
     }
@@ -366,10 +310,7 @@ size_t tarnhost_bus_handles(tarnhost_bus_handle_info_t *out, size_t max)
         h.queued_bytes = -1;
         h.drops = -1;
         const KernelSocket *k = nullptr;
-        h.alive = file_alive(dir + "/h/" + std::to_string(ids[i]),
-                             have_kernel, kernel, &k)
-                      ? 1
-                      : 0;
+        h.alive = handle_alive(*bus, ids[i], have_kernel, kernel, &k) ? 1 : 0;
         uint32_t missed = 0;
         if (h.alive && tarnhost_bus_missed(ids[i], &missed) == 0)
             h.drops = missed;
