@@ -151,27 +151,45 @@ std::string opcode_name(uint32_t opcode)
     }
 }
 
-int cmd_show_bus(int argc, char **argv)
+int json_only_arguments(const char *what, int argc, char **argv, void (*help)(),
+                        bool *as_json)
 {
-    bool as_json = false;
+    *as_json = false;
     for (int i = 0; i < argc; ++i) {
         if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
-            print_help();
+            help();
             return kExitOk;
         }
         if (strcmp(argv[i], "--json") == 0) {
-            as_json = true;
+            *as_json = true;
             continue;
         }
-        const std::string msg = "show bus: unknown argument \"" + std::string(argv[i]) + "\"";
+        const std::string msg =
+            std::string("show ") + what + ": unknown argument \"" + argv[i] + "\"";
         return usage_error(kShow, msg.c_str());
     }
-    const BusView v = look_at_bus();
-    if (!v.error.empty()) {
-        fprintf(stderr, "tarnctl show: cannot read the bus in %s/bus: %s\n",
-                tarnhost_root(), v.error.c_str());
+    return -1;
+}
+
+bool read_bus(BusView *v)
+{
+    *v = look_at_bus();
+    if (v->error.empty())
+        return true;
+    fprintf(stderr, "tarnctl show: cannot read the bus in %s/bus: %s\n", tarnhost_root(),
+            v->error.c_str());
+    return false;
+}
+
+int cmd_show_bus(int argc, char **argv)
+{
+    bool as_json = false;
+    const int st = json_only_arguments("bus", argc, argv, print_help, &as_json);
+    if (st >= 0)
+        return st;
+    BusView v;
+    if (!read_bus(&v))
         return kExitFailed;
-    }
 
     // Dead entries: litter that no live socket backs.
     json dead = json::array();

@@ -25,6 +25,14 @@ struct BusView {
 
 BusView look_at_bus();
 
+// The arguments of "show bus" and "show clients" (--json, --help): -1 to go
+// on, otherwise the exit status to return.
+int json_only_arguments(const char *what, int argc, char **argv, void (*help)(),
+                        bool *as_json);
+
+// The bus now; false after saying on standard error why it cannot be read.
+bool read_bus(BusView *v);
+
 // The name of an opcode as the tools print it.
 std::string opcode_name(uint32_t opcode);
 

@@ -225,24 +225,12 @@ ClientState probe_client(uint32_t requester, int32_t sap, uint32_t timeout_ms)
 int cmd_show_clients(int argc, char **argv)
 {
     bool as_json = false;
-    for (int i = 0; i < argc; ++i) {
-        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
-            print_help();
-            return kExitOk;
-        }
-        if (strcmp(argv[i], "--json") == 0) {
-            as_json = true;
-            continue;
-        }
-        const std::string msg = "show clients: unknown argument \"" + std::string(argv[i]) + "\"";
-        return usage_error(kShow, msg.c_str());
-    }
-    const BusView v = look_at_bus();
-    if (!v.error.empty()) {
-        fprintf(stderr, "tarnctl show: cannot read the bus in %s/bus: %s\n", tarnhost_root(),
-                v.error.c_str());
+    const int st = json_only_arguments("clients", argc, argv, print_help, &as_json);
+    if (st >= 0)
+        return st;
+    BusView v;
+    if (!read_bus(&v))
         return kExitFailed;
-    }
     const uint32_t requester = bus_bind(4, -1, nullptr, "tarnctl show clients");
     if (requester == BUS_HANDLE_NONE) {
         fprintf(stderr, "tarnctl show: cannot bind a bus handle in %s/bus (%s)\n",

@@ -103,4 +103,16 @@ int parse_opcode_option(int argc, char **argv, int *i, std::vector<uint32_t> *ou
     return 1;
 }
 
+const char *stop_reason(bool signalled, uint64_t handled, uint64_t count, double elapsed,
+                        uint64_t timeout)
+{
+    if (signalled)
+        return "signal";
+    if (count != 0 && handled >= count)
+        return "count";
+    if (timeout != 0 && elapsed >= static_cast<double>(timeout))
+        return "timeout";
+    return nullptr;
+}
+
 }  // namespace tarnctl

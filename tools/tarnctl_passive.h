@@ -28,6 +28,12 @@ bool from_hex(const std::string &text, std::vector<uint8_t> *out);
 // this option, -1 bad value.
 int parse_opcode_option(int argc, char **argv, int *i, std::vector<uint32_t> *out);
 
+// Why a listener that has handled `handled` messages, `elapsed` seconds
+// after its start, stops now ("signal", "count", "timeout"); null to go on.
+// A count or timeout of 0 is no limit.
+const char *stop_reason(bool signalled, uint64_t handled, uint64_t count, double elapsed,
+                        uint64_t timeout);
+
 }  // namespace tarnctl
 
 #endif

@@ -302,12 +302,7 @@ int cmd_record(int argc, char **argv)
     const char *why = nullptr;
     bool write_failed = false;
     for (;;) {
-        if (g_stop)
-            why = "signal";
-        else if (count != 0 && n >= count)
-            why = "count";
-        else if (timeout != 0 && monotonic_seconds() - start >= timeout)
-            why = "timeout";
+        why = stop_reason(g_stop != 0, n, count, monotonic_seconds() - start, timeout);
         if (why != nullptr)
             break;
         bus_msg_t *msg = tarnhost_bus_recv_ms(h, 200);

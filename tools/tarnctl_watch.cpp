@@ -439,12 +439,7 @@ int listen(uint64_t count, uint64_t timeout)
     uint64_t handled = 0;
     const char *why = nullptr;
     for (;;) {
-        if (g_stop)
-            why = "signal";
-        else if (count != 0 && handled >= count)
-            why = "count";
-        else if (timeout != 0 && monotonic_seconds() - start >= timeout)
-            why = "timeout";
+        why = stop_reason(g_stop != 0, handled, count, monotonic_seconds() - start, timeout);
         if (why != nullptr)
             break;
         bus_msg_t *msg = tarnhost_bus_recv_ms(h, 1000);
