@@ -16,6 +16,7 @@ const Command *const kCommands[] = {
     &kDumpCache,
     &kRecord,
     &kReplay,
+    &kLog,
 };
 
 void print_usage(FILE *out)

@@ -59,6 +59,10 @@ extern const Command kRecord;
 int cmd_replay(int argc, char **argv);
 extern const Command kReplay;
 
+// tarnctl log [-f] [--json] [--grep TEXT] [--timeout S]
+int cmd_log(int argc, char **argv);
+extern const Command kLog;
+
 }  // namespace tarnctl
 
 #endif
