@@ -1,12 +1,14 @@
 // The bus as it is now, for the tools that show it.  The file tree says
 // which handles, access points and subscriptions exist; the kernel says
 // which handle files still have a socket bound to them, who holds each
-// socket and what waits in its queue.
+// socket and whether anything waits in its queue.
 //
 // The kernel's view comes from the socket diagnostics interface
 // (NETLINK_SOCK_DIAG, AF_UNIX): each bound socket is listed with the inode
 // of the file it is bound at, its own socket inode, the memory of its
-// receive queue and its drop count.  The socket inode leads to the owner
+// the size of the datagram at the head of its receive queue (the kernel
+// counts no datagrams for a datagram socket that is not listening, and
+// charges their memory to the sender).  The socket inode leads to the owner
 // through /proc/<pid>/fd, readable for the caller's own processes.  Where
 // the interface is missing, liveness falls back to a connect() on the file
 // and the owner and queue stay unknown.
@@ -43,7 +45,7 @@ namespace {
 
 struct KernelSocket {
     uint32_t ino = 0;  // the socket's own inode
-    int64_t queued_bytes = -1;
+    int64_t queue_head_bytes = -1;
 };
 
 // Bound Unix sockets by the inode of the file they are bound at; false when
@@ -63,7 +65,7 @@ bool kernel_sockets(std::unordered_map<uint64_t, KernelSocket> *out)
     msg.nlh.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     msg.req.sdiag_family = AF_UNIX;
     msg.req.udiag_states = 0xFFFFFFFFu;
-    msg.req.udiag_show = UDIAG_SHOW_VFS | UDIAG_SHOW_MEMINFO;
+    msg.req.udiag_show = UDIAG_SHOW_VFS | UDIAG_SHOW_RQLEN;
     sockaddr_nl nl;
     memset(&nl, 0, sizeof nl);
     nl.nl_family = AF_NETLINK;
@@ -111,12 +113,11 @@ bool kernel_sockets(std::unordered_map<uint64_t, KernelSocket> *out)
                     memcpy(&v, RTA_DATA(a), sizeof v);
                     vfs_ino = v.udiag_vfs_ino;
                     bound = true;
-                } else if (a->rta_type == UNIX_DIAG_MEMINFO) {
-                    uint32_t mem[SK_MEMINFO_VARS] = {};
-                    memcpy(mem, RTA_DATA(a),
-                           std::min(payload, sizeof mem));
-                    if (payload >= (SK_MEMINFO_RMEM_ALLOC + 1) * 4)
-                        s.queued_bytes = mem[SK_MEMINFO_RMEM_ALLOC];
+                } else if (a->rta_type == UNIX_DIAG_RQLEN &&
+                           payload >= sizeof(unix_diag_rqlen)) {
+                    unix_diag_rqlen q;
+                    memcpy(&q, RTA_DATA(a), sizeof q);
+                    s.queue_head_bytes = q.udiag_rqueue;
                 }
             }
             if (bound)
@@ -307,7 +308,7 @@ size_t tarnhost_bus_handles(tarnhost_bus_handle_info_t *out, size_t max)
         auto s = sap_of.find(ids[i]);
         h.sap = s == sap_of.end() ? -1 : s->second;
         h.pid = -1;
-        h.queued_bytes = -1;
+        h.queue_head_bytes = -1;
         h.drops = -1;
         const KernelSocket *k = nullptr;
         h.alive = handle_alive(*bus, ids[i], have_kernel, kernel, &k) ? 1 : 0;
@@ -315,7 +316,7 @@ size_t tarnhost_bus_handles(tarnhost_bus_handle_info_t *out, size_t max)
         if (h.alive && tarnhost_bus_missed(ids[i], &missed) == 0)
             h.drops = missed;
         if (k != nullptr) {
-            h.queued_bytes = k->queued_bytes;
+            h.queue_head_bytes = k->queue_head_bytes;
             sock_ino[i] = k->ino;
             wanted[k->ino] = true;
         }

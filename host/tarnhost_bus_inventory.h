@@ -34,7 +34,8 @@ typedef struct tarnhost_bus_handle_info {
     int32_t alive;        /* 1 a socket is bound at its file, 0 dead       */
     int32_t pid;          /* the process holding the socket; -1 unknown    */
     char comm[TARNHOST_BUS_COMM_SIZE]; /* that process's name; "" unknown  */
-    int64_t queued_bytes; /* kernel memory of datagrams waiting; -1 unknown */
+    int64_t queue_head_bytes; /* size of the next datagram waiting in its
+                                 queue, 0 when none waits; -1 unknown   */
     int64_t drops;        /* messages the bus could not deliver to it (its
                              queue stayed full), not yet taken by its
                              holder (tarnhost_bus_missed); -1 unknown     */

@@ -146,7 +146,7 @@ TEST_F(TarnctlBus, ShowBusJsonFollowsItsSchemaWithLiveAndDeadEntries)
             EXPECT_EQ(sap, h["access_point"]);
             EXPECT_EQ(w.pid, h["pid"]);
             EXPECT_EQ("tarnctl", h["process"]);
-            EXPECT_TRUE(h["queued_bytes"].is_number());
+            EXPECT_EQ(0, h["queue_head_bytes"]);
             const auto subs = h["subscriptions"].get<std::vector<uint32_t>>();
             EXPECT_NE(subs.end(), std::find(subs.begin(), subs.end(), 51226u));
             EXPECT_NE(subs.end(), std::find(subs.begin(), subs.end(), 51215u));
@@ -179,6 +179,40 @@ TEST_F(TarnctlBus, ShowBusJsonFollowsItsSchemaWithLiveAndDeadEntries)
         r.out, std::regex("\n" + std::to_string(handle) + " +" + std::to_string(sap) +
                           " +alive +" + std::to_string(w.pid) + " +tarnctl ")))
         << r.out;
+}
+
+TEST_F(TarnctlBus, ShowBusCountsWhatAStoppedClientMissed)
+{
+    Proc w;
+    uint32_t sap = 0, handle = 0;
+    watch(&w, &sap, &handle);
+    ASSERT_EQ(0, kill(w.pid, SIGSTOP));
+    std::string changes = "{\"changes\": [";
+    for (int i = 0; i < 40; ++i)
+        changes += std::string(i ? "," : "") + "{\"change\": \"as_format\", \"format\": " +
+                   std::to_string(2 + i % 2) + "}";
+    const std::string file = root_ + "/changes.json";
+    std::ofstream(file) << changes << "]}";
+    Result r = tarnctl({"apply", file});
+    ASSERT_EQ(0, r.status) << r.err;
+
+    uint32_t missed = 0;
+    ASSERT_EQ(0, tarnhost_bus_missed(handle, &missed));
+    EXPECT_GT(missed, 0u);
+    r = tarnctl({"show", "bus", "--json"});
+    ASSERT_EQ(0, r.status) << r.err;
+    bool seen = false;
+    const json doc = json::parse(r.out);
+    for (const json &h : doc["handles"])
+        if (h["handle"] == handle) {
+            seen = true;
+            EXPECT_EQ(missed, h["drops"]);
+            // An attribute change waits at the head of its queue.
+            EXPECT_EQ(28 + 28, h["queue_head_bytes"]);
+            EXPECT_EQ(true, h["alive"]);
+        }
+    EXPECT_TRUE(seen) << r.out;
+    ASSERT_EQ(0, kill(w.pid, SIGCONT));
 }
 
 TEST_F(TarnctlBus, ShowBusOnAnEmptyBus)

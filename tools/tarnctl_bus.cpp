@@ -66,7 +66,7 @@ void print_help()
            "socket is still\n"
            "                 bound to it (alive or dead), the process holding "
            "it (pid and\n"
-           "                 name), the bytes waiting in its queue, the "
+           "                 name), the size of the next message waiting in its queue (0: none), the "
            "datagrams the kernel\n"
            "                 dropped for it, and its subscriptions;\n"
            "  access points  each with the handle it leads to;\n"
@@ -233,7 +233,7 @@ int cmd_show_bus(int argc, char **argv)
                 {"alive", h.alive != 0},
                 {"pid", h.pid < 0 ? json(nullptr) : json(h.pid)},
                 {"process", h.comm[0] == '\0' ? json(nullptr) : json(h.comm)},
-                {"queued_bytes", opt_json(h.queued_bytes)},
+                {"queue_head_bytes", opt_json(h.queue_head_bytes)},
                 {"drops", opt_json(h.drops)},
                 {"subscriptions", v.subscriptions_of(h.handle)},
             });
@@ -256,12 +256,12 @@ int cmd_show_bus(int argc, char **argv)
 
     printf("bus of the device in %s\n\n", tarnhost_root());
     printf("%-10s  %-12s  %-5s  %-8s  %-16s  %-12s  %-6s  %s\n", "HANDLE", "ACCESS POINT",
-           "STATE", "PID", "PROCESS", "QUEUED BYTES", "DROPS", "SUBSCRIPTIONS");
+           "STATE", "PID", "PROCESS", "QUEUE HEAD", "DROPS", "SUBSCRIPTIONS");
     for (const auto &h : v.handles)
         printf("%-10u  %-12s  %-5s  %-8s  %-16s  %-12s  %-6s  %s\n", h.handle,
                h.sap < 0 ? "-" : std::to_string(h.sap).c_str(), h.alive ? "alive" : "dead",
                opt_number(h.pid).c_str(), h.comm[0] ? h.comm : "-",
-               opt_number(h.queued_bytes).c_str(), opt_number(h.drops).c_str(),
+               opt_number(h.queue_head_bytes).c_str(), opt_number(h.drops).c_str(),
                join(v.subscriptions_of(h.handle)).c_str());
     if (v.handles.empty())
         printf("(no handles)\n");
