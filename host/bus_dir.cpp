@@ -57,10 +57,9 @@ void *map_shared(int fd)
     return p == MAP_FAILED ? nullptr : p;
 }
 
-// Lists the decimal entries of a directory descriptor (not consumed).  A
-// directory that cannot be read to its end sets *err (when given): a
-// publisher must hear of that instead of silently reaching nobody.
-std::vector<uint32_t> list_ids(int dirfd, int *err = nullptr)
+}  // namespace
+
+std::vector<uint32_t> list_ids(int dirfd, int *err)
 {
     std::vector<uint32_t> ids;
     int fd = openat(dirfd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -94,6 +93,8 @@ std::vector<uint32_t> list_ids(int dirfd, int *err = nullptr)
     closedir(d);
     return ids;
 }
+
+namespace {
 
 
 // Opens the subdirectories and the generation word of a bus whose

@@ -86,6 +86,10 @@ bool socket_alive(const Bus &bus, uint32_t id);
 
 // Strict decimal, as in the bus's file names.
 bool parse_u32(const char *s, uint32_t *out);
+// The decimal entries of a directory descriptor (not consumed).  A
+// directory that cannot be read to its end sets *err (when given): a
+// publisher must hear of that instead of silently reaching nobody.
+std::vector<uint32_t> list_ids(int dirfd, int *err = nullptr);
 
 // The bus-wide lock (flock on <root>/bus/lock); the descriptor or -1.
 int lock_bus(const Bus &bus);

@@ -459,7 +459,7 @@ TEST_F(TarnctlShow, ManualCoversEveryCommand)
             << "no section for " << c << " in\n" << marks;
     Result show = tarnctl({"show", "--help"});
     std::vector<std::string> whats = listed(show.out);
-    ASSERT_EQ(8u, whats.size()) << show.out;
+    ASSERT_EQ(10u, whats.size()) << show.out;
     for (const std::string &w : whats)
         EXPECT_TRUE(marks.find(".B tarnctl show " + w + "\n") != std::string::npos ||
                     marks.find(".B tarnctl show " + w + " ") != std::string::npos ||

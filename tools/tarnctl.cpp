@@ -14,6 +14,9 @@ const Command *const kCommands[] = {
     &kWatch,
     &kApply,
     &kDumpCache,
+    &kRecord,
+    &kReplay,
+    &kLog,
 };
 
 void print_usage(FILE *out)

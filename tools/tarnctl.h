@@ -38,7 +38,8 @@ extern const Command kLoad;
 int cmd_show(int argc, char **argv);
 extern const Command kShow;
 
-// tarnctl watch [--sap N] [--count N] [--timeout S]
+// tarnctl watch [--sap N] [--count N] [--timeout S] [--json] [--passive]
+//               [--opcode N]...
 int cmd_watch(int argc, char **argv);
 extern const Command kWatch;
 
@@ -46,9 +47,21 @@ extern const Command kWatch;
 int cmd_apply(int argc, char **argv);
 extern const Command kApply;
 
-// tarnctl dump-cache --client HANDLE [--verify]
+// tarnctl dump-cache (--client HANDLE | --sap N | --pid P) [--verify]
 int cmd_dump_cache(int argc, char **argv);
 extern const Command kDumpCache;
+
+// tarnctl record FILE [--opcode N]... [--count N] [--timeout S]
+int cmd_record(int argc, char **argv);
+extern const Command kRecord;
+
+// tarnctl replay FILE [--speed X]
+int cmd_replay(int argc, char **argv);
+extern const Command kReplay;
+
+// tarnctl log [-f] [--json] [--grep TEXT] [--timeout S]
+int cmd_log(int argc, char **argv);
+extern const Command kLog;
 
 }  // namespace tarnctl
 

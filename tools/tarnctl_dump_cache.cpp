@@ -20,12 +20,14 @@
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_clients.h"
+#include "tools/tarnctl_verify.h"
 
 namespace tarnctl {
 
 const Command kDumpCache = {
     "dump-cache",
-    "--client HANDLE [--verify]",
+    "(--client HANDLE | --sap N | --pid P) [--verify]",
     "print a client's Gyre cache; --verify compares it with the databases",
     cmd_dump_cache,
 };
@@ -37,15 +39,19 @@ constexpr uint32_t kRequestSize = 28;
 constexpr uint32_t kHeader = GYRE_CACHE_DUMP_HEADER_SIZE;
 constexpr uint32_t kRecord = GYRE_CACHE_DUMP_RECORD_SIZE;
 constexpr uint32_t kWaitSeconds = 9;
+// A client that ignores the inspection request is not built on the helper;
+// one that is answers well within this.
+constexpr uint32_t kInspectMs = 2000;
 // A dump never has more pages than topologies can fill.
 constexpr uint32_t kMaxPages = 0x40000000u / GYRE_CACHE_DUMP_PAGE + 2;
 
 void print_help()
 {
-    printf("usage: tarnctl dump-cache --client HANDLE [--verify]\n"
+    printf("usage: tarnctl dump-cache (--client HANDLE | --sap N | --pid P) [--verify]\n"
            "\n"
-           "Asks the client process whose bus handle is HANDLE (the handle that\n"
-           "\"tarnctl watch\" prints at its start) for its Gyre cache, page by page, and\n"
+           "Asks a client process for its Gyre cache, page by page: the one whose bus\n"
+           "handle is HANDLE, that serves access point N, or whose process P holds a\n"
+           "registered client handle (\"tarnctl show clients\" lists them all), and\n"
            "prints it as a table: topology, active VLANs, ftags, and \"Out of Sync!\" for a\n"
            "topology whose ftag or VLAN owner tables disagree with it.  The request goes\n"
            "to the access point that the handle serves: a handle is reached through its\n"
@@ -53,29 +59,16 @@ void print_help()
            "\n"
            "With --verify it also reads every dumped topology's VLAN and ftag sets from\n"
            "the device's databases and lists each difference, and each topology that\n"
-           "only one side has.\n"
+           "only one side has.  A client built on the host's client helper (\"tarnctl\n"
+           "watch\" is one) is also asked what each of its queries answers: the owner\n"
+           "of every VLAN and ftag, the unicast ftag and the ftag of every graph of\n"
+           "every topology and VLAN, the VLAN sets, the VLANs of every ftag and the AS\n"
+           "format; each answer is compared with the database path.  A difference\n"
+           "that the library makes on purpose between its cache and database paths\n"
+           "is shown as such and does not fail the check; any other DIVERGES.\n"
            "\n"
-           "Exit status: 0 printed (and, with --verify, no difference), 1 the dump\n"
-           "failed or a difference was found, 2 usage error.\n");
-}
-
-// Decimal digits only, within lo..hi.
-bool parse_handle(const char *text, uint64_t lo, uint64_t hi, uint64_t *out)
-{
-    if (text == nullptr || *text == '\0')
-        return false;
-    uint64_t v = 0;
-    for (const char *c = text; *c != '\0'; ++c) {
-        if (*c < '0' || *c > '9')
-            return false;
-        v = v * 10 + static_cast<uint64_t>(*c - '0');
-        if (v > hi)
-            return false;
-    }
-    if (v < lo)
-        return false;
-    *out = v;
-    return true;
+           "Exit status: 0 printed (and, with --verify, nothing diverges), 1 the dump\n"
+           "failed or a divergence was found, 2 usage error.\n");
 }
 
 uint32_t load32(const uint8_t *p)
@@ -268,8 +261,8 @@ uint32_t print_dump(uint32_t requester, int32_t sap)
 
 int cmd_dump_cache(int argc, char **argv)
 {
-    uint64_t client = 0;
-    bool have_client = false, check = false;
+    ClientAddress address;
+    bool check = false;
     for (int i = 0; i < argc; ++i) {
         const char *a = argv[i];
         if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
@@ -280,33 +273,24 @@ int cmd_dump_cache(int argc, char **argv)
             check = true;
             continue;
         }
-        const char *value = nullptr;
-        if (strcmp(a, "--client") == 0) {
-            if (i + 1 >= argc)
-                return usage_error(kDumpCache, "--client needs a value");
-            value = argv[++i];
-        } else if (strncmp(a, "--client=", 9) == 0) {
-            value = a + 9;
-        } else {
+        std::string error;
+        const int matched = parse_client_address(argc, argv, &i, &address, &error);
+        if (matched < 0)
+            return usage_error(kDumpCache, error.c_str());
+        if (matched == 0) {
             std::string msg = a[0] == '-' ? "unknown option \"" + std::string(a) + "\""
                                           : "unexpected argument \"" + std::string(a) + "\"";
             return usage_error(kDumpCache, msg.c_str());
         }
-        // Handles are 0 to 4294967294; all ones is no handle.
-        if (!parse_handle(value, 0, 0xFFFFFFFEu, &client))
-            return usage_error(kDumpCache, "--client takes a bus handle from 0 to 4294967294");
-        have_client = true;
     }
-    if (!have_client)
-        return usage_error(kDumpCache, "--client HANDLE is missing");
+    if (address.kind == ClientAddress::kNone)
+        return usage_error(kDumpCache, "--client HANDLE, --sap N or --pid P is missing");
 
-    const uint32_t handle = static_cast<uint32_t>(client);
-    const int32_t sap = tarnhost_bus_handle_sap(handle);
-    if (sap < 0) {
-        fprintf(stderr,
-                "tarnctl dump-cache: bus handle %u serves no access point on the device in %s; "
-                "give the handle that \"tarnctl watch\" prints\n",
-                handle, tarnhost_root());
+    int32_t sap = -1;
+    uint32_t handle = BUS_HANDLE_NONE;
+    const std::string unresolved = resolve_client(address, &sap, &handle);
+    if (!unresolved.empty()) {
+        fprintf(stderr, "tarnctl dump-cache: %s\n", unresolved.c_str());
         return kExitFailed;
     }
     const uint32_t requester = bus_bind(4, -1, nullptr, "tarnctl dump-cache");
@@ -340,11 +324,26 @@ int cmd_dump_cache(int argc, char **argv)
                     tarnhost_root(), tarnhost_root());
             status = kExitFailed;
         } else {
-            const size_t diffs = verify(dump);
+            size_t diffs = verify(dump);
+            std::set<uint32_t> cached;
+            for (const auto &d : dump)
+                cached.insert(d.first);
+            const VerifyCount answers = verify_answers(requester, sap, cached, kInspectMs);
+            diffs += answers.divergences;
+            if (!answers.helper)
+                printf("verify: the client does not answer the host's inspection request "
+                       "(it is not built on the host's client helper): compared only what "
+                       "the dump carries, each topology's VLAN and ftag sets; not compared: "
+                       "owners, unicast ftags, ftags per graph, configured VLANs, the VLANs "
+                       "of each ftag, the AS format\n");
             if (diffs == 0)
-                printf("verify: cache and database agree on %zu topologies\n", dump.size());
+                printf("verify: cache and database agree on %zu topologies", dump.size());
             else
-                printf("verify: %zu differences\n", diffs);
+                printf("verify: %zu differences", diffs);
+            if (answers.helper)
+                printf("; %zu answers compared, %zu differences as the library intends",
+                       answers.compared, answers.intended);
+            printf("\n");
             status = diffs == 0 ? kExitOk : kExitFailed;
             // Agreement of the Gyre cache says nothing of notifications the
             // client never got (the AS format, say).

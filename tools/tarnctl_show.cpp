@@ -25,6 +25,7 @@
 #include "platform/bus.h"
 #include "platform/nic.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_bus.h"
 
 namespace tarnctl {
 
@@ -969,6 +970,8 @@ void print_show_help(FILE *out)
             "\n");
     for (const Sub &s : kSubs)
         fprintf(out, "  %-16s %s\n", s.cmd.name + 5, s.cmd.summary);
+    fprintf(out, "  %-16s %s\n", "bus", "handles, access points, subscriptions, dead entries");
+    fprintf(out, "  %-16s %s\n", "clients", "the caching clients and how to address them");
     fprintf(out,
             "\n"
             "Exit status: 0 shown, 1 failed (device not up, no such "
@@ -986,6 +989,10 @@ int cmd_show(int argc, char **argv)
         print_show_help(stdout);
         return kExitOk;
     }
+    if (what == "bus")
+        return cmd_show_bus(argc - 1, argv + 1);
+    if (what == "clients")
+        return cmd_show_clients(argc - 1, argv + 1);
     for (const Sub &s : kSubs) {
         if (what != s.cmd.name + 5)
             continue;

@@ -10,23 +10,28 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include <tarn/gyre.h>
 #include <tarn/tarn.h>
 
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
+#include "host/tarnhost_client.h"
 #include "platform/alloctrack.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_passive.h"
 
 namespace tarnctl {
 
 const Command kWatch = {
     "watch",
-    "[--sap N] [--count N] [--timeout S]",
+    "[--sap N] [--count N] [--timeout S] [--json] [--passive] [--opcode N]...",
     "follow the device's notifications as a caching client",
     cmd_watch,
 };
@@ -39,12 +44,24 @@ constexpr int32_t kLastSap = 1099;
 constexpr int32_t kMaxSap = 0x7FFFFFFF;
 
 volatile sig_atomic_t g_stop = 0;
+bool g_json = false;
+std::vector<uint32_t> g_only;  // the opcodes to print; empty: all
+
+using json = nlohmann::json;
+
+void emit(const json &event) { printf("%s\n", event.dump(-1, ' ', true).c_str()); }
+
+bool wanted(uint32_t opcode)
+{
+    return g_only.empty() || std::find(g_only.begin(), g_only.end(), opcode) != g_only.end();
+}
 
 void on_signal(int) { g_stop = 1; }
 
 void print_help()
 {
-    printf("usage: tarnctl watch [--sap N] [--count N] [--timeout S]\n"
+    printf("usage: tarnctl watch [--sap N] [--count N] [--timeout S] [--json] [--passive]\n"
+           "                     [--opcode N]...\n"
            "\n"
            "Runs as a client process of the device in $TARNHOST_ROOT: binds "
            "a bus access\n"
@@ -65,6 +82,18 @@ void print_help()
            "prints the\n"
            "memory that libtarn still holds in the memory tracker "
            "(library %u).\n"
+           "\n"
+           "--json prints every line as one JSON object (NDJSON): an \"event\" of "
+           "\"start\",\n"
+           "\"notification\", \"missed\" or \"stop\" with the same facts.  "
+           "--passive listens\n"
+           "without libtarn: a dynamic handle subscribed to the services' "
+           "notifications\n"
+           "prints each one's opcode, length and payload (hex), and no cache is "
+           "enabled.\n"
+           "--opcode N (repeatable) prints only those opcodes (a passive listener "
+           "subscribes\n"
+           "only to them; a caching one still applies every message).\n"
            "\n"
            "Exit status: 0 stopped, 1 could not start, 2 usage error.\n",
            kFirstSap, kLastSap, TARN_LIB_ALLOC_ID);
@@ -260,33 +289,52 @@ std::string describe(const Seen &s, int32_t result)
 }
 
 // The caches as they stand: the AS format and every cached topology.
-void print_caches()
+// The caches now: {"as_format", "cached"} for --json, else their lines.
+json print_caches()
 {
-    printf("AS format %u\n", tarn_get_as_format());
     std::vector<uint32_t> tpgs;
     tarn_table_info_t info;
     memset(&info, 0, sizeof info);
     for (uint32_t t = gyre_get_first_l2_tpg(&info);
          t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
         tpgs.push_back(t);
+    json cached = json::array();
     for (uint32_t t : tpgs)
-        printf("cached %s\n", topology_now(t).c_str());
+        cached.push_back(topology_now(t));
+    if (!g_json) {
+        printf("AS format %u\n", tarn_get_as_format());
+        for (const json &t : cached)
+            printf("cached %s\n", t.get<std::string>().c_str());
+    }
+    return {{"as_format", tarn_get_as_format()}, {"cached", cached}};
 }
 
-// Applies one message and says what it changed.
-void handle(uint32_t h, bus_msg_t *msg)
+// Applies one message and says what it changed; false for the host's
+// inspection request, which is answered and is no notification.
+bool handle(uint32_t h, bus_msg_t *msg)
 {
     const Seen seen = inspect(msg);
+    if (seen.opcode == TARNHOST_OPC_CLIENT_INSPECT) {
+        tarnhost_client_dispatch(h, msg);
+        return false;
+    }
     const std::string name = bus_opc_name_get(seen.opcode);
-    const int32_t r = tarn_dispatch(msg);
+    const int32_t r = tarnhost_client_dispatch(h, msg);
     // 1: the library applied the message and dropped it; anything else
     // leaves it to us.
     if (r != 1)
         bus_drop(h, msg);
+    if (!wanted(seen.opcode))
+        return false;
     std::string what = describe(seen, r);
     if (r == -1 && what != "not for libtarn")
         what += " (not taken by libtarn)";
-    printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+    if (g_json)
+        emit({{"event", "notification"}, {"time", now_text()}, {"opcode", seen.opcode},
+              {"name", name}, {"taken", r == 1}, {"change", what}});
+    else
+        printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+    return true;
 }
 
 // Notifications that the bus could not deliver (the queue stayed full
@@ -300,20 +348,25 @@ uint64_t catch_up(uint32_t h, const gyre_cache_attr_t *attr)
     if (tarnhost_bus_missed_take(h, &missed) != 0 || missed == 0)
         return 0;
     uint64_t handled = 0;
-    while (bus_msg_t *msg = tarnhost_bus_recv_ms(h, 0)) {
-        handle(h, msg);
-        ++handled;
-    }
+    while (bus_msg_t *msg = tarnhost_bus_recv_ms(h, 0))
+        handled += handle(h, msg) ? 1 : 0;
     uint32_t more = 0;
     if (tarnhost_bus_missed_take(h, &more) == 0)
         missed += more;
-    printf("%s missed %u notifications (the queue was full); rebuilding the "
-           "caches from the databases\n",
-           now_text().c_str(), missed);
+    if (!g_json)
+        printf("%s missed %u notifications (the queue was full); rebuilding the "
+               "caches from the databases\n",
+               now_text().c_str(), missed);
     tarn_refresh_as_format_info();
     gyre_disable_cache_mode();
     gyre_enable_cache_mode(attr);
-    print_caches();
+    json caches = print_caches();
+    if (g_json) {
+        caches["event"] = "missed";
+        caches["time"] = now_text();
+        caches["missed"] = missed;
+        emit(caches);
+    }
     return handled;
 }
 
@@ -367,17 +420,74 @@ uint32_t bind_access_point(int32_t asked, int32_t *sap)
     return BUS_HANDLE_NONE;
 }
 
+// --passive: the notifications as they arrive, without libtarn.
+int listen(uint64_t count, uint64_t timeout)
+{
+    const std::vector<uint32_t> opcodes = g_only.empty() ? notification_opcodes() : g_only;
+    std::string error;
+    const uint32_t h = listen_passively("tarnctl watch --passive", opcodes, &error);
+    if (h == BUS_HANDLE_NONE) {
+        fprintf(stderr, "tarnctl watch: %s in %s/bus\n", error.c_str(), tarnhost_root());
+        return kExitFailed;
+    }
+    if (g_json)
+        emit({{"event", "start"}, {"passive", true}, {"access_point", nullptr}, {"handle", h},
+              {"device", tarnhost_root()}, {"opcodes", opcodes}});
+    else
+        printf("passive listener, bus handle %u, device %s\nwatching\n", h, tarnhost_root());
+    const double start = monotonic_seconds();
+    uint64_t handled = 0;
+    const char *why = nullptr;
+    for (;;) {
+        why = stop_reason(g_stop != 0, handled, count, monotonic_seconds() - start, timeout);
+        if (why != nullptr)
+            break;
+        bus_msg_t *msg = tarnhost_bus_recv_ms(h, 1000);
+        if (msg == nullptr)
+            continue;
+        const uint32_t opcode = bus_opc_get(msg);
+        uint32_t len = 0;
+        const uint8_t *p = static_cast<const uint8_t *>(bus_payload_get(msg, &len));
+        const std::string hex = to_hex(p, p == nullptr ? 0 : len);
+        const std::string name = bus_opc_name_get(opcode);
+        if (g_json)
+            emit({{"event", "notification"}, {"time", now_text()}, {"opcode", opcode},
+                  {"name", name}, {"bytes", len}, {"payload", hex}});
+        else
+            printf("%s %s %u bytes %s\n", now_text().c_str(), name.c_str(), len,
+                   hex.empty() ? "-" : hex.c_str());
+        bus_drop(h, msg);
+        ++handled;
+    }
+    bus_unbind(h);
+    if (g_json)
+        emit({{"event", "stop"}, {"reason", why}, {"messages", handled}});
+    else
+        printf("stopped (%s) after %llu messages\n", why, static_cast<unsigned long long>(handled));
+    return kExitOk;
+}
+
 }  // namespace
 
 int cmd_watch(int argc, char **argv)
 {
     uint64_t sap = 0, count = 0, timeout = 0;
+    bool passive = false;
     for (int i = 0; i < argc; ++i) {
         const char *a = argv[i];
         if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
             print_help();
             return kExitOk;
         }
+        if (strcmp(a, "--json") == 0 || strcmp(a, "--passive") == 0) {
+            (a[2] == 'j' ? g_json : passive) = true;
+            continue;
+        }
+        const int op = parse_opcode_option(argc, argv, &i, &g_only);
+        if (op < 0)
+            return usage_error(kWatch, "--opcode takes an opcode from 0 to 4294967295");
+        if (op > 0)
+            continue;
         struct {
             const char *name;
             uint64_t *out;
@@ -422,6 +532,11 @@ int cmd_watch(int argc, char **argv)
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
 
+    if (passive) {
+        if (sap != 0)
+            return usage_error(kWatch, "--passive listens on a dynamic handle; drop --sap");
+        return listen(count, timeout);
+    }
     if (tarn_api_init() != TARN_SUCCESS) {
         fprintf(stderr,
                 "tarnctl watch: libtarn could not be initialised for the "
@@ -458,17 +573,10 @@ int cmd_watch(int argc, char **argv)
         return kExitFailed;
     }
 
-    const char *step = nullptr;
     gyre_cache_attr_t attr;
-    attr.bus_handle = h;
-    if (tarn_register(h) != TARN_SUCCESS)
-        step = "tarn_register";
-    else if (gyre_register(h) != TARN_SUCCESS)
-        step = "gyre_register";
-    else if (tarn_track_as_format() != TARN_SUCCESS)
-        step = "tarn_track_as_format";
-    else if (gyre_enable_cache_mode(&attr) != TARN_SUCCESS)
-        step = "gyre_enable_cache_mode";
+    memset(&attr, 0, sizeof attr);
+    attr.bus_handle = h;  // for rebuilding the Gyre cache after a loss
+    const char *step = tarnhost_client_start(h, TARNHOST_CLIENT_ALL);
     if (step != nullptr) {
         gyre_api_close();
         tarn_api_close();
@@ -479,10 +587,18 @@ int cmd_watch(int argc, char **argv)
         return kExitFailed;
     }
 
-    printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
-           tarnhost_root());
-    print_caches();
-    printf("watching\n");
+    if (!g_json)
+        printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
+               tarnhost_root());
+    json caches = print_caches();
+    if (g_json) {
+        json start = {{"event", "start"}, {"passive", false}, {"access_point", bound_sap},
+                      {"handle", h}, {"device", tarnhost_root()}};
+        start.update(caches);
+        emit(start);
+    } else {
+        printf("watching\n");
+    }
 
     const double start = monotonic_seconds();
     uint64_t handled = 0;
@@ -505,16 +621,26 @@ int cmd_watch(int argc, char **argv)
             break;
         }
         bus_msg_t *msg = bus_recv(h, &ro);
-        if (msg != nullptr) {
-            handle(h, msg);
+        if (msg != nullptr && handle(h, msg))
             ++handled;
-        }
         handled += catch_up(h, &attr);
     }
 
     gyre_api_close();
     tarn_api_close();
     bus_unbind(h);
+    if (g_json) {
+        json memory = json::object();
+        for (uint32_t type = TARN_LIB_MEM_NONE + 1; type < TARN_LIB_MEM_MAX; ++type) {
+            const char *mem_name = __tarn_api_mem_type_t_find(type);
+            memory[mem_name ? mem_name : std::to_string(type)] = {
+                {"count", alloctrack_live_count(TARN_LIB_ALLOC_ID, type)},
+                {"bytes", alloctrack_live_bytes(TARN_LIB_ALLOC_ID, type)}};
+        }
+        emit({{"event", "stop"}, {"reason", why}, {"messages", handled},
+              {"access_point", bound_sap}, {"memory", memory}});
+        return kExitOk;
+    }
     printf("stopped (%s) after %llu messages; access point %d released\n", why,
            static_cast<unsigned long long>(handled), bound_sap);
     print_memory();

@@ -1,0 +1,210 @@
+// tarnctl watch --json, --passive and --opcode, and tarnctl record and
+// replay: a device's notifications recorded, a fresh device loaded, the
+// recording replayed, and a second client ending with the same cache as
+// the first.
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "host/tarnhost.h"
+#include "support/fixture.h"
+#include "support/tool_process.h"
+
+namespace {
+
+using json = nlohmann::json;
+using tarntest::Proc;
+using tarntest::Result;
+using tarntest::tarnctl;
+
+std::vector<std::string> lines(const std::string &s)
+{
+    std::vector<std::string> out;
+    std::istringstream in(s);
+    std::string line;
+    while (std::getline(in, line))
+        out.push_back(line);
+    return out;
+}
+
+class TarnctlRecord : public tarntest::HostTest {
+protected:
+    void SetUp() override
+    {
+        HostTest::SetUp();
+        load();
+    }
+    void load()
+    {
+        Result r = tarnctl({"load", std::string(TARN_SOURCE_DIR) + "/examples/device.json"});
+        ASSERT_EQ(0, r.status) << r.err;
+    }
+    void apply()
+    {
+        Result r = tarnctl({"apply", std::string(TARN_SOURCE_DIR) + "/examples/changes.json"});
+        ASSERT_EQ(0, r.status) << r.err;
+    }
+    std::string dump(const std::string &sap)
+    {
+        Result r = tarnctl({"dump-cache", "--sap", sap});
+        EXPECT_EQ(0, r.status) << r.err;
+        return r.out;
+    }
+};
+
+TEST_F(TarnctlRecord, WatchJsonPrintsOneObjectPerLine)
+{
+    Proc w;
+    w.start({"watch", "--json", "--sap", "1200", "--count", "2", "--opcode", "51226",
+             "--opcode=51208"});
+    ASSERT_TRUE(w.wait_for("\"event\":\"start\"")) << w.err();
+    apply();
+    ASSERT_EQ(0, w.wait()) << w.err();
+    const std::vector<std::string> out = lines(w.out());
+    std::vector<json> events;
+    for (const std::string &l : out) {
+        json j = json::parse(l, nullptr, false);
+        ASSERT_TRUE(j.is_object()) << l;
+        events.push_back(j);
+    }
+    ASSERT_EQ(4u, events.size()) << w.out();
+    EXPECT_EQ("start", events[0]["event"]);
+    EXPECT_EQ(1200, events[0]["access_point"]);
+    EXPECT_EQ(false, events[0]["passive"]);
+    EXPECT_EQ(2, events[0]["as_format"]);
+    // Only the opcodes asked for, in order: the topology created, then the
+    // first attribute change (kind 2 of changes.json).
+    EXPECT_EQ("notification", events[1]["event"]);
+    EXPECT_EQ(51208, events[1]["opcode"]);
+    EXPECT_TRUE(events[1]["taken"].is_boolean());
+    EXPECT_EQ(51226, events[2]["opcode"]);
+    EXPECT_TRUE(std::regex_match(events[1]["time"].get<std::string>(),
+                                 std::regex("[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}")));
+    EXPECT_EQ("stop", events[3]["event"]);
+    EXPECT_EQ("count", events[3]["reason"]);
+    EXPECT_EQ(2, events[3]["messages"]);
+    EXPECT_EQ(0, events[3]["memory"]["TARN_LIB_MEM_GYRE_CACHE"]["count"]);
+}
+
+TEST_F(TarnctlRecord, PassiveWatchEnablesNothingAndPrintsPayloads)
+{
+    Proc p;
+    p.start({"watch", "--passive", "--count", "1", "--opcode", "51208"});
+    ASSERT_TRUE(p.wait_for("watching\n")) << p.err();
+    // Subscribed, but no libtarn client: nothing to ask, no cache.
+    Result clients = tarnctl({"show", "clients", "--json"});
+    const json listed = json::parse(clients.out)["clients"];
+    ASSERT_EQ(1u, listed.size()) << clients.out;
+    EXPECT_EQ(false, listed[0]["helper"]);
+    EXPECT_TRUE(listed[0]["access_point"].is_null());
+    EXPECT_TRUE(listed[0]["gyre_cache"].is_null());
+    EXPECT_TRUE(listed[0]["address"].is_null());
+    apply();
+    ASSERT_EQ(0, p.wait()) << p.err();
+    const std::vector<std::string> out = lines(p.out());
+    ASSERT_EQ(4u, out.size()) << p.out();
+    EXPECT_TRUE(std::regex_match(out[0], std::regex("passive listener, bus handle [0-9]+, device " +
+                                                    root_)))
+        << out[0];
+    // Topology 40 created: 24 bytes, the id at offset 20.
+    EXPECT_TRUE(std::regex_match(
+        out[2], std::regex("[0-9:.]{12} 51208 24 bytes 0{40}28000000")))
+        << out[2];
+    EXPECT_EQ("stopped (count) after 1 messages", out[3]);
+
+    Result r = tarnctl({"watch", "--passive", "--sap", "5"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("--passive listens on a dynamic handle; drop --sap"));
+    r = tarnctl({"watch", "--opcode", "x"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("--opcode takes an opcode from 0 to 4294967295"));
+}
+
+TEST_F(TarnctlRecord, ReplayOnAFreshDeviceGivesASecondClientTheSameCache)
+{
+    const std::string file = root_ + "/notifications.ndjson";
+    std::string first;
+    {
+        Proc a, rec;
+        a.start({"watch", "--sap", "1300", "--timeout", "60"});
+        ASSERT_TRUE(a.wait_for("watching\n")) << a.err();
+        rec.start({"record", file, "--timeout", "60"});
+        ASSERT_TRUE(rec.wait_for("recording to " + file + "\n")) << rec.err();
+        const std::string before = dump("1300");
+        apply();
+        // The watcher has applied the last change once its dump answers it.
+        ASSERT_TRUE(a.wait_for("kind 4")) << a.out();
+        first = dump("1300");
+        EXPECT_NE(before, first);
+        kill(rec.pid, SIGTERM);
+        EXPECT_EQ(0, rec.wait());
+        EXPECT_NE(std::string::npos, rec.out().find("recorded 8 notifications (stopped: signal)\n"))
+            << rec.out();
+    }
+    struct stat st;
+    ASSERT_EQ(0, stat(file.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+
+    load();
+    Proc b;
+    b.start({"watch", "--sap", "1301", "--timeout", "60"});
+    ASSERT_TRUE(b.wait_for("watching\n")) << b.err();
+    EXPECT_NE(first, dump("1301"));
+    Result r = tarnctl({"replay", file, "--speed", "0"});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("replayed 8 of 8 notifications from " + file + "\n"))
+        << r.out;
+    EXPECT_TRUE(std::regex_search(r.out, std::regex("at [0-9.]+ 51208 24 bytes to 1 subscribers\n")));
+    ASSERT_TRUE(b.wait_for("kind 4")) << b.out();
+    EXPECT_EQ(first, dump("1301"));
+}
+
+TEST_F(TarnctlRecord, ReplayRefusesABadRecordingAndPublishesNothing)
+{
+    const std::string file = root_ + "/bad.ndjson";
+    std::ofstream(file) << "{\"recording\":1}\n{\"at\":0.5,\"opcode\":51208,\"payload\":\"00\"}\n"
+                        << "{\"at\":0.1,\"opcode\":51208,\"payload\":\"00\"}\n";
+    Proc p;
+    p.start({"watch", "--passive", "--timeout", "3"});
+    ASSERT_TRUE(p.wait_for("watching\n"));
+    Result r = tarnctl({"replay", file});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl replay: " + file +
+                  ":3: \"at\" must be seconds, not before the line above; nothing was published\n",
+              r.err);
+    std::ofstream(file) << "{\"recording\":1}\n{\"at\":0,\"opcode\":51208,\"payload\":\"0g\"}\n";
+    r = tarnctl({"replay", file});
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find(":2: \"payload\" must be hex of at most"));
+    std::ofstream(file) << "{\"at\":0}\n";
+    r = tarnctl({"replay", file});
+    EXPECT_NE(std::string::npos, r.err.find(":1: not a recording of \"tarnctl record\" (format 1)"));
+    std::ofstream(file) << "";
+    r = tarnctl({"replay", file});
+    EXPECT_EQ("tarnctl replay: " + file + ": empty, not a recording; nothing was published\n", r.err);
+    // A symbolic link is neither read nor written through.
+    const std::string link = root_ + "/link.ndjson";
+    ASSERT_EQ(0, symlink(file.c_str(), link.c_str()));
+    r = tarnctl({"replay", link});
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("cannot open " + link));
+    r = tarnctl({"record", link, "--timeout", "1"});
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("tarnctl record: cannot write " + link));
+    r = tarnctl({"replay", file, "--speed", "-1"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ(0, p.wait());
+    EXPECT_NE(std::string::npos, p.out().find("stopped (timeout) after 0 messages\n")) << p.out();
+}
+
+}  // namespace
