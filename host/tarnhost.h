@@ -71,18 +71,33 @@ void tarnhost_cell_reset(void);
 typedef struct tarnhost_kvs_txn tarnhost_kvs_txn_t;
 
 /* Begin a write transaction on the database named by `uri` (created when it
- * does not exist).  Null on failure with *status set. */
+ * does not exist).  Null on failure with *status set: KVS_ERR_DAMAGED for a
+ * store whose files cannot be read safely, KVS_ERR_DENIED for files this
+ * process may not use. */
 tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status);
 uint32_t tarnhost_kvs_txn_put(tarnhost_kvs_txn_t *txn, const void *key,
                               uint32_t key_len, const void *value,
                               uint32_t value_len);
+/* Every database of a device lives in one store, so one transaction may
+ * change several: after tarnhost_kvs_txn_select(txn, uri) the puts, deletes
+ * and clears go to the database named by `uri`, and the commit makes every
+ * change of the transaction visible at once.  KVS_ERR_INVALID for a
+ * database of another device. */
+uint32_t tarnhost_kvs_txn_select(tarnhost_kvs_txn_t *txn, const char *uri);
+/* Begin a write transaction on a new, empty store for the device of `uri`,
+ * reading nothing of the old one: its commit replaces the device's whole
+ * store (every database) at once.  The way back from a damaged store
+ * (KVS_ERR_DAMAGED). */
+tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin_anew(const char *uri,
+                                                uint32_t *status);
 /* Delete a key; an absent key gives KVS_ERR_NOT_FOUND. */
 uint32_t tarnhost_kvs_txn_del(tarnhost_kvs_txn_t *txn, const void *key,
                               uint32_t key_len);
 /* Delete every record of the database. */
 uint32_t tarnhost_kvs_txn_clear(tarnhost_kvs_txn_t *txn);
-/* Commit (readers see all of the transaction's changes at once) or abort;
- * both release the transaction. */
+/* Commit (readers see all of the transaction's changes at once; a store
+ * without room gives KVS_ERR_FULL and changes nothing) or abort; both
+ * release the transaction. */
 uint32_t tarnhost_kvs_txn_commit(tarnhost_kvs_txn_t *txn);
 void tarnhost_kvs_txn_abort(tarnhost_kvs_txn_t *txn);
 /* One-change transactions. */

@@ -205,7 +205,7 @@ protected:
         tarndev::LoadOutcome r = tarndev::load_device_text(textv, "doc.json");
         EXPECT_EQ(1, r.status) << textv;
         EXPECT_EQ(message, r.message) << textv;
-        EXPECT_FALSE(r.partly_written);
+        EXPECT_EQ(0u, r.store_status);
         EXPECT_EQ(message, tarndev::check_device_text(textv, "doc.json"));
         still_basic();
     }
