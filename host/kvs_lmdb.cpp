@@ -403,10 +403,18 @@ Db *db_for(Env *e, const char *name)
 }
 
 // The handle of a database that another process may have made since this
-// one last looked: KVS_ERR_NOT_FOUND while it does not exist.
-uint32_t resolve_dbi(Env *e, Db *d, MDB_dbi *out)
+// one last looked: KVS_ERR_NOT_FOUND while it does not exist.  Readers do
+// not wait: while a write transaction of this process is making new
+// databases (and so holds the handle lock to its end) a database this
+// process has not met yet reads as absent, as it would have a moment
+// before.
+uint32_t resolve_dbi(Env *e, Db *d, MDB_dbi *out, bool wait)
 {
-    std::lock_guard<std::recursive_mutex> lock(e->dbi_mu);
+    std::unique_lock<std::recursive_mutex> lock(e->dbi_mu, std::defer_lock);
+    if (wait)
+        lock.lock();
+    else if (!lock.try_lock())
+        return KVS_ERR_NOT_FOUND;
     MDB_dbi dbi = d->dbi.load(std::memory_order_acquire);
     if (dbi != 0) {
         *out = dbi;
@@ -608,6 +616,9 @@ uint32_t kvs_attach(const char *uri)
     l->db = d;
     ++e->links;
     ++d->links;
+    // Known from the start where the database exists already.
+    MDB_dbi ignored = 0;
+    resolve_dbi(e, d, &ignored, false);
     l->live.store(1, std::memory_order_relaxed);
     g_slots[slot].store(l, std::memory_order_release);
     if (slot == n)
@@ -642,7 +653,7 @@ uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len, const vo
     // Known before the snapshot is taken, so that the snapshot knows it.
     MDB_dbi dbi = l->db->dbi.load(std::memory_order_acquire);
     if (dbi == 0) {
-        st = resolve_dbi(l->env, l->db, &dbi);
+        st = resolve_dbi(l->env, l->db, &dbi, false);
         if (st != KVS_OK)
             return st;
     }
@@ -859,7 +870,7 @@ uint32_t kvs_iterator_init(const char *uri, const kvs_datum_t *key, uint32_t fro
     if (uri != nullptr)
         if (Link *l = find_link(uri)) {
             MDB_dbi ignored = 0;
-            resolve_dbi(l->env, l->db, &ignored);
+            resolve_dbi(l->env, l->db, &ignored, false);
         }
     // The registry lock keeps kvs_close from tearing the iterator down under
     // us; iterator calls are not a hot path.
@@ -1117,6 +1128,15 @@ tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin_anew(const char *uri, uint32_t *statu
     return t;
 }
 
+uint32_t tarnhost_kvs_check(const char *uri)
+{
+    if (uri == nullptr)
+        return KVS_ERR_INVALID;
+    char dir[kStorePathMax], name[kStoreNameMax + 1];
+    const uint32_t st = tarnhost::store_locate(uri, dir, sizeof dir, name, sizeof name);
+    return st != KVS_OK ? st : tarnhost::store_check(dir);
+}
+
 uint32_t tarnhost_kvs_txn_select(tarnhost_kvs_txn_t *txn, const char *uri)
 {
     if (txn == nullptr || uri == nullptr || txn->txn == nullptr)
@@ -1134,6 +1154,13 @@ uint32_t tarnhost_kvs_txn_select(tarnhost_kvs_txn_t *txn, const char *uri)
     for (auto &o : txn->opened)
         if (o.first == d)
             dbi = o.second;
+    // A database that exists is opened outside this transaction, which then
+    // need not hold the handle lock; only a new one is made inside it.
+    if (dbi == 0 && !txn->anew) {
+        const uint32_t st2 = resolve_dbi(txn->env, d, &dbi, true);
+        if (st2 != KVS_OK && st2 != KVS_ERR_NOT_FOUND)
+            return st2;
+    }
     if (dbi == 0) {
         if (!txn->holds_dbi_mu) {
             txn->env->dbi_mu.lock();

@@ -24,6 +24,7 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <initializer_list>
@@ -209,7 +210,7 @@ uint32_t make_dir(const char *path)
     if (err == EEXIST && lstat(path, &st) == 0 && S_ISDIR(st.st_mode))
         return KVS_OK;
     errno = err == EEXIST ? ENOTDIR : err;
-    return errno_status(errno);
+    return err == EEXIST ? KVS_ERR_DAMAGED : errno_status(err);
 }
 
 // The directory that holds `dir`, which must exist: <root>/kvs is made when
@@ -322,7 +323,8 @@ uint32_t open_env(const char *dir, MDB_env **out)
     if (rc != 0) {
         if (env != nullptr)
             mdb_env_close(env);
-        return store_status(rc);
+        // LMDB says EINVAL when it cannot map a lock file cut short.
+        return rc == EINVAL ? KVS_ERR_DAMAGED : store_status(rc);
     }
     *out = env;
     return KVS_OK;
@@ -487,5 +489,87 @@ uint32_t store_replace(const char *dir, const char *tmp)
 }
 
 void store_discard(const char *tmp) { remove_store_dir(tmp); }
+
+namespace {
+
+// Walks every record of one database; false when LMDB reports damage.
+bool walk_db(MDB_txn *txn, MDB_dbi dbi)
+{
+    MDB_cursor *c = nullptr;
+    if (mdb_cursor_open(txn, dbi, &c) != 0)
+        return false;
+    MDB_val k{0, nullptr}, v{0, nullptr};
+    int rc = mdb_cursor_get(c, &k, &v, MDB_FIRST);
+    while (rc == 0)
+        rc = mdb_cursor_get(c, &k, &v, MDB_NEXT);
+    mdb_cursor_close(c);
+    return rc == MDB_NOTFOUND;
+}
+
+// The check itself, in the child: 0 sound, 1 damaged, 2 cannot tell.
+int check_child(const char *dir)
+{
+    MDB_env *env = nullptr;
+    StoreId id;
+    int lock_fd = -1;
+    const uint32_t st = store_open(dir, &env, &id, &lock_fd);
+    if (st == KVS_ERR_DAMAGED)
+        return 1;
+    if (st != KVS_OK)
+        return 2;
+    MDB_txn *txn = nullptr;
+    if (mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn) != 0)
+        return 1;
+    MDB_dbi main_dbi = 0;
+    if (mdb_dbi_open(txn, nullptr, 0, &main_dbi) != 0 || !walk_db(txn, 0))
+        return 1;
+    // The main database lists the named ones.
+    MDB_cursor *c = nullptr;
+    if (mdb_cursor_open(txn, main_dbi, &c) != 0)
+        return 1;
+    MDB_val k{0, nullptr}, v{0, nullptr};
+    int rc = mdb_cursor_get(c, &k, &v, MDB_FIRST);
+    while (rc == 0) {
+        char name[kStoreNameMax + 1];
+        if (k.mv_size == 0 || k.mv_size > kStoreNameMax)
+            return 1;
+        memcpy(name, k.mv_data, k.mv_size);
+        name[k.mv_size] = '\0';
+        MDB_dbi dbi = 0;
+        if (mdb_dbi_open(txn, name, 0, &dbi) != 0 || !walk_db(txn, dbi))
+            return 1;
+        rc = mdb_cursor_get(c, &k, &v, MDB_NEXT);
+    }
+    return rc == MDB_NOTFOUND ? 0 : 1;
+}
+
+}  // namespace
+
+uint32_t store_check(const char *dir)
+{
+    char path[kStorePathMax];
+    struct stat st;
+    if (snprintf(path, sizeof path, "%s/data.mdb", dir) >= static_cast<int>(sizeof path))
+        return KVS_ERR_BAD_URI;
+    if (lstat(path, &st) != 0 && errno == ENOENT)
+        return KVS_OK;  // nothing to read yet
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0)
+        return errno_status(errno);
+    if (pid == 0) {
+        // Whatever the damage does to this process stays in it.
+        _exit(check_child(dir));
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR)
+            return KVS_ERR_IO;
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        return KVS_OK;
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2)
+        return KVS_ERR_IO;
+    return KVS_ERR_DAMAGED;  // found damage, or died of it
+}
 
 }  // namespace tarnhost

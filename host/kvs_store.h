@@ -56,6 +56,12 @@ TARNHOST_HIDDEN uint32_t store_replace(const char *dir, const char *tmp);
 // Removes a private directory of store_open_fresh that is not wanted.
 TARNHOST_HIDDEN void store_discard(const char *tmp);
 
+// Reads every record of every database of the store in `dir` in a child
+// process, so that damage LMDB cannot survive costs the child, not the
+// caller: 0 when all of it reads back (or there is no store yet),
+// KVS_ERR_DAMAGED when LMDB reports damage or the child dies of it.
+TARNHOST_HIDDEN uint32_t store_check(const char *dir);
+
 // A status for an LMDB or errno result.
 TARNHOST_HIDDEN uint32_t store_status(int rc);
 

@@ -90,6 +90,10 @@ uint32_t tarnhost_kvs_txn_select(tarnhost_kvs_txn_t *txn, const char *uri);
  * (KVS_ERR_DAMAGED). */
 tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin_anew(const char *uri,
                                                 uint32_t *status);
+/* Read every record of every database in the store of the device of `uri`,
+ * in a child process: 0 when it all reads back (or there is no store yet),
+ * KVS_ERR_DAMAGED when the store is damaged, however badly. */
+uint32_t tarnhost_kvs_check(const char *uri);
 /* Delete a key; an absent key gives KVS_ERR_NOT_FOUND. */
 uint32_t tarnhost_kvs_txn_del(tarnhost_kvs_txn_t *txn, const void *key,
                               uint32_t key_len);

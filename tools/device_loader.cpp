@@ -595,7 +595,11 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
         {gyre_uri, &e.gyre, nullptr},
     };
     std::string what;
-    uint32_t st = write_all(steps, false, &what);
+    // A store damaged where only reading all of it shows would make the
+    // writer fail half way, or worse: look first, at no risk to this process.
+    uint32_t st = tarnhost_kvs_check(steps[0].uri.c_str());
+    if (st != KVS_ERR_DAMAGED)
+        st = write_all(steps, false, &what);
     if (st == KVS_ERR_DAMAGED) {
         // Nothing of a damaged store can be trusted or kept: build the
         // device's store anew from the description alone.
