@@ -404,10 +404,10 @@ Db *db_for(Env *e, const char *name)
 
 // The handle of a database that another process may have made since this
 // one last looked: KVS_ERR_NOT_FOUND while it does not exist.  Readers do
-// not wait: while a write transaction of this process is making new
-// databases (and so holds the handle lock to its end) a database this
-// process has not met yet reads as absent, as it would have a moment
-// before.
+// not wait: while a write transaction of this process is open (it holds
+// the handle lock to its end) a database this process has not met yet
+// reads as absent, as it would have a moment before.  Attaching looks the
+// handle up, so this is only ever about databases made after that.
 uint32_t resolve_dbi(Env *e, Db *d, MDB_dbi *out, bool wait)
 {
     std::unique_lock<std::recursive_mutex> lock(e->dbi_mu, std::defer_lock);
@@ -1036,6 +1036,12 @@ void txn_release(tarnhost_kvs_txn_t *t, bool committed)
 
 uint32_t txn_start(tarnhost_kvs_txn_t *t, const char *uri)
 {
+    // A write transaction knows the handles opened before it began, and
+    // may open more itself, which must then be the only ones opened in the
+    // process until it ends: it holds the handle lock from before it
+    // begins to its end (readers never wait for it, see resolve_dbi).
+    t->env->dbi_mu.lock();
+    t->holds_dbi_mu = true;
     // Outside the registry lock: this waits for other writers, possibly in
     // other processes.
     int rc = mdb_txn_begin(t->env->env, nullptr, 0, &t->txn);
@@ -1154,18 +1160,8 @@ uint32_t tarnhost_kvs_txn_select(tarnhost_kvs_txn_t *txn, const char *uri)
     for (auto &o : txn->opened)
         if (o.first == d)
             dbi = o.second;
-    // A database that exists is opened outside this transaction, which then
-    // need not hold the handle lock; only a new one is made inside it.
-    if (dbi == 0 && !txn->anew) {
-        const uint32_t st2 = resolve_dbi(txn->env, d, &dbi, true);
-        if (st2 != KVS_OK && st2 != KVS_ERR_NOT_FOUND)
-            return st2;
-    }
     if (dbi == 0) {
-        if (!txn->holds_dbi_mu) {
-            txn->env->dbi_mu.lock();
-            txn->holds_dbi_mu = true;
-        }
+        // Under the handle lock, which the transaction holds from its start.
         int rc = mdb_dbi_open(txn->txn, name, MDB_CREATE, &dbi);
         if (rc != 0)
             return store_status(rc) == KVS_ERR_INVALID ? KVS_ERR_DAMAGED : store_status(rc);
