@@ -1,6 +1,6 @@
 // The baseline the database-backed operations are measured against: one
-// LMDB read of the same key, mdb_get in a renewed read transaction, on the
-// environment that holds a database of the simulated device.
+// LMDB read of the same key, mdb_get in a renewed read transaction, in the
+// named database of the device's store, the snapshot given back after.
 #ifndef TARN_BENCH_RAW_LMDB_H
 #define TARN_BENCH_RAW_LMDB_H
 
@@ -13,17 +13,23 @@
 
 class RawLmdb {
 public:
-    // Opens the environment of database `name` of the device that is up.
+    // Opens the device's store and database `name` of the device that is up.
     bool open(const char *name)
     {
         char path[1024];
         const std::string uri = std::string(TARNHOST_RUNNING_URI) + "/" + name;
         if (tarnhost_kvs_path(uri.c_str(), path, sizeof path) != 0)
             return false;
-        if (mdb_env_create(&env_) != 0 || mdb_env_set_mapsize(env_, 64u << 20) != 0 ||
-            mdb_env_open(env_, path, MDB_RDONLY | MDB_NOTLS, 0600) != 0 ||
+        // <root>/kvs/<name path> names the database in <root>/kvs/env.
+        const std::string kvs = std::string(tarnhost_root()) + "/kvs/";
+        const std::string db = std::string(path).substr(kvs.size());
+        const std::string dir = kvs + "env";
+        if (mdb_env_create(&env_) != 0 || mdb_env_set_maxdbs(env_, 256) != 0 ||
+            mdb_env_set_mapsize(env_, 64u << 20) != 0 ||
+            mdb_env_open(env_, dir.c_str(), MDB_RDONLY | MDB_NOTLS, 0600) != 0 ||
             mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn_) != 0 ||
-            mdb_dbi_open(txn_, nullptr, 0, &dbi_) != 0)
+            mdb_dbi_open(txn_, db.c_str(), 0, &dbi_) != 0 || mdb_txn_commit(txn_) != 0 ||
+            mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn_) != 0)
             return false;
         mdb_txn_reset(txn_);
         return true;
