@@ -999,8 +999,18 @@ struct tarnhost_kvs_txn {
 
 namespace {
 
-tarnhost_kvs_txn_t *txn_new(uint32_t *status)
+// A transaction object for `uri`, its store located; null with *status
+// set when the URI names no database.  A null `status` is pointed at a
+// place of this thread's own.
+tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
 {
+    static thread_local uint32_t ignored;
+    if (status == nullptr)
+        status = &ignored;
+    if (uri == nullptr) {
+        *status = KVS_ERR_INVALID;
+        return nullptr;
+    }
     tarnhost_kvs_txn_t *t = new tarnhost_kvs_txn_t;
     t->env = nullptr;
     t->txn = nullptr;
@@ -1008,7 +1018,12 @@ tarnhost_kvs_txn_t *txn_new(uint32_t *status)
     t->holds_dbi_mu = false;
     t->anew = false;
     t->dir[0] = t->tmp[0] = '\0';
-    *status = KVS_OK;
+    char name[kStoreNameMax + 1];
+    *status = tarnhost::store_locate(uri, t->dir, sizeof t->dir, name, sizeof name);
+    if (*status != KVS_OK) {
+        delete t;
+        return nullptr;
+    }
     return t;
 }
 
@@ -1056,20 +1071,9 @@ uint32_t txn_start(tarnhost_kvs_txn_t *t, const char *uri)
 
 tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status)
 {
-    uint32_t dummy;
-    if (status == nullptr)
-        status = &dummy;
-    if (uri == nullptr) {
-        *status = KVS_ERR_INVALID;
+    tarnhost_kvs_txn_t *t = txn_new(uri, status);
+    if (t == nullptr)
         return nullptr;
-    }
-    char name[kStoreNameMax + 1];
-    tarnhost_kvs_txn_t *t = txn_new(status);
-    *status = tarnhost::store_locate(uri, t->dir, sizeof t->dir, name, sizeof name);
-    if (*status != KVS_OK) {
-        delete t;
-        return nullptr;
-    }
     Registry &r = reg();
     {
         std::lock_guard<std::mutex> lock(r.mu);
@@ -1099,20 +1103,9 @@ tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status)
 
 tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin_anew(const char *uri, uint32_t *status)
 {
-    uint32_t dummy;
-    if (status == nullptr)
-        status = &dummy;
-    if (uri == nullptr) {
-        *status = KVS_ERR_INVALID;
+    tarnhost_kvs_txn_t *t = txn_new(uri, status);
+    if (t == nullptr)
         return nullptr;
-    }
-    char name[kStoreNameMax + 1];
-    tarnhost_kvs_txn_t *t = txn_new(status);
-    *status = tarnhost::store_locate(uri, t->dir, sizeof t->dir, name, sizeof name);
-    if (*status != KVS_OK) {
-        delete t;
-        return nullptr;
-    }
     t->anew = true;
     t->env = new Env;
     *status = tarnhost::store_open_fresh(t->dir, t->tmp, sizeof t->tmp, &t->env->env);

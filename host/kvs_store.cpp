@@ -185,20 +185,7 @@ size_t map_size()
     return sizeof(void *) == 8 ? (size_t{256} << 20) : (size_t{64} << 20);
 }
 
-uint32_t errno_status(int err)
-{
-    switch (err) {
-    case EACCES:
-    case EPERM:
-    case EROFS:
-        return KVS_ERR_DENIED;
-    case ENOSPC:
-    case EDQUOT:
-        return KVS_ERR_FULL;
-    default:
-        return KVS_ERR_IO;
-    }
-}
+uint32_t errno_status(int err) { return tarnhost_kvs_errno_status(err); }
 
 // mkdir that accepts an existing directory of ours (not a link, not a file).
 uint32_t make_dir(const char *path)
@@ -573,3 +560,18 @@ uint32_t store_check(const char *dir)
 }
 
 }  // namespace tarnhost
+
+extern "C" uint32_t tarnhost_kvs_errno_status(int err)
+{
+    switch (err) {
+    case EACCES:
+    case EPERM:
+    case EROFS:
+        return KVS_ERR_DENIED;
+    case ENOSPC:
+    case EDQUOT:
+        return KVS_ERR_FULL;
+    default:
+        return KVS_ERR_IO;
+    }
+}

@@ -51,6 +51,11 @@ const char *tarnhost_root_strerror(int err);
  * component, or too long). */
 uint32_t tarnhost_kvs_path(const char *uri, char *out, size_t size);
 
+/* The store status of an errno value met on the host root's files:
+ * KVS_ERR_DENIED for a permission error, KVS_ERR_FULL for a full file
+ * system, KVS_ERR_IO otherwise. */
+uint32_t tarnhost_kvs_errno_status(int err);
+
 /* ---- the supervisor ----------------------------------------------------- */
 
 /* The running-configuration URI that tarnhost_device_up() records. */

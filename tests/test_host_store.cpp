@@ -54,6 +54,36 @@ off_t file_size(const std::string &path)
     return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
+// Starts a process that runs `fn` (its exit status when not 0) and then
+// waits until it is killed; returns once `fn` is done, with the pid, or -1.
+pid_t start_waiting(const std::function<int()> &fn)
+{
+    int ready[2];
+    if (pipe(ready) != 0)
+        return -1;
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int rc = fn();
+        if (rc != 0)
+            _exit(rc);
+        char c = 1;
+        if (::write(ready[1], &c, 1) != 1)
+            _exit(100);
+        for (;;)
+            pause();
+    }
+    char c = 0;
+    const bool ok = pid > 0 && read(ready[0], &c, 1) == 1;
+    close(ready[0]);
+    close(ready[1]);
+    if (!ok && pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    return ok ? pid : -1;
+}
+
 class host_store : public tarntest::HostTest {
 protected:
     void TearDown() override
@@ -161,36 +191,21 @@ void writer_beside_a_waiting_reader(const std::string &data_file, Idle idle)
     std::string value(64, 'a');
     ASSERT_EQ(0u, write(kA, "k", value));
     ASSERT_EQ(0u, write(kA, "other", "o"));
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    fflush(nullptr);
-    const pid_t reader = fork();
-    ASSERT_GE(reader, 0);
-    if (reader == 0) {
+    const pid_t reader = start_waiting([idle, &value] {
         if (kvs_open(kA, 1, 0, 0, 0) != 0)
-            _exit(1);
+            return 1;
         if (idle == Idle::AfterWalk) {
             kvs_datum_t k{nullptr, 0}, v{nullptr, 0};
             if (kvs_iterator_init(kA, nullptr, 1) != 0)
-                _exit(2);
+                return 2;
             uint32_t st = kvs_getkey(kA, &k, &v);
             while (st == 0)
                 st = kvs_getnext(kA, &k, &v);
-            if (st != KVS_ERR_END)
-                _exit(3);
-        } else if (fetch(kA, "k") != value) {
-            _exit(4);
+            return st == KVS_ERR_END ? 0 : 3;
         }
-        char c = 1;
-        if (::write(ready[1], &c, 1) != 1)
-            _exit(5);
-        for (;;)
-            pause();
-    }
-    char c = 0;
-    ASSERT_EQ(1, read(ready[0], &c, 1));
-    close(ready[0]);
-    close(ready[1]);
+        return fetch(kA, "k") == value ? 0 : 4;
+    });
+    ASSERT_GT(reader, 0);
     if (idle == Idle::Stopped) {
         ASSERT_EQ(0, kill(reader, SIGSTOP));
         int status = 0;
@@ -317,12 +332,10 @@ protected:
         ASSERT_EQ(kReadBack, fresh_reader("old"));
     }
 
-    // The way back: a new store with the given record, built by a process
-    // of its own, after which fresh readers find it.
-    void rebuild()
+    // A new store holding k = "new", built by a process of its own, after
+    // which fresh readers find it.
+    static void build_anew()
     {
-        uint32_t st = tarnhost_kvs_check(kA);
-        EXPECT_EQ(KVS_ERR_DAMAGED, st);
         ASSERT_EQ(0, tarntest::run_child([] {
             uint32_t s = 0;
             tarnhost_kvs_txn_t *t = tarnhost_kvs_txn_begin_anew(kA, &s);
@@ -331,32 +344,22 @@ protected:
             return tarnhost_kvs_txn_commit(t) == 0 ? 0 : 2;
         }));
         EXPECT_EQ(kReadBack, fresh_reader("new"));
+    }
+
+    // The way back from damage the check sees.
+    void rebuild()
+    {
+        EXPECT_EQ(KVS_ERR_DAMAGED, tarnhost_kvs_check(kA));
+        build_anew();
         EXPECT_EQ(0u, tarnhost_kvs_check(kA));
     }
 
     // A process that keeps the store open, as running clients do.
     pid_t holder()
     {
-        int ready[2];
-        if (pipe(ready) != 0)
-            return -1;
-        fflush(nullptr);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            if (kvs_open(kA, 1, 0, 0, 0) != 0 || fetch(kA, "k") != "old")
-                _exit(1);
-            char c = 1;
-            if (::write(ready[1], &c, 1) != 1)
-                _exit(2);
-            for (;;)
-                pause();
-        }
-        char c = 0;
-        if (read(ready[0], &c, 1) != 1)
-            return -1;
-        close(ready[0]);
-        close(ready[1]);
-        return pid;
+        return start_waiting([] {
+            return kvs_open(kA, 1, 0, 0, 0) == 0 && fetch(kA, "k") == "old" ? 0 : 1;
+        });
     }
 };
 
@@ -481,14 +484,7 @@ TEST_F(host_store_damage, a_store_directory_that_is_a_file_is_rebuilt)
     const std::string dir = root_ + "/kvs/env";
     ASSERT_EQ(0, system(("rm -rf '" + dir + "' && echo x > '" + dir + "'").c_str()));
     EXPECT_STREQ(fresh_name(kRefusedAtOpen), fresh_name(fresh_reader("old")));
-    ASSERT_EQ(0, tarntest::run_child([] {
-        uint32_t s = 0;
-        tarnhost_kvs_txn_t *t = tarnhost_kvs_txn_begin_anew(kA, &s);
-        if (t == nullptr || tarnhost_kvs_txn_put(t, "k", 1, "new", 3) != 0)
-            return 1;
-        return tarnhost_kvs_txn_commit(t) == 0 ? 0 : 2;
-    }));
-    EXPECT_EQ(kReadBack, fresh_reader("new"));
+    build_anew();
 }
 
 TEST_F(host_store_damage, statuses_have_texts)

@@ -577,7 +577,7 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     if (rc != 0) {
         out.message = std::string("cannot prepare the host root ") + tarnhost_root() + ": " +
                       strerror(rc);
-        out.store_status = store_errno_status(rc);
+        out.store_status = tarnhost_kvs_errno_status(rc);
         return out;
     }
     const std::string tarn_uri = device_db_uri("tarn_global_kvs");
@@ -614,7 +614,7 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     rc = tarnhost_device_up(nullptr);
     if (rc != 0) {
         out.message = std::string("cannot bring the device up: ") + strerror(rc);
-        out.store_status = store_errno_status(rc);
+        out.store_status = tarnhost_kvs_errno_status(rc);
         return out;
     }
     out.status = 0;

@@ -427,21 +427,6 @@ std::string status_text(uint32_t st)
     return buf;
 }
 
-uint32_t store_errno_status(int err)
-{
-    switch (err) {
-    case EACCES:
-    case EPERM:
-    case EROFS:
-        return KVS_ERR_DENIED;
-    case ENOSPC:
-    case EDQUOT:
-        return KVS_ERR_FULL;
-    default:
-        return KVS_ERR_IO;
-    }
-}
-
 std::string store_cause(uint32_t st)
 {
     const char *what;

@@ -170,8 +170,6 @@ Bytes as_format_value(uint32_t format);
 
 // "0x%08x".
 std::string status_text(uint32_t st);
-// The store status of an errno value met on the host root's files.
-uint32_t store_errno_status(int err);
 // What a store status means, for a message: "the store is full
 // (0x4048000a)".
 std::string store_cause(uint32_t st);
