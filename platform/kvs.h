@@ -31,7 +31,11 @@
  *         current (non-zero at the end, the position then stays put).
  *     Key and value descriptors so returned stay valid until the next
  *     iterator call of the process on that database.  Walks over one
- *     database must not be interleaved.
+ *     database must not be interleaved.  A walk reads one snapshot from
+ *     its init until kvs_getnext reports the end, which gives the snapshot
+ *     back (kvs_getkey still reads the record the position stays on); a
+ *     walk left open before its end keeps the snapshot until the next
+ *     init, and with it every page the writer frees meanwhile.
  *
  *  5. The client library never writes.  Publishers, tools and tests write
  *     through the host's writer interface (host/tarnhost.h).
