@@ -23,6 +23,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/bench_root.h"
 #include "bench/ratio_reporter.h"
 #include "bench/raw_lmdb.h"
 #include "host/tarnhost.h"
@@ -48,13 +49,9 @@ struct Key {
 
 // A private device with the records written once.
 struct Device {
-    std::string root;
+    tarnbench::BenchRoot root;
     Device()
     {
-        char tmpl[] = "/tmp/tarnbench.XXXXXX";
-        root = mkdtemp(tmpl);
-        setenv("TARNHOST_ROOT", root.c_str(), 1);
-        tarnhost_root_prepare();
         uint32_t st = 0;
         tarnhost_kvs_txn_t *t = tarnhost_kvs_txn_begin(kUri, &st);
         unsigned char value[64];
@@ -66,12 +63,7 @@ struct Device {
         tarnhost_kvs_txn_commit(t);
         kvs_open(kUri, 1, 0, 0, 0);
     }
-    ~Device()
-    {
-        kvs_close(kUri);
-        std::error_code ec;
-        std::filesystem::remove_all(root, ec);
-    }
+    ~Device() { kvs_close(kUri); }
 };
 
 Device &device()

@@ -41,6 +41,7 @@
 
 #include "host/kvs_internal.h"
 #include "host/kvs_store.h"
+#include "host/nomem.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
 
@@ -168,8 +169,11 @@ void thread_exit(void *);
 
 Registry &reg()
 {
+    // In static storage, never destroyed: nothing to allocate, and no
+    // destructor to run at exit while other threads may still read.
+    alignas(Registry) static unsigned char storage[sizeof(Registry)];
     static Registry *r = [] {
-        Registry *x = new Registry;
+        Registry *x = new (storage) Registry;
         pthread_key_create(&x->thread_key, thread_exit);
         pthread_atfork(fork_prepare, fork_parent, fork_child);
         return x;
@@ -193,7 +197,9 @@ void fork_child()
             continue;
         l->live.store(0, std::memory_order_relaxed);
         l->readers.clear();
-        r.retired.push_back(l);
+        // Without room the link is simply lost: it is dead in this child.
+        if (tarnhost::room_for_one(r.retired))
+            r.retired.push_back(l);
         g_slots[i].store(nullptr, std::memory_order_relaxed);
     }
     g_nslots.store(0, std::memory_order_release);
@@ -343,7 +349,10 @@ void retire_env_locked(Registry &r, const char *dir)
     for (Env *e : r.envs)
         if (strcmp(e->path, dir) == 0) {
             remove_from(&r.envs, e);
-            r.replaced.push_back(e);
+            if (tarnhost::room_for_one(r.replaced))
+                r.replaced.push_back(e);
+            else
+                e->path[0] = '\0';  // kept nowhere: leaked, never matched
             break;
         }
     trim_idle_locked(r);
@@ -363,9 +372,14 @@ Env *env_for_dir_locked(Registry &r, const char *dir, uint32_t *status)
             retire_env_locked(r, dir);  // replaced on disk since
             break;
         }
-    Env *e = new Env;
-    e->path = dup(dir);
-    if (e->path == nullptr) {
+    if (!tarnhost::room_for_one(r.envs)) {
+        *status = KVS_ERR_IO;
+        return nullptr;
+    }
+    Env *e = new (std::nothrow) Env;
+    if (e != nullptr)
+        e->path = dup(dir);
+    if (e == nullptr || e->path == nullptr) {
         delete e;
         *status = KVS_ERR_IO;
         return nullptr;
@@ -392,9 +406,12 @@ Db *db_for(Env *e, const char *name)
     for (Db *d : e->dbs)
         if (strcmp(d->name, name) == 0)
             return d;
-    Db *d = new Db;
-    d->name = dup(name);
-    if (d->name == nullptr) {
+    if (!tarnhost::room_for_one(e->dbs))
+        return nullptr;
+    Db *d = new (std::nothrow) Db;
+    if (d != nullptr)
+        d->name = dup(name);
+    if (d == nullptr || d->name == nullptr) {
         delete d;
         return nullptr;
     }
@@ -438,8 +455,12 @@ uint32_t resolve_dbi(Env *e, Db *d, MDB_dbi *out, bool wait)
     return KVS_OK;
 }
 
-void detach_locked(Registry &r, Link *l, unsigned slot)
+// Without room to keep the dead link for lock-free readers it is left
+// published and live (the caller reports the failure).
+bool detach_locked(Registry &r, Link *l, unsigned slot)
 {
+    if (!tarnhost::room_for_one(r.retired))
+        return false;
     g_slots[slot].store(nullptr, std::memory_order_release);
     l->live.store(0, std::memory_order_release);
     for (MDB_txn *t : l->readers)
@@ -457,6 +478,7 @@ void detach_locked(Registry &r, Link *l, unsigned slot)
     --e->links;
     e->last_use = ++r.clock;
     trim_idle_locked(r);
+    return true;
 }
 
 unsigned slot_of_locked(const Link *l)
@@ -519,6 +541,11 @@ Reader *reader_slow(const char *uri, uint32_t *status)
         }
         if (rc != 0) {
             *status = store_status(rc);
+            return nullptr;
+        }
+        if (!tarnhost::room_for_one(l->readers)) {
+            mdb_txn_abort(txn);
+            *status = KVS_ERR_IO;
             return nullptr;
         }
         l->readers.push_back(txn);
@@ -590,7 +617,8 @@ uint32_t kvs_attach(const char *uri)
         if (strcmp(old->env->path, dir) == 0)
             return KVS_ERR_ALREADY_OPEN;
         // The root moved since (tests do that between cases): follow it.
-        detach_locked(r, old, slot_of_locked(old));
+        if (!detach_locked(r, old, slot_of_locked(old)))
+            return KVS_ERR_IO;
     }
 
     unsigned n = g_nslots.load(std::memory_order_relaxed);
@@ -604,7 +632,7 @@ uint32_t kvs_attach(const char *uri)
     if (e == nullptr)
         return st;
     Db *d = db_for(e, name);
-    Link *l = d != nullptr ? new Link : nullptr;
+    Link *l = d != nullptr ? new (std::nothrow) Link : nullptr;
     if (l != nullptr)
         l->uri = dup(uri);
     if (l == nullptr || l->uri == nullptr) {
@@ -635,8 +663,7 @@ uint32_t kvs_detach(const char *uri)
     Link *l = find_link(uri);
     if (l == nullptr)
         return KVS_ERR_NOT_OPEN;
-    detach_locked(r, l, slot_of_locked(l));
-    return KVS_OK;
+    return detach_locked(r, l, slot_of_locked(l)) ? KVS_OK : KVS_ERR_IO;
 }
 
 uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len, const void **data,
@@ -1011,7 +1038,11 @@ tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
         *status = KVS_ERR_INVALID;
         return nullptr;
     }
-    tarnhost_kvs_txn_t *t = new tarnhost_kvs_txn_t;
+    tarnhost_kvs_txn_t *t = new (std::nothrow) tarnhost_kvs_txn_t;
+    if (t == nullptr) {
+        *status = KVS_ERR_IO;
+        return nullptr;
+    }
     t->env = nullptr;
     t->txn = nullptr;
     t->dbi = 0;
@@ -1107,7 +1138,12 @@ tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin_anew(const char *uri, uint32_t *statu
     if (t == nullptr)
         return nullptr;
     t->anew = true;
-    t->env = new Env;
+    t->env = new (std::nothrow) Env;
+    if (t->env == nullptr) {
+        delete t;
+        *status = KVS_ERR_IO;
+        return nullptr;
+    }
     *status = tarnhost::store_open_fresh(t->dir, t->tmp, sizeof t->tmp, &t->env->env);
     if (*status != KVS_OK) {
         t->env->env = nullptr;
@@ -1158,6 +1194,8 @@ uint32_t tarnhost_kvs_txn_select(tarnhost_kvs_txn_t *txn, const char *uri)
         int rc = mdb_dbi_open(txn->txn, name, MDB_CREATE, &dbi);
         if (rc != 0)
             return store_status(rc) == KVS_ERR_INVALID ? KVS_ERR_DAMAGED : store_status(rc);
+        if (!tarnhost::room_for_one(txn->opened))
+            return KVS_ERR_IO;  // the handle closes with the transaction
         txn->opened.emplace_back(d, dbi);
     }
     txn->dbi = dbi;

@@ -29,6 +29,7 @@
 
 #include <initializer_list>
 
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
 
@@ -187,40 +188,16 @@ size_t map_size()
 
 uint32_t errno_status(int err) { return tarnhost_kvs_errno_status(err); }
 
-// mkdir that accepts an existing directory of ours (not a link, not a file).
-uint32_t make_dir(const char *path)
+// Makes (or checks) a store directory below <root>/kvs and pins it: the
+// root's own checks (ours alone, no link followed, files of ours), whose
+// refusals are KVS_ERR_IO with their text.  A store directory that is a
+// plain file is damage that a rebuild repairs.
+uint32_t pin_dir(const char *dir, tarnhost_rootfs::PinnedDir *pin)
 {
-    if (mkdir(path, 0700) == 0)
-        return KVS_OK;
-    const int err = errno;
     struct stat st;
-    if (err == EEXIST && lstat(path, &st) == 0 && S_ISDIR(st.st_mode))
-        return KVS_OK;
-    errno = err == EEXIST ? ENOTDIR : err;
-    return err == EEXIST ? KVS_ERR_DAMAGED : errno_status(err);
-}
-
-// The directory that holds `dir`, which must exist: <root>/kvs is made when
-// absent, the root itself never (a mistyped root must fail).
-uint32_t make_parent(const char *dir)
-{
-    char parent[kStorePathMax];
-    size_t n = strlen(dir);
-    if (n >= sizeof parent)
-        return KVS_ERR_BAD_URI;
-    memcpy(parent, dir, n + 1);
-    char *slash = strrchr(parent, '/');
-    if (slash == nullptr)
-        return KVS_ERR_BAD_URI;
-    *slash = '\0';
-    struct stat st;
-    if (stat(tarnhost_root(), &st) != 0)
-        return KVS_ERR_IO;
-    if (!S_ISDIR(st.st_mode)) {
-        errno = ENOTDIR;
-        return KVS_ERR_IO;
-    }
-    return make_dir(parent);
+    if (lstat(dir, &st) == 0 && S_ISREG(st.st_mode))
+        return KVS_ERR_DAMAGED;
+    return tarnhost_rootfs::prepare_kvs_dir(dir, pin);
 }
 
 // The gate of the store in `dir`: its lock file, locked as asked.  -1 on
@@ -230,7 +207,14 @@ int gate_lock(const char *dir, int how)
     char path[kStorePathMax];
     if (snprintf(path, sizeof path, "%s.gate", dir) >= static_cast<int>(sizeof path))
         return -1;
-    int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    // Read-only is enough for flock, and lets the members of a device's
+    // group lock a gate that another member made.
+    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT) {
+        fd = open(path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd >= 0)
+            tarnhost_rootfs::share_new(fd, tarnhost_rootfs::kSharedFile);
+    }
     if (fd < 0)
         return -1;
     while (flock(fd, how) != 0) {
@@ -379,16 +363,15 @@ bool store_id(const char *dir, StoreId *id)
 
 uint32_t store_open(const char *dir, MDB_env **env, StoreId *id, int *lock_fd)
 {
-    uint32_t st = make_parent(dir);
+    tarnhost_rootfs::PinnedDir pin;
+    uint32_t st = pin_dir(dir, &pin);
     if (st != KVS_OK)
         return st;
     int gate = gate_lock(dir, LOCK_SH);
     if (gate < 0)
         return errno_status(errno);
-    st = make_dir(dir);
     char path[kStorePathMax];
-    if (st == KVS_OK &&
-        snprintf(path, sizeof path, "%s/data.mdb", dir) >= static_cast<int>(sizeof path))
+    if (snprintf(path, sizeof path, "%s/data.mdb", pin.path) >= static_cast<int>(sizeof path))
         st = KVS_ERR_BAD_URI;
     if (st == KVS_OK) {
         int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
@@ -404,10 +387,10 @@ uint32_t store_open(const char *dir, MDB_env **env, StoreId *id, int *lock_fd)
     }
     MDB_env *e = nullptr;
     if (st == KVS_OK)
-        st = open_env(dir, &e);
+        st = open_env(pin.path, &e);
     int lfd = -1;
     if (st == KVS_OK) {
-        snprintf(path, sizeof path, "%s/lock.mdb", dir);
+        snprintf(path, sizeof path, "%s/lock.mdb", pin.path);
         lfd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
         if (lfd < 0 || !lock_file_ok(lfd))
             st = KVS_ERR_DAMAGED;
@@ -433,17 +416,15 @@ uint32_t store_open(const char *dir, MDB_env **env, StoreId *id, int *lock_fd)
 
 uint32_t store_open_fresh(const char *dir, char *tmp, size_t tmp_size, MDB_env **env)
 {
-    uint32_t st = make_parent(dir);
-    if (st != KVS_OK)
-        return st;
     if (snprintf(tmp, tmp_size, "%s.new.%ld", dir, static_cast<long>(getpid())) >=
         static_cast<int>(tmp_size))
         return KVS_ERR_BAD_URI;
     remove_store_dir(tmp);
-    st = make_dir(tmp);
+    tarnhost_rootfs::PinnedDir pin;
+    uint32_t st = pin_dir(tmp, &pin);
     if (st != KVS_OK)
         return st;
-    st = open_env(tmp, env);
+    st = open_env(pin.path, env);
     if (st != KVS_OK)
         remove_store_dir(tmp);
     return st;

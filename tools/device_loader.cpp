@@ -576,7 +576,7 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     int rc = tarnhost_root_prepare();
     if (rc != 0) {
         out.message = std::string("cannot prepare the host root ") + tarnhost_root() + ": " +
-                      strerror(rc);
+                      tarnhost_root_strerror(rc);
         out.store_status = tarnhost_kvs_errno_status(rc);
         return out;
     }
@@ -613,7 +613,7 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     }
     rc = tarnhost_device_up(nullptr);
     if (rc != 0) {
-        out.message = std::string("cannot bring the device up: ") + strerror(rc);
+        out.message = std::string("cannot bring the device up: ") + tarnhost_root_strerror(rc);
         out.store_status = tarnhost_kvs_errno_status(rc);
         return out;
     }
