@@ -1,6 +1,13 @@
 // Shared database read cost:
 //
-//  BM_KvsRead           kvs_read of a 64-byte value among 10000 records;
+//  BM_RawRead           the baseline: one LMDB read of the same key in a
+//                       renewed read transaction (raw_lmdb.h);
+//  BM_RawReadInSnapshot mdb_get alone, inside a snapshot kept open: what a
+//                       read costs that need not take a snapshot;
+//  BM_KvsRead           kvs_read of a 64-byte value among 10000 records
+//                       (snapshot taken, value copied, snapshot given back);
+//  BM_KvsReadPair       two kvs_read of different keys, as a query that
+//                       reads twice makes them;
 //  BM_KvsReadThreads    the same from several threads at once (each thread
 //                       has its own read transaction: no shared lock);
 //  BM_KvsWalk           kvs_iterator_init, then kvs_getnext over the records;
@@ -17,6 +24,8 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/bench_root.h"
+#include "bench/ratio_reporter.h"
+#include "bench/raw_lmdb.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
 
@@ -92,6 +101,54 @@ void BM_KvsRead(benchmark::State &state)
     }
 }
 BENCHMARK(BM_KvsRead);
+
+void BM_KvsReadPair(benchmark::State &state)
+{
+    device();
+    uint32_t i = 0;
+    for (auto _ : state) {
+        Key a(i++ % kRecords), b((i * 7919u) % kRecords);
+        kvs_datum_t ka{a.b, sizeof a.b}, kb{b.b, sizeof b.b}, value{nullptr, 0};
+        if (kvs_read(kUri, &ka, &value) != 0 || kvs_read(kUri, &kb, &value) != 0)
+            state.SkipWithError("read failed");
+        benchmark::DoNotOptimize(value.data);
+    }
+}
+BENCHMARK(BM_KvsReadPair);
+
+RawLmdb &raw()
+{
+    static RawLmdb r;
+    static bool ok = (device(), r.open_uri(kUri));
+    (void)ok;
+    return r;
+}
+
+void BM_RawRead(benchmark::State &state)
+{
+    RawLmdb &r = raw();
+    uint32_t i = 0;
+    for (auto _ : state) {
+        Key k(i++ % kRecords);
+        if (!r.read(k.b, sizeof k.b))
+            state.SkipWithError("raw read failed");
+    }
+}
+BENCHMARK(BM_RawRead);
+
+void BM_RawReadInSnapshot(benchmark::State &state)
+{
+    RawLmdb &r = raw();
+    if (!r.begin_snapshot())
+        state.SkipWithError("no snapshot");
+    uint32_t i = 0;
+    for (auto _ : state) {
+        Key k(i++ % kRecords);
+        if (!r.read_in_snapshot(k.b, sizeof k.b))
+            state.SkipWithError("raw read failed");
+    }
+}
+BENCHMARK(BM_RawReadInSnapshot);
 BENCHMARK(BM_KvsRead)->Name("BM_KvsReadThreads")->Threads(2);
 
 void BM_KvsWalk(benchmark::State &state)
@@ -114,4 +171,12 @@ BENCHMARK(BM_KvsWalk);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    RatioReporter reporter({{"BM_KvsRead", "BM_RawRead"},
+                            {"BM_KvsReadPair", "BM_RawRead"},
+                            {"BM_RawReadInSnapshot", "BM_RawRead"}});
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    return 0;
+}

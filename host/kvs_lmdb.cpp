@@ -1,20 +1,28 @@
 // The shared key/value database on LMDB.
 //
-// One LMDB environment (a directory under <root>/kvs) holds one database.
-// Processes share it through LMDB's own locking; inside a process this file
-// keeps:
+// Every database of a device is a named database of the device's one LMDB
+// environment (kvs_store.h), so one write transaction can change several of
+// them at once: a device load or a change touching the Tarn and the Gyre
+// databases is seen whole or not at all.  Inside a process this file keeps:
 //
-//  - Env: one per open environment, keyed by its directory.  Two URIs that
-//    name the same directory ("x:/a//b" and "x:/a/b") share one Env, since
-//    LMDB forbids opening one environment twice in a process.  Envs that no
-//    URI has open are kept for the writer, a few at most, then closed.
+//  - Env: one per open environment, keyed by its directory.  LMDB forbids
+//    opening one environment twice in a process, so every URI of a device
+//    shares it.  An Env whose files were replaced on disk (a rebuilt store)
+//    is stale: it serves the URIs attached to it until they close, new
+//    attachments get the new files.  Envs that no URI has open are kept for
+//    the writer, a few at most, then closed.
+//  - Db: one per named database of an Env, shared by the spellings of its
+//    URI; it holds the database's handle once the database exists and the
+//    process's one iterator position on it.
 //  - Link: one per kvs_open of a URI, published in a lock-free slot table so
 //    that kvs_read can find it without a lock.  Links are never freed (a
 //    reader may still be looking at a dead one); they are a few hundred bytes.
-//  - per-thread readers: each thread keeps one read transaction per Link,
-//    reset and renewed on every read.  The value a read returns points into
-//    the map and stays valid while that transaction is live, that is until
-//    the thread's next read through the same Link.
+//  - per-thread readers: each thread keeps one read transaction per Link and
+//    one buffer.  A read renews the transaction, copies the value into the
+//    buffer and resets the transaction before it returns, so no snapshot
+//    outlives the call: an idle or stopped reader never keeps the writer
+//    from reusing pages.  The value stays valid, as promised, until the
+//    thread's next read through the same Link.
 //
 // kvs_close must not race with reads of the same database in other threads:
 // closing aborts their read transactions.
@@ -24,78 +32,99 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "host/kvs_internal.h"
+#include "host/kvs_store.h"
 #include "host/nomem.h"
-#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
 
 namespace {
 
-constexpr unsigned kMaxLinks = 128;     // URIs open at once in a process
-constexpr unsigned kMaxIdleEnvs = 4;    // environments kept for the writer
-constexpr unsigned kMaxReaders = 510;   // reader slots per environment
-constexpr size_t kPathMax = 4096;
+using tarnhost::kStoreNameMax;
+using tarnhost::kStorePathMax;
+using tarnhost::store_status;
+using tarnhost::StoreId;
 
-size_t map_size()
+constexpr unsigned kMaxLinks = 128;   // URIs open at once in a process
+constexpr unsigned kMaxIdleEnvs = 4;  // environments kept for the writer
+
+// Where the iterator of a database stands.  The Done states come after the
+// walk has reached the end: its snapshot is released then, the last record
+// (if any) kept as a copy, and the position stays put until the next init.
+enum IterState { kIterNone, kIterBeforeFirst, kIterOn, kIterDoneOn, kIterDoneEmpty };
+
+// Bytes that must outlive the snapshot they were read from.
+struct Held {
+    void *data = nullptr;
+    size_t len = 0;
+    size_t cap = 0;
+};
+
+bool hold(Held *h, const MDB_val &v)
 {
-    const char *s = getenv("TARNHOST_KVS_MAPSIZE");
-    if (s != nullptr && *s != '\0') {
-        char *end = nullptr;
-        unsigned long long v = strtoull(s, &end, 0);
-        if (end != nullptr && *end == '\0' && v >= (1ull << 16) &&
-            v <= static_cast<unsigned long long>(SIZE_MAX))
-            return static_cast<size_t>(v);
+    if (v.mv_size > h->cap) {
+        void *p = malloc(v.mv_size);
+        if (p == nullptr)
+            return false;
+        free(h->data);
+        h->data = p;
+        h->cap = v.mv_size;
     }
-    // A 32-bit process has about 3 GiB of address space for every map it
-    // holds; 64 MiB leaves room for dozens of databases.
-    return sizeof(void *) == 8 ? (size_t{256} << 20) : (size_t{64} << 20);
+    if (v.mv_size != 0)
+        memcpy(h->data, v.mv_data, v.mv_size);
+    h->len = v.mv_size;
+    return true;
 }
 
-uint32_t from_mdb(int rc)
+void unhold(Held *h)
 {
-    switch (rc) {
-    case 0:
-        return KVS_OK;
-    case MDB_NOTFOUND:
-        return KVS_ERR_NOT_FOUND;
-    case EINVAL:
-    case MDB_BAD_VALSIZE:
-        return KVS_ERR_INVALID;
-    default:
-        return KVS_ERR_IO;
-    }
+    free(h->data);
+    *h = Held{};
 }
 
-enum IterState { kIterNone, kIterBeforeFirst, kIterOn };
+struct Db {
+    char *name = nullptr;
+    // The handle, 0 until the database is known to exist in this process.
+    std::atomic<MDB_dbi> dbi{0};
+    unsigned links = 0;  // Links open on it (registry mutex)
 
-struct Env {
-    char *path = nullptr;
-    MDB_env *env = nullptr;
-    MDB_dbi dbi = 0;
-    unsigned links = 0;     // Links open on it (under the registry mutex)
-    unsigned writers = 0;   // write transactions in progress (same)
-    uint64_t last_use = 0;  // for closing the least recently used idle Env
-
-    // The process's one iterator position on this database.  It holds its
-    // own read transaction, a snapshot, from one init to the next.
+    // The process's one iterator position on this database.  While a walk
+    // goes on it holds its own read transaction, a snapshot.
     std::mutex iter_mu;
     MDB_txn *iter_txn = nullptr;
     MDB_cursor *iter_cur = nullptr;
     bool iter_txn_live = false;
     IterState iter_state = kIterNone;
+    Held held_key, held_value;
+};
+
+struct Env {
+    char *path = nullptr;
+    MDB_env *env = nullptr;
+    StoreId id;
+    int lock_fd = -1;       // see store_open
+    unsigned links = 0;     // Links open on it (under the registry mutex)
+    unsigned writers = 0;   // write transactions in progress (same)
+    uint64_t last_use = 0;  // for closing the least recently used idle Env
+
+    // mdb_dbi_open may not run in two transactions of a process at once,
+    // and a write transaction that opened a handle must end first.
+    std::recursive_mutex dbi_mu;
+    std::mutex dbs_mu;  // the list below; taken last, alone
+    std::vector<Db *> dbs;
 };
 
 struct Link {
-    char *uri = nullptr;      // immutable once published
-    Env *env = nullptr;       // meaningful only while live
+    char *uri = nullptr;  // immutable once published
+    Env *env = nullptr;   // meaningful only while live
+    Db *db = nullptr;     // same
     std::atomic<uint32_t> live{0};
     std::vector<MDB_txn *> readers;  // every thread's txn (registry mutex)
 };
@@ -106,18 +135,21 @@ std::atomic<unsigned> g_nslots{0};
 
 struct Registry {
     std::mutex mu;
-    std::vector<Env *> envs;
+    std::vector<Env *> envs;      // the current environment of each directory
+    std::vector<Env *> replaced;  // stale ones still in use
     std::vector<Link *> retired;  // dead links, kept for lock-free readers
     uint64_t clock = 0;
     pthread_key_t thread_key;
 };
 
-// One thread's read transaction for one Link.
+// One thread's read transaction for one Link and the copy of its last value.
 struct Reader {
     const char *uri_ptr;  // the caller's last pointer for this URI
     Link *link;
     MDB_txn *txn;
-    bool active;  // renewed, holding a snapshot
+    bool active;  // renewed, holding a snapshot (only inside a call)
+    void *buf;
+    size_t cap;
 };
 
 struct ThreadReaders {
@@ -172,8 +204,23 @@ void fork_child()
     }
     g_nslots.store(0, std::memory_order_release);
     r.envs.clear();  // leaked on purpose, see above
+    r.replaced.clear();
+    for (uint32_t i = 0; i < tl_readers.n; ++i)
+        free(tl_readers.v[i].buf);
     tl_readers.n = 0;
     r.mu.unlock();
+}
+
+void drop_reader_txn_locked(Reader &rd)
+{
+    auto &list = rd.link->readers;
+    for (size_t j = 0; j < list.size(); ++j)
+        if (list[j] == rd.txn) {
+            list[j] = list.back();
+            list.pop_back();
+            break;
+        }
+    mdb_txn_abort(rd.txn);
 }
 
 void thread_exit(void *p)
@@ -184,16 +231,9 @@ void thread_exit(void *p)
         std::lock_guard<std::mutex> lock(r.mu);
         for (uint32_t i = 0; i < t->n; ++i) {
             Reader &rd = t->v[i];
-            if (rd.link->live.load(std::memory_order_relaxed) == 0)
-                continue;  // aborted by kvs_close already
-            auto &list = rd.link->readers;
-            for (size_t j = 0; j < list.size(); ++j)
-                if (list[j] == rd.txn) {
-                    list[j] = list.back();
-                    list.pop_back();
-                    break;
-                }
-            mdb_txn_abort(rd.txn);
+            free(rd.buf);
+            if (rd.link->live.load(std::memory_order_relaxed) != 0)
+                drop_reader_txn_locked(rd);  // else aborted by kvs_close
         }
     }
     free(t->v);
@@ -222,32 +262,67 @@ Link *find_link(const char *uri)
     return nullptr;
 }
 
-// Creates (or checks) the database directory below the root and holds it
-// open: the store opens its files there by name, so the directory must be
-// ours alone, and the store reaches it through the checked descriptor.
-uint32_t make_env_dir(const char *path, tarnhost_rootfs::PinnedDir *dir)
-try {
-    return tarnhost_rootfs::prepare_kvs_dir(path, dir);
-} catch (const std::bad_alloc &) {
-    errno = ENOMEM;
-    return KVS_ERR_IO;
+void iter_release(Db *d)
+{
+    if (d->iter_txn_live)
+        mdb_txn_reset(d->iter_txn);
+    d->iter_txn_live = false;
 }
 
-void close_env_locked(Env *e)
+void iter_close(Db *d)
 {
-    if (e->iter_cur != nullptr)
-        mdb_cursor_close(e->iter_cur);
-    if (e->iter_txn != nullptr)
-        mdb_txn_abort(e->iter_txn);
-    mdb_env_close(e->env);
+    if (d->iter_cur != nullptr)
+        mdb_cursor_close(d->iter_cur);
+    if (d->iter_txn != nullptr)
+        mdb_txn_abort(d->iter_txn);
+    d->iter_cur = nullptr;
+    d->iter_txn = nullptr;
+    d->iter_txn_live = false;
+    d->iter_state = kIterNone;
+    unhold(&d->held_key);
+    unhold(&d->held_value);
+}
+
+void free_env(Env *e)
+{
+    for (Db *d : e->dbs) {
+        iter_close(d);
+        free(d->name);
+        delete d;
+    }
+    if (e->env != nullptr)
+        mdb_env_close(e->env);
+    if (e->lock_fd >= 0)
+        close(e->lock_fd);  // after LMDB's own locks are gone anyway
     free(e->path);
     delete e;
 }
 
+void remove_from(std::vector<Env *> *v, Env *e)
+{
+    for (size_t i = 0; i < v->size(); ++i)
+        if ((*v)[i] == e) {
+            (*v)[i] = v->back();
+            v->pop_back();
+            return;
+        }
+}
+
 // Closes the least recently used environments that nothing holds, beyond a
-// few kept so that a writer's repeated one-change transactions stay cheap.
+// few kept so that a writer's repeated one-change transactions stay cheap,
+// and every stale one that nothing holds.
 void trim_idle_locked(Registry &r)
 {
+    for (size_t i = 0; i < r.replaced.size();) {
+        Env *e = r.replaced[i];
+        if (e->links == 0 && e->writers == 0) {
+            r.replaced[i] = r.replaced.back();
+            r.replaced.pop_back();
+            free_env(e);
+        } else {
+            ++i;
+        }
+    }
     for (;;) {
         unsigned idle = 0;
         size_t oldest = r.envs.size();
@@ -256,8 +331,7 @@ void trim_idle_locked(Registry &r)
             if (e->links != 0 || e->writers != 0)
                 continue;
             ++idle;
-            if (oldest == r.envs.size() ||
-                e->last_use < r.envs[oldest]->last_use)
+            if (oldest == r.envs.size() || e->last_use < r.envs[oldest]->last_use)
                 oldest = i;
         }
         if (idle <= kMaxIdleEnvs)
@@ -265,77 +339,120 @@ void trim_idle_locked(Registry &r)
         Env *e = r.envs[oldest];
         r.envs[oldest] = r.envs.back();
         r.envs.pop_back();
-        close_env_locked(e);
+        free_env(e);
     }
 }
 
-// The environment of a database directory, opened (and created) on demand.
-Env *env_for_path_locked(Registry &r, const char *path, uint32_t *status)
+// Marks the environment of `dir` stale: its files are no longer the store.
+void retire_env_locked(Registry &r, const char *dir)
 {
     for (Env *e : r.envs)
-        if (strcmp(e->path, path) == 0) {
-            e->last_use = ++r.clock;
-            return e;
+        if (strcmp(e->path, dir) == 0) {
+            remove_from(&r.envs, e);
+            if (tarnhost::room_for_one(r.replaced))
+                r.replaced.push_back(e);
+            else
+                e->path[0] = '\0';  // kept nowhere: leaked, never matched
+            break;
+        }
+    trim_idle_locked(r);
+}
+
+// The environment of a store directory, opened (and created) on demand.
+Env *env_for_dir_locked(Registry &r, const char *dir, uint32_t *status)
+{
+    for (Env *e : r.envs)
+        if (strcmp(e->path, dir) == 0) {
+            StoreId now;
+            if (tarnhost::store_id(dir, &now) && now.dev == e->id.dev &&
+                now.ino == e->id.ino) {
+                e->last_use = ++r.clock;
+                return e;
+            }
+            retire_env_locked(r, dir);  // replaced on disk since
+            break;
         }
     if (!tarnhost::room_for_one(r.envs)) {
         *status = KVS_ERR_IO;
         return nullptr;
     }
-    tarnhost_rootfs::PinnedDir dir;
-    *status = make_env_dir(path, &dir);
-    if (*status != KVS_OK)
-        return nullptr;
-
-    MDB_env *env = nullptr;
-    int rc = mdb_env_create(&env);
-    if (rc == 0)
-        rc = mdb_env_set_maxreaders(env, kMaxReaders);
-    if (rc == 0)
-        rc = mdb_env_set_mapsize(env, map_size());
-    // NOTLS: read transactions belong to their objects, not to threads, so
-    // a thread can hold one for reads and the iterator holds another.
-    // NOSYNC: the store is volatile by design (tmpfs); a crashed process
-    // still leaves it consistent, only a crashed kernel loses the tail.
-    if (rc == 0)
-        rc = mdb_env_open(env, dir.path, MDB_NOTLS | MDB_NOSYNC, 0600);
-    MDB_dbi dbi = 0;
-    if (rc == 0) {
-        // Reader slots of processes that died without closing would pin old
-        // pages and, in the end, fill the table.
-        int dead = 0;
-        mdb_reader_check(env, &dead);
-        MDB_txn *txn = nullptr;
-        rc = mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
-        if (rc == 0) {
-            rc = mdb_dbi_open(txn, nullptr, 0, &dbi);
-            if (rc == 0)
-                rc = mdb_txn_commit(txn);
-            else
-                mdb_txn_abort(txn);
-        }
-    }
-    Env *e = nullptr;
-    if (rc == 0) {
-        e = new (std::nothrow) Env;
-        if (e != nullptr)
-            e->path = dup(path);
-        if (e == nullptr || e->path == nullptr) {
-            delete e;
-            e = nullptr;
-            rc = ENOMEM;
-        }
-    }
-    if (rc != 0) {
-        if (env != nullptr)
-            mdb_env_close(env);
+    Env *e = new (std::nothrow) Env;
+    if (e != nullptr)
+        e->path = dup(dir);
+    if (e == nullptr || e->path == nullptr) {
+        delete e;
         *status = KVS_ERR_IO;
         return nullptr;
     }
-    e->env = env;
-    e->dbi = dbi;
+    *status = tarnhost::store_open(dir, &e->env, &e->id, &e->lock_fd);
+    if (*status != KVS_OK) {
+        e->env = nullptr;
+        free_env(e);
+        return nullptr;
+    }
+    // Reader slots of processes that died without closing would pin old
+    // pages and, in the end, fill the table.
+    int dead = 0;
+    mdb_reader_check(e->env, &dead);
     e->last_use = ++r.clock;
     r.envs.push_back(e);
     return e;
+}
+
+// The Db of `name` in `e`, made on first use; null when out of memory.
+Db *db_for(Env *e, const char *name)
+{
+    std::lock_guard<std::mutex> lock(e->dbs_mu);
+    for (Db *d : e->dbs)
+        if (strcmp(d->name, name) == 0)
+            return d;
+    if (!tarnhost::room_for_one(e->dbs))
+        return nullptr;
+    Db *d = new (std::nothrow) Db;
+    if (d != nullptr)
+        d->name = dup(name);
+    if (d == nullptr || d->name == nullptr) {
+        delete d;
+        return nullptr;
+    }
+    e->dbs.push_back(d);
+    return d;
+}
+
+// The handle of a database that another process may have made since this
+// one last looked: KVS_ERR_NOT_FOUND while it does not exist.  Readers do
+// not wait: while a write transaction of this process is open (it holds
+// the handle lock to its end) a database this process has not met yet
+// reads as absent, as it would have a moment before.  Attaching looks the
+// handle up, so this is only ever about databases made after that.
+uint32_t resolve_dbi(Env *e, Db *d, MDB_dbi *out, bool wait)
+{
+    std::unique_lock<std::recursive_mutex> lock(e->dbi_mu, std::defer_lock);
+    if (wait)
+        lock.lock();
+    else if (!lock.try_lock())
+        return KVS_ERR_NOT_FOUND;
+    MDB_dbi dbi = d->dbi.load(std::memory_order_acquire);
+    if (dbi != 0) {
+        *out = dbi;
+        return KVS_OK;
+    }
+    MDB_txn *txn = nullptr;
+    int rc = mdb_txn_begin(e->env, nullptr, MDB_RDONLY, &txn);
+    if (rc != 0)
+        return store_status(rc) == KVS_ERR_INVALID ? KVS_ERR_IO : store_status(rc);
+    rc = mdb_dbi_open(txn, d->name, 0, &dbi);
+    if (rc == 0)
+        rc = mdb_txn_commit(txn);  // makes the handle the process's
+    else
+        mdb_txn_abort(txn);
+    if (rc == MDB_NOTFOUND)
+        return KVS_ERR_NOT_FOUND;
+    if (rc != 0)
+        return store_status(rc) == KVS_ERR_INVALID ? KVS_ERR_DAMAGED : store_status(rc);
+    d->dbi.store(dbi, std::memory_order_release);
+    *out = dbi;
+    return KVS_OK;
 }
 
 // Without room to keep the dead link for lock-free readers it is left
@@ -352,18 +469,13 @@ bool detach_locked(Registry &r, Link *l, unsigned slot)
     l->readers.shrink_to_fit();
     r.retired.push_back(l);
 
-    Env *e = l->env;
-    if (--e->links == 0) {
-        std::lock_guard<std::mutex> lock(e->iter_mu);
-        if (e->iter_cur != nullptr)
-            mdb_cursor_close(e->iter_cur);
-        if (e->iter_txn != nullptr)
-            mdb_txn_abort(e->iter_txn);
-        e->iter_cur = nullptr;
-        e->iter_txn = nullptr;
-        e->iter_txn_live = false;
-        e->iter_state = kIterNone;
+    Db *d = l->db;
+    if (--d->links == 0) {
+        std::lock_guard<std::mutex> lock(d->iter_mu);
+        iter_close(d);
     }
+    Env *e = l->env;
+    --e->links;
     e->last_use = ++r.clock;
     trim_idle_locked(r);
     return true;
@@ -384,9 +496,12 @@ Reader *reader_slow(const char *uri, uint32_t *status)
     ThreadReaders &t = tl_readers;
     // Drop readers whose link was closed: their transactions are gone.
     uint32_t kept = 0;
-    for (uint32_t i = 0; i < t.n; ++i)
+    for (uint32_t i = 0; i < t.n; ++i) {
         if (t.v[i].link->live.load(std::memory_order_acquire) != 0)
             t.v[kept++] = t.v[i];
+        else
+            free(t.v[i].buf);
+    }
     t.n = kept;
     for (uint32_t i = 0; i < t.n; ++i)
         if (strcmp(t.v[i].link->uri, uri) == 0) {
@@ -425,7 +540,7 @@ Reader *reader_slow(const char *uri, uint32_t *status)
             rc = mdb_txn_begin(l->env->env, nullptr, MDB_RDONLY, &txn);
         }
         if (rc != 0) {
-            *status = from_mdb(rc);
+            *status = store_status(rc);
             return nullptr;
         }
         if (!tarnhost::room_for_one(l->readers)) {
@@ -439,11 +554,15 @@ Reader *reader_slow(const char *uri, uint32_t *status)
         pthread_setspecific(r.thread_key, &t);
         t.keyed = true;
     }
+    // Begun live; every read renews it.
+    mdb_txn_reset(txn);
     Reader &rd = t.v[t.n++];
     rd.uri_ptr = uri;
     rd.link = l;
     rd.txn = txn;
-    rd.active = true;
+    rd.active = false;
+    rd.buf = nullptr;
+    rd.cap = 0;
     return &rd;
 }
 
@@ -452,12 +571,31 @@ inline Reader *reader_for(const char *uri, uint32_t *status)
     ThreadReaders &t = tl_readers;
     for (uint32_t i = 0; i < t.n; ++i) {
         Reader &rd = t.v[i];
-        if (rd.uri_ptr == uri &&
-            rd.link->live.load(std::memory_order_acquire) != 0 &&
+        if (rd.uri_ptr == uri && rd.link->live.load(std::memory_order_acquire) != 0 &&
             strcmp(rd.link->uri, uri) == 0)
             return &rd;
     }
     return reader_slow(uri, status);
+}
+
+// Copies a value into the reader's buffer; false when out of memory.
+inline bool keep_value(Reader *rd, const MDB_val &v)
+{
+    if (v.mv_size > rd->cap) {
+        // The buffer only grows, by powers of two: a thread reads records
+        // of a few sizes.
+        size_t cap = 256;
+        while (cap < v.mv_size)
+            cap *= 2;
+        void *p = malloc(cap);
+        if (p == nullptr)
+            return false;
+        free(rd->buf);
+        rd->buf = p;
+        rd->cap = cap;
+    }
+    memcpy(rd->buf, v.mv_data, v.mv_size);
+    return true;
 }
 
 }  // namespace
@@ -468,15 +606,15 @@ uint32_t kvs_attach(const char *uri)
 {
     if (uri == nullptr)
         return KVS_ERR_INVALID;
-    char path[kPathMax];
-    uint32_t st = tarnhost_kvs_path(uri, path, sizeof path);
+    char dir[kStorePathMax], name[kStoreNameMax + 1];
+    uint32_t st = store_locate(uri, dir, sizeof dir, name, sizeof name);
     if (st != KVS_OK)
         return st;
 
     Registry &r = reg();
     std::lock_guard<std::mutex> lock(r.mu);
     if (Link *old = find_link(uri)) {
-        if (strcmp(old->env->path, path) == 0)
+        if (strcmp(old->env->path, dir) == 0)
             return KVS_ERR_ALREADY_OPEN;
         // The root moved since (tests do that between cases): follow it.
         if (!detach_locked(r, old, slot_of_locked(old)))
@@ -490,10 +628,11 @@ uint32_t kvs_attach(const char *uri)
     if (slot == kMaxLinks)
         return KVS_ERR_IO;
 
-    Env *e = env_for_path_locked(r, path, &st);
+    Env *e = env_for_dir_locked(r, dir, &st);
     if (e == nullptr)
         return st;
-    Link *l = new (std::nothrow) Link;
+    Db *d = db_for(e, name);
+    Link *l = d != nullptr ? new (std::nothrow) Link : nullptr;
     if (l != nullptr)
         l->uri = dup(uri);
     if (l == nullptr || l->uri == nullptr) {
@@ -502,7 +641,12 @@ uint32_t kvs_attach(const char *uri)
         return KVS_ERR_IO;
     }
     l->env = e;
+    l->db = d;
     ++e->links;
+    ++d->links;
+    // Known from the start where the database exists already.
+    MDB_dbi ignored = 0;
+    resolve_dbi(e, d, &ignored, false);
     l->live.store(1, std::memory_order_relaxed);
     g_slots[slot].store(l, std::memory_order_release);
     if (slot == n)
@@ -522,42 +666,47 @@ uint32_t kvs_detach(const char *uri)
     return detach_locked(r, l, slot_of_locked(l)) ? KVS_OK : KVS_ERR_IO;
 }
 
-uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len,
-                    const void **data, uint32_t *len)
+uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len, const void **data,
+                    uint32_t *len)
 {
-    if (uri == nullptr || (key == nullptr && key_len != 0) ||
-        data == nullptr || len == nullptr)
+    if (uri == nullptr || (key == nullptr && key_len != 0) || data == nullptr ||
+        len == nullptr)
         return KVS_ERR_INVALID;
     uint32_t st = KVS_OK;
     Reader *rd = reader_for(uri, &st);
     if (rd == nullptr)
         return st;
-    // Renewing moves this thread's snapshot forward: the value the previous
-    // read returned is released here, not before.
-    if (rd->active) {
-        mdb_txn_reset(rd->txn);
-        rd->active = false;
+    Link *l = rd->link;
+    // Known before the snapshot is taken, so that the snapshot knows it.
+    MDB_dbi dbi = l->db->dbi.load(std::memory_order_acquire);
+    if (dbi == 0) {
+        st = resolve_dbi(l->env, l->db, &dbi, false);
+        if (st != KVS_OK)
+            return st;
     }
-    int rc = mdb_txn_renew(rd->txn);
-    if (rc != 0)
-        return from_mdb(rc) == KVS_ERR_INVALID ? KVS_ERR_IO : from_mdb(rc);
-    rd->active = true;
-
+    if (!rd->active) {
+        int rc = mdb_txn_renew(rd->txn);
+        if (rc != 0)
+            return store_status(rc) == KVS_ERR_INVALID ? KVS_ERR_IO : store_status(rc);
+    }
     MDB_val k{key_len, const_cast<void *>(key)};
     MDB_val v{0, nullptr};
-    rc = mdb_get(rd->txn, rd->link->env->dbi, &k, &v);
-    if (rc != 0) {
-        // Nothing handed out: let go of the snapshot now rather than pin
-        // it until this thread's next read.
-        mdb_txn_reset(rd->txn);
-        rd->active = false;
-        if (rc == MDB_BAD_VALSIZE)
-            return KVS_ERR_NOT_FOUND;  // an empty or oversized key: no record
-        return from_mdb(rc);
+    int rc = mdb_get(rd->txn, dbi, &k, &v);
+    if (rc == 0)
+        st = keep_value(rd, v) ? KVS_OK : KVS_ERR_IO;
+    else if (rc == MDB_BAD_VALSIZE)
+        st = KVS_ERR_NOT_FOUND;  // an empty or oversized key: no record
+    else
+        st = store_status(rc);
+    // The value is ours now: let go of the snapshot before returning.
+    mdb_txn_reset(rd->txn);
+    rd->active = false;
+    if (st == KVS_OK) {
+        static const unsigned char kEmpty = 0;
+        *data = rd->buf != nullptr ? rd->buf : &kEmpty;
+        *len = static_cast<uint32_t>(v.mv_size);
     }
-    *data = v.mv_data;
-    *len = static_cast<uint32_t>(v.mv_size);
-    return KVS_OK;
+    return st;
 }
 
 uint32_t kvs_generation(const char *uri, uint64_t *generation)
@@ -590,34 +739,34 @@ int compare_keys(const MDB_val &a, const void *b, size_t blen)
     return a.mv_size < blen ? -1 : (a.mv_size > blen ? 1 : 0);
 }
 
-void fill(kvs_datum_t *d, const MDB_val &v)
+void fill(kvs_datum_t *d, const void *data, size_t len)
 {
     if (d != nullptr) {
-        d->data = v.mv_data;
-        d->len = static_cast<uint32_t>(v.mv_size);
+        d->data = data;
+        d->len = static_cast<uint32_t>(len);
     }
 }
 
 // Positions the cursor on the last record not after `key`.
-uint32_t position(Env *e, const void *key, uint32_t key_len)
+uint32_t position(MDB_env *env, Db *d, const void *key, uint32_t key_len)
 {
-    MDB_cursor *c = e->iter_cur;
+    MDB_cursor *c = d->iter_cur;
     MDB_val k{0, nullptr}, v{0, nullptr};
     if (key_len == 0) {
         // Every stored key is longer than the empty one.
-        e->iter_state = kIterBeforeFirst;
+        d->iter_state = kIterBeforeFirst;
         return KVS_OK;
     }
     // LMDB refuses keys above its limit for lookups; such a key sorts just
     // after its own prefix of the limit's length, and no stored key is
     // longer, so searching for the prefix finds the same neighbours.
-    size_t max = static_cast<size_t>(mdb_env_get_maxkeysize(e->env));
+    size_t max = static_cast<size_t>(mdb_env_get_maxkeysize(env));
     k.mv_size = key_len < max ? key_len : max;
     k.mv_data = const_cast<void *>(key);
     int rc = mdb_cursor_get(c, &k, &v, MDB_SET_RANGE);
     if (rc == 0) {
         if (compare_keys(k, key, key_len) <= 0) {
-            e->iter_state = kIterOn;
+            d->iter_state = kIterOn;
             return KVS_OK;
         }
         rc = mdb_cursor_get(c, &k, &v, MDB_PREV);
@@ -625,37 +774,81 @@ uint32_t position(Env *e, const void *key, uint32_t key_len)
         rc = mdb_cursor_get(c, &k, &v, MDB_LAST);
     }
     if (rc == 0) {
-        e->iter_state = kIterOn;
+        d->iter_state = kIterOn;
         return KVS_OK;
     }
     if (rc == MDB_NOTFOUND) {
-        e->iter_state = kIterBeforeFirst;
+        d->iter_state = kIterBeforeFirst;
         return KVS_OK;
     }
-    e->iter_state = kIterNone;
-    return from_mdb(rc);
+    d->iter_state = kIterNone;
+    return store_status(rc);
 }
 
-Env *iter_env(const char *uri, uint32_t *status)
+// The walk has reached the end of its snapshot: keep the record it stands
+// on, if any, and give the snapshot back.
+void iter_finish(Db *d)
+{
+    if (d->iter_state == kIterOn) {
+        MDB_val k{0, nullptr}, v{0, nullptr};
+        if (mdb_cursor_get(d->iter_cur, &k, &v, MDB_GET_CURRENT) == 0 &&
+            hold(&d->held_key, k) && hold(&d->held_value, v))
+            d->iter_state = kIterDoneOn;
+        else
+            d->iter_state = kIterDoneEmpty;
+    } else {
+        d->iter_state = kIterDoneEmpty;
+    }
+    iter_release(d);
+}
+
+// A fresh snapshot and cursor for a new walk of `d`.
+uint32_t iter_begin(MDB_env *env, Db *d, MDB_dbi dbi)
+{
+    if (d->iter_txn == nullptr) {
+        int rc = mdb_txn_begin(env, nullptr, MDB_RDONLY, &d->iter_txn);
+        if (rc != 0) {
+            d->iter_txn = nullptr;
+            return store_status(rc) == KVS_ERR_INVALID ? KVS_ERR_IO : store_status(rc);
+        }
+        d->iter_txn_live = true;
+        rc = mdb_cursor_open(d->iter_txn, dbi, &d->iter_cur);
+        if (rc != 0) {
+            mdb_txn_abort(d->iter_txn);
+            d->iter_txn = nullptr;
+            d->iter_cur = nullptr;
+            d->iter_txn_live = false;
+            return KVS_ERR_IO;
+        }
+        return KVS_OK;
+    }
+    if (mdb_txn_renew(d->iter_txn) != 0)
+        return KVS_ERR_IO;
+    d->iter_txn_live = true;
+    if (mdb_cursor_renew(d->iter_txn, d->iter_cur) != 0) {
+        iter_release(d);
+        return KVS_ERR_IO;
+    }
+    return KVS_OK;
+}
+
+Link *iter_link(const char *uri, uint32_t *status)
 {
     if (uri == nullptr) {
         *status = KVS_ERR_INVALID;
         return nullptr;
     }
     Link *l = find_link(uri);
-    if (l == nullptr) {
+    if (l == nullptr)
         *status = KVS_ERR_NOT_OPEN;
-        return nullptr;
-    }
-    return l->env;
+    return l;
 }
 
 }  // namespace
 
 extern "C" {
 
-uint32_t kvs_open(const char *uri, uint32_t mode, uint32_t a, uint32_t b,
-                  uint32_t c)
+uint32_t kvs_open(const char *uri, uint32_t mode, uint32_t a, uint32_t b, uint32_t c)
 {
     (void)mode;
     (void)a;
@@ -692,67 +885,60 @@ uint32_t kvs_read(const char *uri, const kvs_datum_t *key, kvs_datum_t *value)
     return st;
 }
 
-uint32_t kvs_iterator_init(const char *uri, const kvs_datum_t *key,
-                           uint32_t from_start)
+uint32_t kvs_iterator_init(const char *uri, const kvs_datum_t *key, uint32_t from_start)
 {
     uint32_t st;
     if (tarnhost_fault_hit("kvs_iterator_init", &st))
         return st;
     if (!from_start && (key == nullptr || (key->data == nullptr && key->len)))
         return KVS_ERR_INVALID;
+    // The handle of a database made since is looked up first, outside the
+    // registry lock: a writer holding the handle lock may want that one.
+    if (uri != nullptr)
+        if (Link *l = find_link(uri)) {
+            MDB_dbi ignored = 0;
+            resolve_dbi(l->env, l->db, &ignored, false);
+        }
     // The registry lock keeps kvs_close from tearing the iterator down under
     // us; iterator calls are not a hot path.
     Registry &r = reg();
     std::lock_guard<std::mutex> reg_lock(r.mu);
-    Env *e = iter_env(uri, &st);
-    if (e == nullptr)
+    Link *l = iter_link(uri, &st);
+    if (l == nullptr)
         return st;
-    std::lock_guard<std::mutex> lock(e->iter_mu);
-    e->iter_state = kIterNone;
-    int rc = 0;
-    if (e->iter_txn == nullptr) {
-        rc = mdb_txn_begin(e->env, nullptr, MDB_RDONLY, &e->iter_txn);
-        if (rc != 0) {
-            e->iter_txn = nullptr;
-            return from_mdb(rc) == KVS_ERR_INVALID ? KVS_ERR_IO : from_mdb(rc);
-        }
-        e->iter_txn_live = true;
-        rc = mdb_cursor_open(e->iter_txn, e->dbi, &e->iter_cur);
-        if (rc != 0) {
-            mdb_txn_abort(e->iter_txn);
-            e->iter_txn = nullptr;
-            e->iter_cur = nullptr;
-            e->iter_txn_live = false;
-            return KVS_ERR_IO;
-        }
-    } else {
-        // A fresh snapshot for the new walk.
-        if (e->iter_txn_live)
-            mdb_txn_reset(e->iter_txn);
-        e->iter_txn_live = false;
-        rc = mdb_txn_renew(e->iter_txn);
-        if (rc != 0)
-            return KVS_ERR_IO;
-        e->iter_txn_live = true;
-        rc = mdb_cursor_renew(e->iter_txn, e->iter_cur);
-        if (rc != 0)
-            return KVS_ERR_IO;
+    Db *d = l->db;
+    std::lock_guard<std::mutex> lock(d->iter_mu);
+    iter_release(d);
+    d->iter_state = kIterNone;
+    const MDB_dbi dbi = d->dbi.load(std::memory_order_acquire);
+    if (dbi == 0) {
+        // A database nobody has written yet: empty.
+        d->iter_state = kIterDoneEmpty;
+        return KVS_OK;
     }
-    if (from_start) {
-        MDB_val k{0, nullptr}, v{0, nullptr};
-        rc = mdb_cursor_get(e->iter_cur, &k, &v, MDB_FIRST);
-        if (rc == 0) {
-            e->iter_state = kIterOn;
-            return KVS_OK;
-        }
-        if (rc == MDB_NOTFOUND) {
-            // An empty database: positioned before its (absent) first record.
-            e->iter_state = kIterBeforeFirst;
-            return KVS_OK;
-        }
-        return from_mdb(rc);
+    st = iter_begin(l->env->env, d, dbi);
+    if (st != KVS_OK)
+        return st;
+    if (!from_start) {
+        st = position(l->env->env, d, key->data, key->len);
+        if (st != KVS_OK)
+            iter_release(d);
+        return st;
     }
-    return position(e, key->data, key->len);
+    MDB_val k{0, nullptr}, v{0, nullptr};
+    int rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_FIRST);
+    if (rc == 0) {
+        d->iter_state = kIterOn;
+        return KVS_OK;
+    }
+    if (rc == MDB_NOTFOUND) {
+        // An empty database: positioned before its (absent) first record,
+        // and no walk left to hold a snapshot for.
+        iter_finish(d);
+        return KVS_OK;
+    }
+    iter_release(d);
+    return store_status(rc);
 }
 
 uint32_t kvs_getkey(const char *uri, kvs_datum_t *key, kvs_datum_t *value)
@@ -762,20 +948,26 @@ uint32_t kvs_getkey(const char *uri, kvs_datum_t *key, kvs_datum_t *value)
         return st;
     Registry &r = reg();
     std::lock_guard<std::mutex> reg_lock(r.mu);
-    Env *e = iter_env(uri, &st);
-    if (e == nullptr)
+    Link *l = iter_link(uri, &st);
+    if (l == nullptr)
         return st;
-    std::lock_guard<std::mutex> lock(e->iter_mu);
-    if (e->iter_state != kIterOn)
+    Db *d = l->db;
+    std::lock_guard<std::mutex> lock(d->iter_mu);
+    if (d->iter_state == kIterDoneOn) {
+        fill(key, d->held_key.data, d->held_key.len);
+        fill(value, d->held_value.data, d->held_value.len);
+        return KVS_OK;
+    }
+    if (d->iter_state != kIterOn)
         return KVS_ERR_NO_POSITION;
     MDB_val k{0, nullptr}, v{0, nullptr};
-    int rc = mdb_cursor_get(e->iter_cur, &k, &v, MDB_GET_CURRENT);
+    int rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_GET_CURRENT);
     if (rc == MDB_NOTFOUND)
         return KVS_ERR_NO_POSITION;
     if (rc != 0)
-        return from_mdb(rc);
-    fill(key, k);
-    fill(value, v);
+        return store_status(rc);
+    fill(key, k.mv_data, k.mv_size);
+    fill(value, v.mv_data, v.mv_size);
     return KVS_OK;
 }
 
@@ -786,23 +978,33 @@ uint32_t kvs_getnext(const char *uri, kvs_datum_t *key, kvs_datum_t *value)
         return st;
     Registry &r = reg();
     std::lock_guard<std::mutex> reg_lock(r.mu);
-    Env *e = iter_env(uri, &st);
-    if (e == nullptr)
+    Link *l = iter_link(uri, &st);
+    if (l == nullptr)
         return st;
-    std::lock_guard<std::mutex> lock(e->iter_mu);
-    if (e->iter_state == kIterNone)
+    Db *d = l->db;
+    std::lock_guard<std::mutex> lock(d->iter_mu);
+    switch (d->iter_state) {
+    case kIterNone:
         return KVS_ERR_NO_POSITION;
+    case kIterDoneOn:
+    case kIterDoneEmpty:
+        return KVS_ERR_END;  // the snapshot had no more
+    case kIterBeforeFirst:
+    case kIterOn:
+        break;
+    }
     MDB_val k{0, nullptr}, v{0, nullptr};
-    int rc = mdb_cursor_get(e->iter_cur, &k, &v,
-                            e->iter_state == kIterBeforeFirst ? MDB_FIRST
-                                                              : MDB_NEXT);
-    if (rc == MDB_NOTFOUND)
-        return KVS_ERR_END;  // the position stays where it was
+    int rc = mdb_cursor_get(d->iter_cur, &k, &v,
+                            d->iter_state == kIterBeforeFirst ? MDB_FIRST : MDB_NEXT);
+    if (rc == MDB_NOTFOUND) {
+        iter_finish(d);  // the position stays where it was
+        return KVS_ERR_END;
+    }
     if (rc != 0)
-        return from_mdb(rc);
-    e->iter_state = kIterOn;
-    fill(key, k);
-    fill(value, v);
+        return store_status(rc);
+    d->iter_state = kIterOn;
+    fill(key, k.mv_data, k.mv_size);
+    fill(value, v.mv_data, v.mv_size);
     return KVS_OK;
 }
 
@@ -811,37 +1013,107 @@ uint32_t kvs_getnext(const char *uri, kvs_datum_t *key, kvs_datum_t *value)
 struct tarnhost_kvs_txn {
     Env *env;
     MDB_txn *txn;
+    MDB_dbi dbi;  // of the selected database
+    bool holds_dbi_mu;
+    // Handles this transaction opened: the process's once it commits.
+    std::vector<std::pair<Db *, MDB_dbi>> opened;
+    // A transaction on a new store: its environment is private until the
+    // commit puts its directory in the place of `dir`.
+    bool anew;
+    char dir[kStorePathMax];
+    char tmp[kStorePathMax];
 };
 
-tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status)
+namespace {
+
+// A transaction object for `uri`, its store located; null with *status
+// set when the URI names no database.  A null `status` is pointed at a
+// place of this thread's own.
+tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
 {
-    uint32_t dummy;
+    static thread_local uint32_t ignored;
     if (status == nullptr)
-        status = &dummy;
+        status = &ignored;
     if (uri == nullptr) {
         *status = KVS_ERR_INVALID;
         return nullptr;
     }
-    char path[kPathMax];
-    *status = tarnhost_kvs_path(uri, path, sizeof path);
-    if (*status != KVS_OK)
-        return nullptr;
-    tarnhost_kvs_txn_t *t =
-        static_cast<tarnhost_kvs_txn_t *>(malloc(sizeof(tarnhost_kvs_txn_t)));
+    tarnhost_kvs_txn_t *t = new (std::nothrow) tarnhost_kvs_txn_t;
     if (t == nullptr) {
         *status = KVS_ERR_IO;
         return nullptr;
     }
+    t->env = nullptr;
+    t->txn = nullptr;
+    t->dbi = 0;
+    t->holds_dbi_mu = false;
+    t->anew = false;
+    t->dir[0] = t->tmp[0] = '\0';
+    char name[kStoreNameMax + 1];
+    *status = tarnhost::store_locate(uri, t->dir, sizeof t->dir, name, sizeof name);
+    if (*status != KVS_OK) {
+        delete t;
+        return nullptr;
+    }
+    return t;
+}
+
+// Ends the transaction's hold on its environment (the LMDB transaction is
+// committed or aborted by now).
+void txn_release(tarnhost_kvs_txn_t *t, bool committed)
+{
+    if (t->holds_dbi_mu) {
+        if (committed)
+            for (auto &o : t->opened)
+                o.first->dbi.store(o.second, std::memory_order_release);
+        t->env->dbi_mu.unlock();
+    }
+    if (t->anew) {
+        free_env(t->env);  // private: no other user
+    } else {
+        Registry &r = reg();
+        std::lock_guard<std::mutex> lock(r.mu);
+        --t->env->writers;
+        t->env->last_use = ++r.clock;
+        trim_idle_locked(r);
+    }
+    delete t;
+}
+
+uint32_t txn_start(tarnhost_kvs_txn_t *t, const char *uri)
+{
+    // A write transaction knows the handles opened before it began, and
+    // may open more itself, which must then be the only ones opened in the
+    // process until it ends: it holds the handle lock from before it
+    // begins to its end (readers never wait for it, see resolve_dbi).
+    t->env->dbi_mu.lock();
+    t->holds_dbi_mu = true;
+    // Outside the registry lock: this waits for other writers, possibly in
+    // other processes.
+    int rc = mdb_txn_begin(t->env->env, nullptr, 0, &t->txn);
+    if (rc != 0) {
+        t->txn = nullptr;
+        return store_status(rc) == KVS_ERR_INVALID ? KVS_ERR_IO : store_status(rc);
+    }
+    return tarnhost_kvs_txn_select(t, uri);
+}
+
+}  // namespace
+
+tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status)
+{
+    tarnhost_kvs_txn_t *t = txn_new(uri, status);
+    if (t == nullptr)
+        return nullptr;
     Registry &r = reg();
-    Env *e;
     {
         std::lock_guard<std::mutex> lock(r.mu);
-        e = env_for_path_locked(r, path, status);
-        if (e != nullptr)
-            ++e->writers;
+        t->env = env_for_dir_locked(r, t->dir, status);
+        if (t->env != nullptr)
+            ++t->env->writers;
     }
-    if (e == nullptr) {
-        free(t);
+    if (t->env == nullptr) {
+        delete t;
         return nullptr;
     }
     // A reader process that died inside a read keeps its snapshot pinned,
@@ -849,66 +1121,114 @@ tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status)
     // before every write (a scan of the reader table, cheap next to a
     // commit).
     int dead = 0;
-    mdb_reader_check(e->env, &dead);
-    // Outside the registry lock: this waits for other writers, possibly in
-    // other processes.
-    MDB_txn *txn = nullptr;
-    int rc = mdb_txn_begin(e->env, nullptr, 0, &txn);
-    if (rc != 0) {
-        std::lock_guard<std::mutex> lock(r.mu);
-        --e->writers;
-        trim_idle_locked(r);
-        free(t);
-        *status = KVS_ERR_IO;
+    mdb_reader_check(t->env->env, &dead);
+    *status = txn_start(t, uri);
+    if (*status != KVS_OK) {
+        if (t->txn != nullptr)
+            mdb_txn_abort(t->txn);
+        txn_release(t, false);
         return nullptr;
     }
-    t->env = e;
-    t->txn = txn;
-    *status = KVS_OK;
     return t;
 }
 
-static void txn_release(tarnhost_kvs_txn_t *t)
+tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin_anew(const char *uri, uint32_t *status)
 {
-    Registry &r = reg();
-    {
-        std::lock_guard<std::mutex> lock(r.mu);
-        --t->env->writers;
-        t->env->last_use = ++r.clock;
-        trim_idle_locked(r);
+    tarnhost_kvs_txn_t *t = txn_new(uri, status);
+    if (t == nullptr)
+        return nullptr;
+    t->anew = true;
+    t->env = new (std::nothrow) Env;
+    if (t->env == nullptr) {
+        delete t;
+        *status = KVS_ERR_IO;
+        return nullptr;
     }
-    free(t);
+    *status = tarnhost::store_open_fresh(t->dir, t->tmp, sizeof t->tmp, &t->env->env);
+    if (*status != KVS_OK) {
+        t->env->env = nullptr;
+        free_env(t->env);
+        delete t;
+        return nullptr;
+    }
+    t->env->path = dup(t->tmp);
+    *status = t->env->path == nullptr ? KVS_ERR_IO : txn_start(t, uri);
+    if (*status != KVS_OK) {
+        if (t->txn != nullptr)
+            mdb_txn_abort(t->txn);
+        tarnhost::store_discard(t->tmp);
+        txn_release(t, false);
+        return nullptr;
+    }
+    return t;
 }
 
-uint32_t tarnhost_kvs_txn_put(tarnhost_kvs_txn_t *txn, const void *key,
-                              uint32_t key_len, const void *value,
-                              uint32_t value_len)
+uint32_t tarnhost_kvs_check(const char *uri)
+{
+    if (uri == nullptr)
+        return KVS_ERR_INVALID;
+    char dir[kStorePathMax], name[kStoreNameMax + 1];
+    const uint32_t st = tarnhost::store_locate(uri, dir, sizeof dir, name, sizeof name);
+    return st != KVS_OK ? st : tarnhost::store_check(dir);
+}
+
+uint32_t tarnhost_kvs_txn_select(tarnhost_kvs_txn_t *txn, const char *uri)
+{
+    if (txn == nullptr || uri == nullptr || txn->txn == nullptr)
+        return KVS_ERR_INVALID;
+    char dir[kStorePathMax], name[kStoreNameMax + 1];
+    uint32_t st = tarnhost::store_locate(uri, dir, sizeof dir, name, sizeof name);
+    if (st != KVS_OK)
+        return st;
+    if (strcmp(dir, txn->dir) != 0)
+        return KVS_ERR_INVALID;  // a database of another device
+    Db *d = db_for(txn->env, name);
+    if (d == nullptr)
+        return KVS_ERR_IO;
+    MDB_dbi dbi = d->dbi.load(std::memory_order_acquire);
+    for (auto &o : txn->opened)
+        if (o.first == d)
+            dbi = o.second;
+    if (dbi == 0) {
+        // Under the handle lock, which the transaction holds from its start.
+        int rc = mdb_dbi_open(txn->txn, name, MDB_CREATE, &dbi);
+        if (rc != 0)
+            return store_status(rc) == KVS_ERR_INVALID ? KVS_ERR_DAMAGED : store_status(rc);
+        if (!tarnhost::room_for_one(txn->opened))
+            return KVS_ERR_IO;  // the handle closes with the transaction
+        txn->opened.emplace_back(d, dbi);
+    }
+    txn->dbi = dbi;
+    return KVS_OK;
+}
+
+uint32_t tarnhost_kvs_txn_put(tarnhost_kvs_txn_t *txn, const void *key, uint32_t key_len,
+                              const void *value, uint32_t value_len)
 {
     if (txn == nullptr || key == nullptr || key_len == 0 ||
         (value == nullptr && value_len != 0))
         return KVS_ERR_INVALID;
     MDB_val k{key_len, const_cast<void *>(key)};
     MDB_val v{value_len, const_cast<void *>(value)};
-    return from_mdb(mdb_put(txn->txn, txn->env->dbi, &k, &v, 0));
+    return store_status(mdb_put(txn->txn, txn->dbi, &k, &v, 0));
 }
 
-uint32_t tarnhost_kvs_txn_del(tarnhost_kvs_txn_t *txn, const void *key,
-                              uint32_t key_len)
+uint32_t tarnhost_kvs_txn_del(tarnhost_kvs_txn_t *txn, const void *key, uint32_t key_len)
 {
     if (txn == nullptr || key == nullptr || key_len == 0)
         return KVS_ERR_INVALID;
     MDB_val k{key_len, const_cast<void *>(key)};
-    int rc = mdb_del(txn->txn, txn->env->dbi, &k, nullptr);
+    int rc = mdb_del(txn->txn, txn->dbi, &k, nullptr);
     if (rc == MDB_BAD_VALSIZE)
         return KVS_ERR_NOT_FOUND;
-    return from_mdb(rc);
+    return store_status(rc);
 }
 
 uint32_t tarnhost_kvs_txn_clear(tarnhost_kvs_txn_t *txn)
 {
     if (txn == nullptr)
         return KVS_ERR_INVALID;
-    return from_mdb(mdb_drop(txn->txn, txn->env->dbi, 0));
+    return store_status(mdb_drop(txn->txn, txn->dbi, 0));
 }
 
 uint32_t tarnhost_kvs_txn_commit(tarnhost_kvs_txn_t *txn)
@@ -916,8 +1236,28 @@ uint32_t tarnhost_kvs_txn_commit(tarnhost_kvs_txn_t *txn)
     if (txn == nullptr)
         return KVS_ERR_INVALID;
     int rc = mdb_txn_commit(txn->txn);
-    txn_release(txn);
-    return rc == 0 ? KVS_OK : KVS_ERR_IO;
+    uint32_t st = rc == 0 ? KVS_OK : store_status(rc);
+    if (st == KVS_ERR_INVALID)
+        st = KVS_ERR_IO;
+    if (!txn->anew) {
+        txn_release(txn, rc == 0);
+        return st;
+    }
+    // The new store is complete: close it and put it in the old one's place.
+    char dir[kStorePathMax], tmp[kStorePathMax];
+    memcpy(dir, txn->dir, sizeof dir);
+    memcpy(tmp, txn->tmp, sizeof tmp);
+    txn_release(txn, false);
+    if (st == KVS_OK)
+        st = tarnhost::store_replace(dir, tmp);
+    else
+        tarnhost::store_discard(tmp);
+    if (st == KVS_OK) {
+        Registry &r = reg();
+        std::lock_guard<std::mutex> lock(r.mu);
+        retire_env_locked(r, dir);
+    }
+    return st;
 }
 
 void tarnhost_kvs_txn_abort(tarnhost_kvs_txn_t *txn)
@@ -925,7 +1265,9 @@ void tarnhost_kvs_txn_abort(tarnhost_kvs_txn_t *txn)
     if (txn == nullptr)
         return;
     mdb_txn_abort(txn->txn);
-    txn_release(txn);
+    if (txn->anew)
+        tarnhost::store_discard(txn->tmp);
+    txn_release(txn, false);
 }
 
 uint32_t tarnhost_kvs_put(const char *uri, const void *key, uint32_t key_len,

@@ -302,6 +302,9 @@ const char *syserr2str(uint32_t status)
     case KVS_ERR_INVALID: return "invalid argument";
     case KVS_ERR_NO_POSITION: return "no iterator position";
     case KVS_ERR_END: return "end of database";
+    case KVS_ERR_FULL: return "database full";
+    case KVS_ERR_DAMAGED: return "database damaged";
+    case KVS_ERR_DENIED: return "database access denied";
     default: break;
     }
     if (status < 4096) {

@@ -51,6 +51,11 @@ const char *tarnhost_root_strerror(int err);
  * component, or too long). */
 uint32_t tarnhost_kvs_path(const char *uri, char *out, size_t size);
 
+/* The store status of an errno value met on the host root's files:
+ * KVS_ERR_DENIED for a permission error, KVS_ERR_FULL for a full file
+ * system, KVS_ERR_IO otherwise. */
+uint32_t tarnhost_kvs_errno_status(int err);
+
 /* ---- the supervisor ----------------------------------------------------- */
 
 /* The running-configuration URI that tarnhost_device_up() records. */
@@ -71,18 +76,37 @@ void tarnhost_cell_reset(void);
 typedef struct tarnhost_kvs_txn tarnhost_kvs_txn_t;
 
 /* Begin a write transaction on the database named by `uri` (created when it
- * does not exist).  Null on failure with *status set. */
+ * does not exist).  Null on failure with *status set: KVS_ERR_DAMAGED for a
+ * store whose files cannot be read safely, KVS_ERR_DENIED for files this
+ * process may not use. */
 tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status);
 uint32_t tarnhost_kvs_txn_put(tarnhost_kvs_txn_t *txn, const void *key,
                               uint32_t key_len, const void *value,
                               uint32_t value_len);
+/* Every database of a device lives in one store, so one transaction may
+ * change several: after tarnhost_kvs_txn_select(txn, uri) the puts, deletes
+ * and clears go to the database named by `uri`, and the commit makes every
+ * change of the transaction visible at once.  KVS_ERR_INVALID for a
+ * database of another device. */
+uint32_t tarnhost_kvs_txn_select(tarnhost_kvs_txn_t *txn, const char *uri);
+/* Begin a write transaction on a new, empty store for the device of `uri`,
+ * reading nothing of the old one: its commit replaces the device's whole
+ * store (every database) at once.  The way back from a damaged store
+ * (KVS_ERR_DAMAGED). */
+tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin_anew(const char *uri,
+                                                uint32_t *status);
+/* Read every record of every database in the store of the device of `uri`,
+ * in a child process: 0 when it all reads back (or there is no store yet),
+ * KVS_ERR_DAMAGED when the store is damaged, however badly. */
+uint32_t tarnhost_kvs_check(const char *uri);
 /* Delete a key; an absent key gives KVS_ERR_NOT_FOUND. */
 uint32_t tarnhost_kvs_txn_del(tarnhost_kvs_txn_t *txn, const void *key,
                               uint32_t key_len);
 /* Delete every record of the database. */
 uint32_t tarnhost_kvs_txn_clear(tarnhost_kvs_txn_t *txn);
-/* Commit (readers see all of the transaction's changes at once) or abort;
- * both release the transaction. */
+/* Commit (readers see all of the transaction's changes at once; a store
+ * without room gives KVS_ERR_FULL and changes nothing) or abort; both
+ * release the transaction. */
 uint32_t tarnhost_kvs_txn_commit(tarnhost_kvs_txn_t *txn);
 void tarnhost_kvs_txn_abort(tarnhost_kvs_txn_t *txn);
 /* One-change transactions. */

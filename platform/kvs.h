@@ -16,7 +16,8 @@
  *     value->data / value->len, or KVS_ERR_NOT_FOUND (0x40480003) for an
  *     absent key, or another status.  The value is not copied: it stays
  *     valid until the same thread's next read of the same database, and the
- *     caller never frees it.  A record is never seen half-written.
+ *     caller never frees it.  A record is never seen half-written, and
+     the read holds no snapshot of the database once it has returned.
  *
  *  4. Keys are ordered bytewise (shorter before longer on a common prefix).
  *     Each database has one iterator position per process:
@@ -30,7 +31,11 @@
  *         current (non-zero at the end, the position then stays put).
  *     Key and value descriptors so returned stay valid until the next
  *     iterator call of the process on that database.  Walks over one
- *     database must not be interleaved.
+ *     database must not be interleaved.  A walk reads one snapshot from
+ *     its init until kvs_getnext reports the end, which gives the snapshot
+ *     back (kvs_getkey still reads the record the position stays on); a
+ *     walk left open before its end keeps the snapshot until the next
+ *     init, and with it every page the writer frees meanwhile.
  *
  *  5. The client library never writes.  Publishers, tools and tests write
  *     through the host's writer interface (host/tarnhost.h).
@@ -59,6 +64,9 @@ extern "C" {
 #define KVS_ERR_INVALID 0x40480007u      /* a null or malformed argument    */
 #define KVS_ERR_NO_POSITION 0x40480008u  /* no record at the iterator       */
 #define KVS_ERR_END 0x40480009u          /* the iterator is at the end      */
+#define KVS_ERR_FULL 0x4048000Au         /* the store has no room left      */
+#define KVS_ERR_DAMAGED 0x4048000Bu      /* the store's files are damaged   */
+#define KVS_ERR_DENIED 0x4048000Cu       /* the store's files are not ours  */
 
 /* A (data, length) descriptor. */
 typedef struct kvs_datum {

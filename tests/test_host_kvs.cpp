@@ -16,6 +16,7 @@
 
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
+#include "platform/syslog.h"
 #include "support/fixture.h"
 
 namespace {
@@ -106,15 +107,24 @@ TEST_F(host_kvs, open_twice_reports_already_open_and_close_detaches)
     EXPECT_EQ("v", get(kUri, "k"));
 }
 
-TEST_F(host_kvs, database_lives_in_a_directory_under_the_root)
+TEST_F(host_kvs, every_database_of_the_device_lives_in_one_store_under_the_root)
 {
     ASSERT_EQ(0u, kvs_open(kUri, 1, 0, 0, 0));
+    ASSERT_EQ(0u, put("volatile:/other/db", "k", "v"));
     struct stat st;
-    std::string dir = root_ + "/kvs/volatile/tarnhost/test_kvs";
+    std::string dir = root_ + "/kvs/env";
     ASSERT_EQ(0, stat(dir.c_str(), &st));
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_EQ(0700u, st.st_mode & 0777u);
     EXPECT_EQ(0, stat((dir + "/data.mdb").c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777u);
+    // No directory per database any more.
+    EXPECT_NE(0, stat((root_ + "/kvs/volatile").c_str(), &st));
+    // The databases stay apart inside it.
+    EXPECT_EQ("<status 0x40480003>", get(kUri, "k"));
+    ASSERT_EQ(0u, kvs_open("volatile:/other/db", 1, 0, 0, 0));
+    EXPECT_EQ("v", get("volatile:/other/db", "k"));
+    kvs_close("volatile:/other/db");
 }
 
 TEST_F(host_kvs, read_of_unopened_database_is_not_open)
@@ -230,7 +240,8 @@ TEST_F(host_kvs, value_stays_valid_until_the_same_threads_next_read)
     ASSERT_EQ(0u, kvs_read(kUri, &key, &first));
     ASSERT_EQ(100u, first.len);
 
-    // Not copied: the same record read again is the same memory.
+    // The thread's copy is reused: the record read again is in the same
+    // memory.
     kvs_datum_t again{nullptr, 0};
     ASSERT_EQ(0u, kvs_read(kUri, &key, &again));
     EXPECT_EQ(first.data, again.data);
@@ -561,13 +572,19 @@ TEST_F(host_kvs, root_under_a_regular_file_fails)
     setenv("TARNHOST_ROOT", root_.c_str(), 1);
 }
 
+// The map size is the device store's, set by the process that creates it.
 TEST_F(host_kvs, map_size_can_be_set_from_the_environment)
 {
     setenv("TARNHOST_KVS_MAPSIZE", "1048576", 1);
     std::string big(2u << 20, 'x');
-    EXPECT_EQ(KVS_ERR_IO, put("volatile:/small/map", "k", big));
+    EXPECT_EQ(KVS_ERR_FULL, put("volatile:/small/map", "k", big));
+    EXPECT_STREQ("database full", syserr2str(KVS_ERR_FULL));
+    EXPECT_EQ(0u, put("volatile:/small/map", "k", "small"));  // nothing lost
     unsetenv("TARNHOST_KVS_MAPSIZE");
+    const std::string other = tarntest::fresh_root();
     EXPECT_EQ(0u, put("volatile:/default/map", "k", big));
+    tarntest::remove_root(other);
+    setenv("TARNHOST_ROOT", root_.c_str(), 1);
 }
 
 // ---- fault injection ---------------------------------------------------------------

@@ -150,10 +150,10 @@ TEST_F(host_root_group, members_share_a_device_and_nobody_else_does)
     EXPECT_EQ(02770u, mode_of(dev, &gid));
     EXPECT_EQ(kGroup, gid);
     EXPECT_EQ(02770u, mode_of(dev + "/bus/h", &gid));
-    EXPECT_EQ(02750u, mode_of(dev + "/kvs/volatile/shared/db", &gid));
-    EXPECT_EQ(0660u, mode_of(dev + "/kvs/volatile/shared/db/data.mdb", &gid));
+    EXPECT_EQ(02750u, mode_of(dev + "/kvs/env", &gid));
+    EXPECT_EQ(0660u, mode_of(dev + "/kvs/env/data.mdb", &gid));
     EXPECT_EQ(kGroup, gid);
-    EXPECT_EQ(0660u, mode_of(dev + "/kvs/volatile/shared/db/lock.mdb"));
+    EXPECT_EQ(0660u, mode_of(dev + "/kvs/env/lock.mdb"));
     EXPECT_EQ(0660u, mode_of(dev + "/supervisor/running-config"));
 
     // A user outside the group.

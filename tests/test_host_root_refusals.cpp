@@ -219,14 +219,13 @@ TEST_F(host_root_refusals, a_device_staged_by_another_user_is_not_used)
             return 10;
         umask(0);
         for (const char *d : {"", "/bus", "/bus/h", "/bus/sub", "/log",
-                              "/supervisor", "/kvs", "/kvs/volatile",
-                              "/kvs/volatile/db"})
+                              "/supervisor", "/kvs", "/kvs/env"})
             if (mkdir((dev + d).c_str(), 0777) != 0)
                 return 11;
         for (const char *l : {"/bus/lock", "/bus/gen", "/log/messages",
                               "/supervisor/running-config",
-                              "/kvs/volatile/db/lock.mdb",
-                              "/kvs/volatile/db/data.mdb"})
+                              "/kvs/env/lock.mdb",
+                              "/kvs/env/data.mdb"})
             if (symlink(target.c_str(), (dev + l).c_str()) != 0)
                 return 12;
         return 0;
@@ -387,7 +386,8 @@ TEST_F(host_root_refusals, the_log_file_is_never_written_through_a_link)
 
 TEST_F(host_root_refusals, store_files_planted_as_links_are_refused)
 {
-    const std::string db = root_ + "/kvs/volatile/db";
+    // Every database of the device lives in the one store directory.
+    const std::string db = root_ + "/kvs/env";
     std::filesystem::create_directories(db);
     for (const char *file : {"lock.mdb", "data.mdb"}) {
         plant(db + "/" + file, target_);
@@ -398,7 +398,7 @@ TEST_F(host_root_refusals, store_files_planted_as_links_are_refused)
         expect_target_untouched(file);
         ASSERT_EQ(0, unlink((db + "/" + file).c_str()));
     }
-    // A database directory that is a link is not entered.
+    // A store directory that is a link is not entered.
     std::string elsewhere = outside_ + "/db";
     std::filesystem::create_directory(elsewhere);
     plant(db, elsewhere);

@@ -2,6 +2,9 @@
 // change writes its records and then sends exactly its notification;
 // tarnctl dump-cache prints a client's cache and verifies it.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <thread>
 
 #include "platform/kvs.h"
@@ -141,6 +144,10 @@ TEST_F(TarnctlApply, RefusedFilesWriteAndSendNothing)
          "changes[0].ftags[0].reason: expected \"create\", \"update\" or \"delete\", not \"move\""},
         {"{\"changes\": [{\"change\": \"dump_cache\", \"iteration\": 0}]}",
          "changes[0].iteration: 0 is out of range 1..4294967295"},
+        // A number no double holds, wherever it stands.
+        {"{\"changes\": [{\"change\": \"as_format\", \"format\": 1e400}]}",
+         "changes[0].format: the number 1e400 is out of range"},
+        {"{\"_comment\": -1e400, \"changes\": []}", "_comment: the number -1e400 is out of range"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.first);
@@ -313,6 +320,40 @@ TEST_F(TarnctlApply, EachChangeWritesItsRecordsAndSendsItsNotification)
 
 // Each notification is sent after its change is committed: a subscriber
 // that looks at the databases when a notification arrives sees the change.
+// The walk that reads the device before the changes gives its snapshot
+// back, so a long run of changes reuses the store's pages.
+TEST_F(TarnctlApply, ThirtyThousandChangesOnAnIdleDevice)
+{
+    bus_unbind(sub_);  // nobody to wake 30 000 times
+    sub_ = BUS_HANDLE_NONE;
+    std::string json = "{\"changes\": [";
+    for (int i = 0; i < 30000; ++i)
+        json += std::string(i ? "," : "") + "{\"change\": \"as_format\", \"format\": " +
+                std::to_string(i) + "}";
+    json += "]}";
+    const ToolRun r = apply(json);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("", r.err);
+    EXPECT_NE(std::string::npos, r.out.find("applied 30000 changes")) << r.out.substr(0, 200);
+    struct stat st;
+    ASSERT_EQ(0, stat((std::string(tarnhost_root()) + "/kvs/env/data.mdb").c_str(), &st));
+    EXPECT_LT(st.st_size, 1 << 20);
+    printf("store after 30000 changes: %ld bytes\n", static_cast<long>(st.st_size));
+}
+
+TEST_F(TarnctlApply, AStoreThatCannotBeReadIsNamedWithItsRemedy)
+{
+    const std::string data = std::string(tarnhost_root()) + "/kvs/env/data.mdb";
+    ASSERT_EQ(0, truncate(data.c_str(), 4096));
+    const ToolRun r = apply("{\"changes\": [{\"change\": \"as_format\", \"format\": 1}]}");
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl apply: the device in " + std::string(tarnhost_root()) +
+                  " cannot be read (cannot read volatile:/tarnhost/running/tarn_global_kvs: the "
+                  "store is damaged (0x4048000b)); nothing was written, rebuild the device with "
+                  "\"tarnctl load FILE\"\n",
+              r.err);
+}
+
 TEST_F(TarnctlApply, NotificationsFollowTheirCommits)
 {
     std::string seen;

@@ -5,8 +5,8 @@
 //   1. read: JSON text into a Device, checking every key, type and range;
 //   2. encode: the Device into the records of each database, with the
 //      record catalogue's own conversions;
-//   3. write: one transaction per database (clear, puts, commit), then the
-//      device is brought up.
+//   3. write: one transaction for every database of the device (clear,
+//      puts, one commit), then the device is brought up.
 
 #include "tools/device_loader.h"
 #include "tools/device_records.h"
@@ -21,6 +21,7 @@
 
 #include <cmath>
 #include <map>
+#include <new>
 #include <set>
 #include <utility>
 #include <vector>
@@ -32,6 +33,7 @@
 
 #include "host/tarnhost.h"
 #include "host/tarnhost_ifmgr.h"
+#include "platform/kvs.h"
 #include "platform/supv.h"
 
 namespace tarndev {
@@ -347,18 +349,7 @@ Device read_device(const json &doc)
 
 Device parse(const std::string &textv, const std::string &source)
 {
-    json doc;
-    try {
-        doc = json::parse(textv);
-    } catch (const json::parse_error &e) {
-        // Drop nlohmann's "[json.exception.parse_error.101] " tag.
-        std::string what = e.what();
-        size_t close = what.find("] ");
-        if (what.compare(0, 1, "[") == 0 && close != std::string::npos)
-            what = what.substr(close + 2);
-        throw Refusal{source + ": not valid JSON: " + what};
-    }
-    return read_device(doc);
+    return read_device(parse_json(textv, source));
 }
 
 // ---- encoding ----------------------------------------------------------------------
@@ -532,32 +523,51 @@ Encoded encode_device(const Device &d)
 
 // ---- writing --------------------------------------------------------------------------
 
-// Replaces the database at `uri` by `records` (and the interfaces, for the
-// interface manager's database) in one transaction.
-std::string replace(const std::string &uri, const Records &records,
-                    const std::vector<tarnhost_if_t> *ifs)
+// One database of the device and what replaces its records.
+struct Step {
+    std::string uri;
+    const Records *records;
+    const std::vector<tarnhost_if_t> *ifs;  // the interface manager's
+};
+
+// Writes every database of the device in one transaction: readers see the
+// whole old device or the whole new one, also when this process dies at any
+// instant or the store has no room.  `anew` builds a new store instead of
+// changing the one in place (which cannot be read).  0 or the status of the
+// failed step, described in *what.
+uint32_t write_all(const std::vector<Step> &steps, bool anew, std::string *what)
 {
     uint32_t st = 0;
-    tarnhost_kvs_txn_t *txn = tarnhost_kvs_txn_begin(uri.c_str(), &st);
-    if (txn == nullptr)
-        return "cannot open " + uri + " for writing (" + status_text(st) + ")";
-    st = tarnhost_kvs_txn_clear(txn);
-    for (size_t i = 0; st == 0 && i < records.size(); ++i)
-        st = tarnhost_kvs_txn_put(txn, records[i].first.data(),
-                                  static_cast<uint32_t>(records[i].first.size()),
-                                  records[i].second.data(),
-                                  static_cast<uint32_t>(records[i].second.size()));
-    if (ifs != nullptr)
-        for (size_t i = 0; st == 0 && i < ifs->size(); ++i)
-            st = tarnhost_ifmgr_txn_put(txn, &(*ifs)[i]);
-    if (st != 0) {
-        tarnhost_kvs_txn_abort(txn);
-        return "cannot write " + uri + " (" + status_text(st) + ")";
+    tarnhost_kvs_txn_t *txn = anew ? tarnhost_kvs_txn_begin_anew(steps[0].uri.c_str(), &st)
+                                   : tarnhost_kvs_txn_begin(steps[0].uri.c_str(), &st);
+    if (txn == nullptr) {
+        *what = anew ? "cannot make a new store for the device"
+                     : "cannot open the device's store for writing";
+        return st;
+    }
+    for (const Step &step : steps) {
+        st = tarnhost_kvs_txn_select(txn, step.uri.c_str());
+        if (st == 0)
+            st = tarnhost_kvs_txn_clear(txn);
+        const Records &records = *step.records;
+        for (size_t i = 0; st == 0 && i < records.size(); ++i)
+            st = tarnhost_kvs_txn_put(txn, records[i].first.data(),
+                                      static_cast<uint32_t>(records[i].first.size()),
+                                      records[i].second.data(),
+                                      static_cast<uint32_t>(records[i].second.size()));
+        if (step.ifs != nullptr)
+            for (size_t i = 0; st == 0 && i < step.ifs->size(); ++i)
+                st = tarnhost_ifmgr_txn_put(txn, &(*step.ifs)[i]);
+        if (st != 0) {
+            tarnhost_kvs_txn_abort(txn);
+            *what = "cannot write " + step.uri;
+            return st;
+        }
     }
     st = tarnhost_kvs_txn_commit(txn);
     if (st != 0)
-        return "cannot commit " + uri + " (" + status_text(st) + ")";
-    return "";
+        *what = "cannot commit the device";
+    return st;
 }
 
 LoadOutcome write_device(const Device &d, const Encoded &e)
@@ -565,40 +575,46 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     LoadOutcome out;
     int rc = tarnhost_root_prepare();
     if (rc != 0) {
-        out.message = std::string("cannot prepare the host root ") +
-                      tarnhost_root() + ": " + tarnhost_root_strerror(rc);
+        out.message = std::string("cannot prepare the host root ") + tarnhost_root() + ": " +
+                      tarnhost_root_strerror(rc);
+        out.store_status = tarnhost_kvs_errno_status(rc);
         return out;
     }
     const std::string tarn_uri = device_db_uri("tarn_global_kvs");
     const std::string gyre_uri = device_db_uri("gyre_kvs_info");
     if (tarn_uri.empty() || gyre_uri.empty()) {
         out.message = "cannot name the device's databases";
+        out.store_status = KVS_ERR_BAD_URI;
         return out;
     }
-    struct Step {
-        std::string uri;
-        const Records *records;
-        const std::vector<tarnhost_if_t> *ifs;
-    };
     static const Records kNone;
-    const Step steps[] = {
+    const std::vector<Step> steps = {
         {TARNHOST_IFMGR_URI, &kNone, &e.ifs},
         {kCellMgrUri, &e.cell_mgr, nullptr},
         {tarn_uri, &e.tarn, nullptr},
         {gyre_uri, &e.gyre, nullptr},
     };
-    for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
-        std::string err = replace(steps[i].uri, *steps[i].records, steps[i].ifs);
-        if (!err.empty()) {
-            out.message = err;
-            out.partly_written = i > 0;
-            return out;
-        }
+    std::string what;
+    // A store damaged where only reading all of it shows would make the
+    // writer fail half way, or worse: look first, at no risk to this process.
+    uint32_t st = tarnhost_kvs_check(steps[0].uri.c_str());
+    if (st != KVS_ERR_DAMAGED)
+        st = write_all(steps, false, &what);
+    if (st == KVS_ERR_DAMAGED) {
+        // Nothing of a damaged store can be trusted or kept: build the
+        // device's store anew from the description alone.
+        out.rebuilt = true;
+        st = write_all(steps, true, &what);
+    }
+    if (st != 0) {
+        out.message = what;
+        out.store_status = st;
+        return out;
     }
     rc = tarnhost_device_up(nullptr);
     if (rc != 0) {
         out.message = std::string("cannot bring the device up: ") + tarnhost_root_strerror(rc);
-        out.partly_written = true;
+        out.store_status = tarnhost_kvs_errno_status(rc);
         return out;
     }
     out.status = 0;
@@ -622,6 +638,11 @@ LoadOutcome load_device_text(const std::string &textv, const std::string &source
     } catch (const Refusal &r) {
         LoadOutcome out;
         out.message = r.message;
+        return out;
+    } catch (const std::bad_alloc &) {
+        LoadOutcome out;
+        out.message = "cannot hold " + source + " in memory";
+        out.store_status = ENOMEM;
         return out;
     }
     return write_device(d, e);
@@ -662,6 +683,8 @@ std::string check_device_text(const std::string &textv,
         encode_device(d);
     } catch (const Refusal &r) {
         return r.message;
+    } catch (const std::bad_alloc &) {
+        return "cannot hold " + source + " in memory";
     }
     return "";
 }

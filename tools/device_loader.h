@@ -1,16 +1,16 @@
 // The device loader: turns a device description (JSON, docs/device-format.md)
 // into the databases of the simulated device under $TARNHOST_ROOT.
 //
-// Loading is all or nothing as far as the description goes: every fact is
-// checked before the first database is touched, and a refused description
-// leaves the device exactly as it was.  Each database is then replaced in one
-// transaction of its own (cleared, filled, committed), so readers never see
-// a database half loaded; a store failure between two databases can still
-// leave some replaced and others not, which the outcome reports.
+// Loading is all or nothing: every fact is checked before the store is
+// touched, and every database of the device is then replaced in one
+// transaction, so readers see the whole old device or the whole new one,
+// whatever happens to the loader and whether or not the description fits.
+// A store too damaged to read is rebuilt from the description alone.
 #ifndef TARN_TOOLS_DEVICE_LOADER_H
 #define TARN_TOOLS_DEVICE_LOADER_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include <string>
 
@@ -22,8 +22,11 @@ struct LoadOutcome {
     // Why it was refused or failed: "<JSON path>: <problem>" for a bad
     // description, or a description of the failed step.
     std::string message;
-    // True when a failure came after the first database had been replaced.
-    bool partly_written = false;
+    // 0 when the description was refused; else the status of the store or
+    // system step that failed (KVS_ERR_* or KVS_ERR_DENIED, ...).
+    uint32_t store_status = 0;
+    // True when the store was damaged and has been built anew.
+    bool rebuilt = false;
     // What was loaded, for a summary.
     size_t contexts = 0;
     size_t tables = 0;

@@ -3,12 +3,15 @@
 
 #include "tools/device_records.h"
 
+#include <errno.h>
 #include <string.h>
 
 #include <cmath>
 
 #include "host/tarnhost.h"
+#include "platform/kvs.h"
 #include "platform/supv.h"
+#include "platform/syslog.h"
 
 namespace tarndev {
 
@@ -422,6 +425,44 @@ std::string status_text(uint32_t st)
     char buf[16];
     snprintf(buf, sizeof buf, "0x%08x", st);
     return buf;
+}
+
+std::string store_cause(uint32_t st)
+{
+    const char *what;
+    switch (st) {
+    case KVS_ERR_FULL:
+        what = "the store is full";
+        break;
+    case KVS_ERR_DAMAGED:
+        what = "the store is damaged";
+        break;
+    case KVS_ERR_DENIED:
+        what = "permission denied";
+        break;
+    default:
+        what = syserr2str(st);
+        break;
+    }
+    return std::string(what) + " (" + status_text(st) + ")";
+}
+
+std::string store_remedy(uint32_t st)
+{
+    const std::string root = tarnhost_root();
+    switch (st) {
+    case KVS_ERR_FULL:
+        return "make room: set TARNHOST_KVS_MAPSIZE to a larger size in bytes, or free "
+               "space in the file system of " +
+               root;
+    case KVS_ERR_DAMAGED:
+        return "rebuild the device with \"tarnctl load FILE\"";
+    case KVS_ERR_DENIED:
+        return "check the owner and mode of " + root + " and the files in " + root +
+               "/kvs: this user must be able to read and write them";
+    default:
+        return "";
+    }
 }
 
 std::string device_db_uri(const char *name)

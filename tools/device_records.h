@@ -47,6 +47,11 @@ struct Refusal {
 };
 
 [[noreturn]] void refuse(const std::string &path, const std::string &problem);
+// Parses a JSON text; throws Refusal for text that is not JSON ("<source>:
+// not valid JSON: ..."), for a number too large for any field ("<JSON
+// path>: the number 1e400 is out of range", wherever it stands, comments
+// included) and for containers nested too deeply.
+json parse_json(const std::string &text, const std::string &source);
 // "a.b" and "a[3]".
 std::string member(const std::string &path, const std::string &key);
 std::string item(const std::string &path, size_t i);
@@ -165,6 +170,12 @@ Bytes as_format_value(uint32_t format);
 
 // "0x%08x".
 std::string status_text(uint32_t st);
+// What a store status means, for a message: "the store is full
+// (0x4048000a)".
+std::string store_cause(uint32_t st);
+// What the user can do about it ("" when only trying again can help):
+// "set TARNHOST_KVS_MAPSIZE ...".
+std::string store_remedy(uint32_t st);
 // The URI of a database of the device once it is up ("tarn_global_kvs",
 // "gyre_kvs_info"); "" when it cannot be named.
 std::string device_db_uri(const char *name);

@@ -112,27 +112,37 @@ T host(const uint8_t *p)
     return v;
 }
 
-// Walks every record of a database; false when it cannot be opened.
+// What kept the device from being read.
+struct ReadError {
+    std::string text;
+    uint32_t status = 0;
+};
+
+// Walks every record of a database to its end, which also lets go of the
+// walk's snapshot; false when it cannot be opened or read.
 template <typename F>
-bool walk(const std::string &uri, std::string *err, F f)
+bool walk(const std::string &uri, ReadError *err, F f)
 {
-    const uint32_t st = kvs_open(uri.c_str(), 1, 0, 0, 0);
-    if (st != 0 && st != KVS_ERR_ALREADY_OPEN) {
-        *err = "cannot open " + uri + " (" + status_text(st) + ")";
-        return false;
+    uint32_t st = kvs_open(uri.c_str(), 1, 0, 0, 0);
+    if (st == 0 || st == KVS_ERR_ALREADY_OPEN) {
+        kvs_datum_t key, value;
+        st = kvs_iterator_init(uri.c_str(), nullptr, 1);
+        if (st == 0) {
+            for (st = kvs_getkey(uri.c_str(), &key, &value); st == 0;
+                 st = kvs_getnext(uri.c_str(), &key, &value))
+                f(static_cast<const uint8_t *>(key.data), key.len,
+                  static_cast<const uint8_t *>(value.data), value.len);
+        }
+        if (st == KVS_ERR_END || st == KVS_ERR_NO_POSITION)
+            return true;  // the end, or an empty database
     }
-    kvs_datum_t key, value;
-    if (kvs_iterator_init(uri.c_str(), nullptr, 1) != 0)
-        return true;  // an empty database
-    for (uint32_t rc = kvs_getkey(uri.c_str(), &key, &value); rc == 0;
-         rc = kvs_getnext(uri.c_str(), &key, &value))
-        f(static_cast<const uint8_t *>(key.data), key.len,
-          static_cast<const uint8_t *>(value.data), value.len);
-    return true;
+    err->text = "cannot read " + uri + ": " + store_cause(st);
+    err->status = st;
+    return false;
 }
 
 bool read_fabric(const std::string &tarn_uri, const std::string &gyre_uri, Fabric *fab,
-                 std::string *err)
+                 ReadError *err)
 {
     if (!walk(tarn_uri, err, [&](const uint8_t *k, uint32_t klen, const uint8_t *, uint32_t) {
             if (klen == kTarnKeySize && be32(k) == TARN_KVS_KIND_TABLE_INFO &&
@@ -457,8 +467,8 @@ void play(Fabric *fab, Change *c)
 
 // ---- writing ---------------------------------------------------------------------
 
-// The writes of one database in one transaction: puts and deletes (an
-// absent key is no error for a delete).
+// The writes of one database: puts and deletes (an absent key is no error
+// for a delete).
 struct Txn {
     std::string uri;
     std::vector<std::pair<Bytes, Bytes>> puts;
@@ -468,14 +478,9 @@ struct Txn {
     void put(Bytes k, Bytes v) { puts.emplace_back(std::move(k), std::move(v)); }
     void del(Bytes k) { dels.push_back(std::move(k)); }
 
-    std::string commit() const
+    uint32_t write(tarnhost_kvs_txn_t *txn) const
     {
-        if (empty())
-            return "";
-        uint32_t st = 0;
-        tarnhost_kvs_txn_t *txn = tarnhost_kvs_txn_begin(uri.c_str(), &st);
-        if (txn == nullptr)
-            return "cannot open " + uri + " for writing (" + status_text(st) + ")";
+        uint32_t st = tarnhost_kvs_txn_select(txn, uri.c_str());
         for (size_t i = 0; st == 0 && i < dels.size(); ++i) {
             st = tarnhost_kvs_txn_del(txn, dels[i].data(), static_cast<uint32_t>(dels[i].size()));
             if (st == KVS_ERR_NOT_FOUND)
@@ -486,16 +491,35 @@ struct Txn {
                                       static_cast<uint32_t>(puts[i].first.size()),
                                       puts[i].second.data(),
                                       static_cast<uint32_t>(puts[i].second.size()));
-        if (st != 0) {
-            tarnhost_kvs_txn_abort(txn);
-            return "cannot write " + uri + " (" + status_text(st) + ")";
-        }
-        st = tarnhost_kvs_txn_commit(txn);
-        if (st != 0)
-            return "cannot commit " + uri + " (" + status_text(st) + ")";
-        return "";
+        return st;
     }
 };
+
+// Writes one change to both databases in one transaction, so that no
+// reader sees its Tarn half without its Gyre half.  "" or what failed,
+// with the store's status in *status.
+std::string commit_change(const Txn &tarn, const Txn &gyre, uint32_t *status)
+{
+    if (tarn.empty() && gyre.empty())
+        return "";
+    uint32_t &st = *status;
+    tarnhost_kvs_txn_t *txn = tarnhost_kvs_txn_begin(tarn.uri.c_str(), &st);
+    if (txn == nullptr)
+        return "cannot open the device's store for writing: " + store_cause(st);
+    for (const Txn *t : {&tarn, &gyre}) {
+        if (st == 0 && !t->empty()) {
+            st = t->write(txn);
+            if (st != 0) {
+                tarnhost_kvs_txn_abort(txn);
+                return "cannot write " + t->uri + ": " + store_cause(st);
+            }
+        }
+    }
+    st = tarnhost_kvs_txn_commit(txn);
+    if (st != 0)
+        return "cannot commit the change: " + store_cause(st);
+    return "";
+}
 
 void del_ftag(Txn *gyre, uint32_t ftag, const FtagFact &f)
 {
@@ -701,16 +725,7 @@ bool read_file(const char *path, std::string *out, std::string *err)
 
 std::vector<Change> parse_changes(const std::string &textv, const std::string &source)
 {
-    json doc;
-    try {
-        doc = json::parse(textv);
-    } catch (const json::parse_error &e) {
-        std::string what = e.what();
-        size_t close = what.find("] ");
-        if (what.compare(0, 1, "[") == 0 && close != std::string::npos)
-            what = what.substr(close + 2);
-        throw Refusal{source + ": not valid JSON: " + what};
-    }
+    const json doc = parse_json(textv, source);
     const json &o = object_at(doc, "", {"changes"});
     const json &l = list(need(o, "", "changes"), "changes");
     std::vector<Change> out;
@@ -727,7 +742,7 @@ void print_help()
            "the device in $TARNHOST_ROOT, loaded before with \"tarnctl load\".  The whole\n"
            "file is checked against the device first; a file with any error is refused\n"
            "and nothing is written.  Then each change, in order, is written to the\n"
-           "databases (one transaction per database) and, once committed, announced to\n"
+           "databases (one transaction for the change) and, once committed, announced to\n"
            "the subscribed clients with the notification that the Tarn or Gyre service\n"
            "sends for it (51208, 51210, 51214, 51215 or 51226).  One line per change says\n"
            "what was done; a cache dump request also lists the replies received.\n"
@@ -759,15 +774,28 @@ int cmd_apply(int argc, char **argv)
         return kExitFailed;
     };
     std::string textv, err;
-    if (!read_file(file, &textv, &err))
-        return refused(err);
+    if (!read_file(file, &textv, &err)) {
+        fprintf(stderr, "tarnctl apply: %s; nothing was written\n", err.c_str());
+        return kExitFailed;
+    }
     const std::string tarn_uri = device_db_uri("tarn_global_kvs");
     const std::string gyre_uri = device_db_uri("gyre_kvs_info");
     Fabric fab;
-    if (tarn_uri.empty() || gyre_uri.empty() || !read_fabric(tarn_uri, gyre_uri, &fab, &err))
-        return refused("the device in " + std::string(tarnhost_root()) +
-                       " cannot be read (" + (err.empty() ? "no databases" : err) +
-                       "); load one with \"tarnctl load FILE\"");
+    ReadError rerr;
+    if (tarn_uri.empty() || gyre_uri.empty()) {
+        fprintf(stderr, "tarnctl apply: the device in %s cannot be read (no databases); "
+                        "nothing was written, load one with \"tarnctl load FILE\"\n",
+                tarnhost_root());
+        return kExitFailed;
+    }
+    if (!read_fabric(tarn_uri, gyre_uri, &fab, &rerr)) {
+        const std::string remedy = store_remedy(rerr.status);
+        fprintf(stderr, "tarnctl apply: the device in %s cannot be read (%s); nothing was "
+                        "written%s%s\n",
+                tarnhost_root(), rerr.text.c_str(), remedy.empty() ? "" : ", ",
+                remedy.c_str());
+        return kExitFailed;
+    }
     std::vector<Change> changes;
     try {
         changes = parse_changes(textv, file);
@@ -797,15 +825,15 @@ int cmd_apply(int argc, char **argv)
         } catch (const Refusal &r) {
             err = r.message;
         }
+        uint32_t st = 0;
         if (err.empty())
-            err = tarn.commit();
-        if (err.empty())
-            err = gyre.commit();
+            err = commit_change(tarn, gyre, &st);
         if (!err.empty()) {
+            const std::string remedy = store_remedy(st);
             fprintf(stderr,
                     "tarnctl apply: %s: %s; the changes before it were applied and announced, "
-                    "this one and the later ones were not\n",
-                    c.path.c_str(), err.c_str());
+                    "this one and the later ones were not%s%s\n",
+                    c.path.c_str(), err.c_str(), remedy.empty() ? "" : "; ", remedy.c_str());
             status = kExitFailed;
             break;
         }

@@ -5,6 +5,7 @@
 
 #include "host/tarnhost.h"
 #include "tools/device_loader.h"
+#include "tools/device_records.h"
 #include "tools/tarnctl.h"
 
 namespace tarnctl {
@@ -26,9 +27,10 @@ void print_help()
            "and, when it\n"
            "is valid, replaces the databases of the device in $TARNHOST_ROOT "
            "by what it\n"
-           "describes and brings the device up.  A description with any error "
-           "is refused\n"
-           "and nothing is written.\n"
+           "describes, all in one transaction, and brings the device up.  A "
+           "description\n"
+           "with any error is refused and nothing is written.  A damaged store "
+           "is rebuilt.\n"
            "\n"
            "Exit status: 0 loaded, 1 refused or failed, 2 usage error.\n");
 }
@@ -43,19 +45,25 @@ int cmd_load(int argc, char **argv)
         return early;
 
     tarndev::LoadOutcome r = tarndev::load_device_file(file);
-    if (r.status != 0) {
-        if (r.partly_written)
-            fprintf(stderr,
-                    "tarnctl load: %s: %s; the device may be partly loaded, "
-                    "run \"tarnctl load %s\" again\n",
-                    file, r.message.c_str(), file);
-        else
-            fprintf(stderr,
-                    "tarnctl load: %s; nothing was written, correct %s and "
-                    "run \"tarnctl load %s\" again\n",
-                    r.message.c_str(), file, file);
+    if (r.status != 0 && r.store_status == 0) {
+        fprintf(stderr,
+                "tarnctl load: %s; nothing was written, correct %s and run \"tarnctl load "
+                "%s\" again\n",
+                r.message.c_str(), file, file);
         return kExitFailed;
     }
+    if (r.status != 0) {
+        // The description is fine: the store or the system refused it.
+        const std::string remedy = tarndev::store_remedy(r.store_status);
+        fprintf(stderr,
+                "tarnctl load: %s: %s: %s; the device is unchanged, %s%srun \"tarnctl load "
+                "%s\" again\n",
+                file, r.message.c_str(), tarndev::store_cause(r.store_status).c_str(),
+                remedy.c_str(), remedy.empty() ? "" : ", then ", file);
+        return kExitFailed;
+    }
+    if (r.rebuilt)
+        printf("the store of %s was damaged: rebuilt it from %s\n", tarnhost_root(), file);
     printf("loaded %s into %s: %zu contexts, %zu tables, %zu interfaces, "
            "%zu topologies\n",
            file, tarnhost_root(), r.contexts, r.tables, r.interfaces,

@@ -1,0 +1,127 @@
+// Parsing the device tools' JSON: a text is read in one pass that builds
+// the document and knows, at every value, the path that leads to it, so
+// that a value no field could hold is refused with its path like any other
+// bad fact, even where the readers would never look (a comment).
+
+#include <string>
+#include <vector>
+
+#include "tools/device_records.h"
+
+namespace tarndev {
+namespace {
+
+// Deeper documents are no device description; the limit also keeps the
+// document's own recursive teardown off the end of the stack.
+constexpr size_t kMaxDepth = 64;
+
+class PathSax {
+public:
+    PathSax(json *root, const std::string &source) : dom_(*root, false), source_(source) {}
+
+    bool null() { return scalar(dom_.null()); }
+    bool boolean(bool v) { return scalar(dom_.boolean(v)); }
+    bool number_integer(json::number_integer_t v) { return scalar(dom_.number_integer(v)); }
+    bool number_unsigned(json::number_unsigned_t v) { return scalar(dom_.number_unsigned(v)); }
+    bool number_float(json::number_float_t v, const std::string &s)
+    {
+        return scalar(dom_.number_float(v, s));
+    }
+    bool string(std::string &v) { return scalar(dom_.string(v)); }
+    bool binary(json::binary_t &v) { return scalar(dom_.binary(v)); }
+
+    bool start_object(size_t n) { return open(false) && dom_.start_object(n); }
+    bool key(std::string &k)
+    {
+        frames_.back().key = k;
+        return dom_.key(k);
+    }
+    bool end_object() { return close() && dom_.end_object(); }
+    bool start_array(size_t n) { return open(true) && dom_.start_array(n); }
+    bool end_array() { return close() && dom_.end_array(); }
+
+    bool parse_error(size_t, const std::string &token, const nlohmann::detail::exception &ex)
+    {
+        if (ex.id == 406) {
+            // JSON has no limit on numbers; a double does.
+            const std::string p = path();
+            error_ = (p.empty() ? source_ : p) + ": the number " + token + " is out of range";
+            return false;
+        }
+        // Drop nlohmann's "[json.exception.parse_error.101] " tag.
+        std::string what = ex.what();
+        const size_t close = what.find("] ");
+        if (what.compare(0, 1, "[") == 0 && close != std::string::npos)
+            what = what.substr(close + 2);
+        error_ = source_ + ": not valid JSON: " + what;
+        return false;
+    }
+
+    const std::string &error() const { return error_; }
+
+private:
+    struct Frame {
+        bool array;
+        size_t index;
+        std::string key;
+    };
+
+    // The path of the value being read now.
+    std::string path() const
+    {
+        std::string p;
+        for (const Frame &f : frames_)
+            p = f.array ? item(p, f.index) : member(p, f.key);
+        return p;
+    }
+
+    bool scalar(bool ok)
+    {
+        done();
+        return ok;
+    }
+
+    void done()
+    {
+        if (!frames_.empty() && frames_.back().array)
+            ++frames_.back().index;
+    }
+
+    bool open(bool array)
+    {
+        if (frames_.size() >= kMaxDepth) {
+            const std::string p = path();
+            error_ = (p.empty() ? source_ : p) + ": nested deeper than " +
+                     std::to_string(kMaxDepth) + " levels";
+            return false;
+        }
+        frames_.push_back(Frame{array, 0, std::string()});
+        return true;
+    }
+
+    bool close()
+    {
+        frames_.pop_back();
+        done();
+        return true;
+    }
+
+    nlohmann::detail::json_sax_dom_parser<json> dom_;
+    const std::string &source_;
+    std::vector<Frame> frames_;
+    std::string error_;
+};
+
+}  // namespace
+
+json parse_json(const std::string &text, const std::string &source)
+{
+    json doc;
+    PathSax sax(&doc, source);
+    const bool ok = json::sax_parse(text, &sax);
+    if (!ok || !sax.error().empty())
+        throw Refusal{sax.error().empty() ? source + ": not valid JSON" : sax.error()};
+    return doc;
+}
+
+}  // namespace tarndev
