@@ -15,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "tools/tarnctl.h"
 
@@ -153,7 +154,17 @@ int cmd_log(int argc, char **argv)
     std::string partial;
     for (;;) {
         if (fd < 0) {
-            fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+            // Through the root's checked directories, like every file the
+            // host opens there: a link anywhere below the root is refused.
+            const int dfd = tarnhost_rootfs::open_subdir("log", false);
+            fd = dfd < 0 ? -1
+                         : tarnhost_rootfs::open_file(dfd, "messages", path.c_str(),
+                                                      O_RDONLY);
+            if (dfd >= 0) {
+                const int err = errno;
+                close(dfd);
+                errno = err;
+            }
             if (fd < 0 && errno != ENOENT) {
                 fprintf(stderr, "tarnctl log: cannot read %s: %s\n", path.c_str(),
                         strerror(errno));
