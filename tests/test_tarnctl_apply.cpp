@@ -3,11 +3,13 @@
 // tarnctl dump-cache prints a client's cache and verifies it.
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
 
 #include "platform/kvs.h"
+#include "support/tarnctl_process.h"
 #include "test_gyre_lifecycle_support.h"
 #include "tools/device_records.h"
 
@@ -322,6 +324,39 @@ TEST_F(TarnctlApply, EachChangeWritesItsRecordsAndSendsItsNotification)
 // that looks at the databases when a notification arrives sees the change.
 // The walk that reads the device before the changes gives its snapshot
 // back, so a long run of changes reuses the store's pages.
+TEST_F(TarnctlApply, TwoAppliesAtOnceTakeTurns)
+{
+    // Both plan against the device as they find it: the one that runs
+    // second finds the topology there already and writes nothing.
+    write_file(file_, "{\"changes\": [{\"change\": \"create_topology\", \"topology\": 30}]}");
+    const std::string dir = tarnhost_root();
+    pid_t pids[2];
+    for (int i = 0; i < 2; ++i)
+        pids[i] = tarntest::spawn_tarnctl(TARNCTL_PATH, {"apply", file_}, {},
+                                          dir + "/apply" + std::to_string(i) + ".out",
+                                          dir + "/apply" + std::to_string(i) + ".err");
+    int ok = 0, refused = 0;
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_GT(pids[i], 0);
+        int status = 0;
+        ASSERT_EQ(pids[i], waitpid(pids[i], &status, 0));
+        ASSERT_TRUE(WIFEXITED(status));
+        const std::string err = slurp(dir + "/apply" + std::to_string(i) + ".err");
+        if (WEXITSTATUS(status) == 0) {
+            ++ok;
+            EXPECT_EQ("", err);
+        } else {
+            ++refused;
+            EXPECT_EQ(1, WEXITSTATUS(status));
+            EXPECT_EQ(refusal("changes[0].topology: topology 30 exists already"), err);
+        }
+    }
+    EXPECT_EQ(1, ok);
+    EXPECT_EQ(1, refused);
+    EXPECT_EQ(51208u, next().first);
+    EXPECT_EQ(0u, next(200).first);
+}
+
 TEST_F(TarnctlApply, ThirtyThousandChangesOnAnIdleDevice)
 {
     bus_unbind(sub_);  // nobody to wake 30 000 times

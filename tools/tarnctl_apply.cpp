@@ -3,6 +3,7 @@
 // its own transaction and then announced with the notification that the
 // Tarn or Gyre service sends for it.
 
+#include <sys/file.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -18,6 +19,7 @@
 #include <tarn/gyre.h>
 #include <tarn/tarn.h>
 
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
@@ -759,6 +761,37 @@ uint32_t load32(const uint8_t *p)
 
 }  // namespace
 
+namespace {
+
+// Takes the device's apply lock (supervisor/apply.lock, opened like every
+// file below the root), waiting for another apply to end; the descriptor,
+// or -1 with errno.
+int hold_apply_lock()
+{
+    const int dfd = tarnhost_rootfs::open_subdir("supervisor", false);
+    if (dfd < 0)
+        return -1;
+    const std::string shown = std::string(tarnhost_root()) + "/supervisor/apply.lock";
+    const int fd = tarnhost_rootfs::open_file(dfd, "apply.lock", shown.c_str(), O_RDWR | O_CREAT);
+    const int err = errno;
+    close(dfd);
+    if (fd < 0) {
+        errno = err;
+        return -1;
+    }
+    while (flock(fd, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            const int ferr = errno;
+            close(fd);
+            errno = ferr;
+            return -1;
+        }
+    }
+    return fd;
+}
+
+}  // namespace
+
 int cmd_apply(int argc, char **argv)
 {
     const char *file = nullptr;
@@ -786,6 +819,15 @@ int cmd_apply(int argc, char **argv)
         fprintf(stderr, "tarnctl apply: the device in %s cannot be read (no databases); "
                         "nothing was written, load one with \"tarnctl load FILE\"\n",
                 tarnhost_root());
+        return kExitFailed;
+    }
+    // One apply at a time per device: each plans its changes against the
+    // device as it finds it, and two interleaved would both pass their
+    // checks.  Held until the process ends.
+    if (hold_apply_lock() < 0) {
+        fprintf(stderr, "tarnctl apply: cannot take the apply lock of the device in %s (%s); "
+                        "nothing was written\n",
+                tarnhost_root(), strerror(errno));
         return kExitFailed;
     }
     if (!read_fabric(tarn_uri, gyre_uri, &fab, &rerr)) {
