@@ -46,6 +46,9 @@ const char kForeignSharedText[] =
     "%s belongs to uid %u and group %u, neither you (uid %u) nor the "
     "device's group %s (%u); remove it, or set TARNHOST_ROOT to a directory "
     "of your own";
+const char kForeignLinkText[] =
+    "%s is reached through the link %s, which belongs to uid %u, not to you "
+    "or root; choose a root whose path has no link of another user";
 const char kSocketText[] =
     "%s is not a socket of the bus; remove it";
 
@@ -105,6 +108,37 @@ int open_parent(const char *root, std::string *base)
     if (base->empty() || *base == "." || *base == "..") {
         errno = tarnhost_rootfs::refuse(EINVAL, kNotDirText, root);
         return -1;
+    }
+    // realpath follows links: each one on the way must be one that only
+    // we or root could have put there and can change, or whoever owns it
+    // chooses where the device lives.
+    for (size_t at = 1; at <= parent.size(); ++at) {
+        if (at != parent.size() && parent[at] != '/')
+            continue;
+        const std::string prefix = parent.substr(0, at);
+        struct stat lst;
+        if (lstat(prefix.c_str(), &lst) != 0 || !S_ISLNK(lst.st_mode))
+            continue;
+        if (lst.st_uid != 0 && lst.st_uid != geteuid()) {
+            errno = tarnhost_rootfs::refuse(EACCES, kForeignLinkText, root,
+                                            prefix.c_str(),
+                                            static_cast<unsigned>(lst.st_uid));
+            return -1;
+        }
+        const size_t cut = prefix.rfind('/');
+        const std::string holder = cut == std::string::npos ? "."
+                                   : cut == 0               ? "/"
+                                                            : prefix.substr(0, cut);
+        struct stat hst;
+        if (stat(holder.c_str(), &hst) == 0 &&
+            ((hst.st_uid != 0 && hst.st_uid != geteuid()) ||
+             ((hst.st_mode & 022) != 0 && (hst.st_mode & S_ISVTX) == 0))) {
+            errno = tarnhost_rootfs::refuse(
+                EACCES, kParentText, root, holder.c_str(),
+                static_cast<unsigned>(hst.st_uid),
+                static_cast<unsigned>(hst.st_mode & 07777));
+            return -1;
+        }
     }
     char *real = realpath(parent.c_str(), nullptr);
     if (real == nullptr)

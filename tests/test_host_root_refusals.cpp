@@ -199,6 +199,31 @@ TEST_F(host_root_refusals, a_root_of_another_user_is_refused)
     }
 }
 
+TEST_F(host_root_refusals, a_link_of_another_user_on_the_way_is_refused)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "a link of another user can only be made by root here";
+    // Whoever owns a link on the way to the root chooses where the device
+    // lives: only links of ours or root's are followed there.
+    const std::string link = outside_ + "/way";
+    ASSERT_EQ(0, symlink(outside_.c_str(), link.c_str()));
+    ASSERT_EQ(0, lchown(link.c_str(), kNobody, kNobody));
+    const std::string dev = link + "/dev";
+    setenv("TARNHOST_ROOT", dev.c_str(), 1);
+    EXPECT_EQ(EACCES, tarnhost_root_prepare());
+    EXPECT_EQ(dev + " is reached through the link " + link +
+                  ", which belongs to uid 65534, not to you or root; choose a root "
+                  "whose path has no link of another user",
+              tarnhost_root_problem());
+    struct stat st;
+    EXPECT_NE(0, stat((outside_ + "/dev").c_str(), &st));
+
+    // The same link made ours is followed.
+    ASSERT_EQ(0, lchown(link.c_str(), 0, 0));
+    EXPECT_EQ(0, tarnhost_root_prepare());
+    EXPECT_EQ(0, stat((outside_ + "/dev").c_str(), &st));
+}
+
 // The attack as it happens on a shared machine: another user stages a
 // device in a world-writable directory, with links at every path the host
 // opens, and waits for a privileged tool to use it.
