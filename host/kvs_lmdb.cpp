@@ -581,7 +581,9 @@ inline Reader *reader_for(const char *uri, uint32_t *status)
 // Copies a value into the reader's buffer; false when out of memory.
 inline bool keep_value(Reader *rd, const MDB_val &v)
 {
-    if (v.mv_size > rd->cap) {
+    // An empty value gets a buffer too: the reader hands out a pointer to
+    // it either way.
+    if (v.mv_size > rd->cap || rd->buf == nullptr) {
         // The buffer only grows, by powers of two: a thread reads records
         // of a few sizes.
         size_t cap = 256;
@@ -594,7 +596,8 @@ inline bool keep_value(Reader *rd, const MDB_val &v)
         rd->buf = p;
         rd->cap = cap;
     }
-    memcpy(rd->buf, v.mv_data, v.mv_size);
+    if (v.mv_size != 0)
+        memcpy(rd->buf, v.mv_data, v.mv_size);
     return true;
 }
 
