@@ -75,6 +75,22 @@ int one_file_argument(const Command &cmd, int argc, char **argv,
     return -1;
 }
 
+bool parse_count(const char *text, uint64_t hi, uint64_t *out)
+{
+    if (text == nullptr || *text == '\0' || strlen(text) > 19)
+        return false;
+    uint64_t v = 0;
+    for (const char *c = text; *c; ++c) {
+        if (*c < '0' || *c > '9')
+            return false;
+        v = v * 10 + static_cast<uint64_t>(*c - '0');
+    }
+    if (v < 1 || v > hi)
+        return false;
+    *out = v;
+    return true;
+}
+
 }  // namespace tarnctl
 
 int main(int argc, char **argv)

@@ -4,6 +4,8 @@
 #ifndef TARN_TOOLS_TARNCTL_H
 #define TARN_TOOLS_TARNCTL_H
 
+#include <stdint.h>
+
 namespace tarnctl {
 
 // Exit statuses shared by every subcommand.
@@ -29,6 +31,10 @@ int usage_error(const Command &cmd, const char *message);
 // *file set, or the exit status to return at once.
 int one_file_argument(const Command &cmd, int argc, char **argv,
                       void (*print_help)(), const char **file);
+
+// A count or a number of seconds given on the command line: decimal digits
+// only, from 1 to `hi`.  False for anything else, *out untouched.
+bool parse_count(const char *text, uint64_t hi, uint64_t *out);
 
 // tarnctl load FILE
 int cmd_load(int argc, char **argv);

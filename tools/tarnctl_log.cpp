@@ -90,22 +90,6 @@ void emit(const std::string &line, bool as_json, const std::string &grep)
     printf("%s\n", j.dump(-1, ' ', true).c_str());
 }
 
-bool parse_seconds(const char *text, uint64_t *out)
-{
-    if (text == nullptr || *text == '\0' || strlen(text) > 8)
-        return false;
-    uint64_t v = 0;
-    for (const char *c = text; *c; ++c) {
-        if (*c < '0' || *c > '9')
-            return false;
-        v = v * 10 + static_cast<uint64_t>(*c - '0');
-    }
-    if (v < 1 || v > 86400u * 365)
-        return false;
-    *out = v;
-    return true;
-}
-
 }  // namespace
 
 int cmd_log(int argc, char **argv)
@@ -129,7 +113,7 @@ int cmd_log(int argc, char **argv)
             const char *v = argv[++i];
             if (a == "--grep")
                 grep = v;
-            else if (!parse_seconds(v, &timeout))
+            else if (!parse_count(v, 86400u * 365, &timeout))
                 return usage_error(kLog, "--timeout takes seconds from 1 to 31536000");
         } else {
             return usage_error(kLog, ("unknown argument \"" + a + "\"").c_str());

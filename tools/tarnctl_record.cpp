@@ -110,22 +110,6 @@ void print_replay_help()
            "error.\n");
 }
 
-bool parse_count(const char *text, uint64_t hi, uint64_t *out)
-{
-    if (text == nullptr || *text == '\0' || strlen(text) > 10)
-        return false;
-    uint64_t v = 0;
-    for (const char *c = text; *c; ++c) {
-        if (*c < '0' || *c > '9')
-            return false;
-        v = v * 10 + static_cast<uint64_t>(*c - '0');
-    }
-    if (v < 1 || v > hi)
-        return false;
-    *out = v;
-    return true;
-}
-
 // The value of option `name` at argv[*i]: null when it is not that option;
 // *missing when it has no value.
 const char *option_value(int argc, char **argv, int *i, const char *name, bool *missing)
