@@ -4,6 +4,7 @@
 // file $TARNHOST_ROOT/log/messages (so that the processes of one simulated
 // device share one log), and, while a test captures, an in-memory list.
 
+#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdarg.h>
@@ -48,6 +49,34 @@ std::string strip_newline(const char *line)
 
 // ---- device log files -------------------------------------------------------
 
+// The prefix of a line in the device's log files, as a syslog daemon
+// writes it (RFC 5424 time with microseconds and UTC offset, host, process
+// name and pid): "2026-01-02T03:04:05.678901+00:00 host tarnctl[42]: ".
+// The rendered message after it is the library's text, unchanged.  Written
+// into `out` (no allocation); its length.
+size_t file_line_prefix(char *out, size_t size)
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm t;
+    localtime_r(&ts.tv_sec, &t);
+    char when[64];
+    size_t n = strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S", &t);
+    const long off = t.tm_gmtoff / 60;
+    const long abs_off = off < 0 ? -off : off;
+    snprintf(when + n, sizeof when - n, ".%06ld%c%02ld:%02ld", ts.tv_nsec / 1000,
+             off < 0 ? '-' : '+', abs_off / 60, abs_off % 60);
+    char host[256];
+    if (gethostname(host, sizeof host) != 0 || host[0] == '\0')
+        snprintf(host, sizeof host, "-");
+    host[sizeof host - 1] = '\0';
+    const int w = snprintf(out, size, "%s %s %s[%d]: ", when, host,
+                           program_invocation_short_name, static_cast<int>(getpid()));
+    if (w < 0)
+        return 0;
+    return static_cast<size_t>(w) < size ? static_cast<size_t>(w) : size - 1;
+}
+
 void append_file(const char *name, const char *line)
 {
     // A log file is opened like everything under the root: never through a
@@ -67,9 +96,11 @@ void append_file(const char *name, const char *line)
         --len;
     // One write per line keeps lines of concurrent processes whole; the
     // line is not copied, so writing it needs no memory.
+    char prefix[512];
+    const size_t prefix_len = file_line_prefix(prefix, sizeof prefix);
     char newline = '\n';
-    iovec parts[2] = {{const_cast<char *>(line), len}, {&newline, 1}};
-    ssize_t w = writev(fd, parts, 2);
+    iovec parts[3] = {{prefix, prefix_len}, {const_cast<char *>(line), len}, {&newline, 1}};
+    ssize_t w = writev(fd, parts, 3);
     (void)w;
     close(fd);
 }

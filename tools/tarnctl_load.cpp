@@ -3,15 +3,18 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <string>
+
 #include "host/tarnhost.h"
 #include "tools/device_loader.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 
 const Command kLoad = {
     "load",
-    "FILE",
+    "FILE [--json]",
     "load a device description (JSON) into the device, replacing it",
     cmd_load,
 };
@@ -20,7 +23,7 @@ namespace {
 
 void print_help()
 {
-    printf("usage: tarnctl load FILE\n"
+    printf("usage: tarnctl load FILE [--json]\n"
            "\n"
            "Checks the device description FILE (JSON; docs/device-format.md) "
            "and, when it\n"
@@ -28,7 +31,7 @@ void print_help()
            "by what it\n"
            "describes and brings the device up.  A description with any error "
            "is refused\n"
-           "and nothing is written.\n"
+           "and nothing is written.  With --json the summary is one JSON document.\n"
            "\n"
            "Exit status: 0 loaded, 1 refused or failed, 2 usage error.\n");
 }
@@ -41,25 +44,35 @@ int cmd_load(int argc, char **argv)
     const int early = one_file_argument(kLoad, argc, argv, print_help, &file);
     if (early >= 0)
         return early;
+    if (!device_creatable("load"))
+        return kExitFailed;
 
     tarndev::LoadOutcome r = tarndev::load_device_file(file);
     if (r.status != 0) {
         if (r.partly_written)
-            fprintf(stderr,
-                    "tarnctl load: %s: %s; the device may be partly loaded, "
-                    "run \"tarnctl load %s\" again\n",
-                    file, r.message.c_str(), file);
-        else
-            fprintf(stderr,
-                    "tarnctl load: %s; nothing was written, correct %s and "
-                    "run \"tarnctl load %s\" again\n",
-                    r.message.c_str(), file, file);
-        return kExitFailed;
+            return reportf("load", kExitFailed,
+                           "%s: %s; the device may be partly loaded, run \"tarnctl load "
+                           "%s\" again",
+                           file, r.message.c_str(), file);
+        return reportf("load", kExitFailed,
+                       "%s; nothing was written, correct %s and run \"tarnctl load %s\" "
+                       "again",
+                       r.message.c_str(), file, file);
     }
-    printf("loaded %s into %s: %zu contexts, %zu tables, %zu interfaces, "
-           "%zu topologies\n",
-           file, tarnhost_root(), r.contexts, r.tables, r.interfaces,
-           r.topologies);
+    if (json_output()) {
+        print_json({{"file", file},
+                    {"device", tarnhost_root()},
+                    {"contexts", r.contexts},
+                    {"tables", r.tables},
+                    {"interfaces", r.interfaces},
+                    {"topologies", r.topologies}});
+        return kExitOk;
+    }
+    printf("loaded %s into %s: %s, %s, %s, %s\n", file, tarnhost_root(),
+           counted(r.contexts, "context", "contexts").c_str(),
+           counted(r.tables, "table", "tables").c_str(),
+           counted(r.interfaces, "interface", "interfaces").c_str(),
+           counted(r.topologies, "topology", "topologies").c_str());
     return kExitOk;
 }
 

@@ -21,12 +21,14 @@
 #include "platform/alloctrack.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_output.h"
+#include "tools/tarnctl_queries.h"
 
 namespace tarnctl {
 
 const Command kWatch = {
     "watch",
-    "[--sap N] [--count N] [--timeout S]",
+    "[--sap N] [--count N] [--timeout S] [--json]",
     "follow the device's notifications as a caching client",
     cmd_watch,
 };
@@ -44,7 +46,7 @@ void on_signal(int) { g_stop = 1; }
 
 void print_help()
 {
-    printf("usage: tarnctl watch [--sap N] [--count N] [--timeout S]\n"
+    printf("usage: tarnctl watch [--sap N] [--count N] [--timeout S] [--json]\n"
            "\n"
            "Runs as a client process of the device in $TARNHOST_ROOT: binds "
            "a bus access\n"
@@ -65,6 +67,9 @@ void print_help()
            "prints the\n"
            "memory that libtarn still holds in the memory tracker "
            "(library %u).\n"
+           "\n"
+           "With --json each of these is one JSON object on a line of its own (\"event\":\n"
+           "\"start\", \"message\", \"missed\", \"stop\").\n"
            "\n"
            "Exit status: 0 stopped, 1 could not start, 2 usage error.\n",
            kFirstSap, kLastSap, TARN_LIB_ALLOC_ID);
@@ -102,6 +107,28 @@ uint16_t load16(const uint8_t *p)
     uint16_t v;
     memcpy(&v, p, sizeof v);
     return v;
+}
+
+// The name of every opcode that can reach a client of the device; the
+// Gyre notifications that the cache does not use are named by number.
+std::string opcode_name(uint32_t opcode)
+{
+    switch (opcode) {
+    case BUS_OPC_TARN_REGISTER: return "TARN_REGISTER";
+    case 51205: return "GYRE_NOTIFY_C805";
+    case BUS_OPC_GYRE_TPG_CREATE: return "GYRE_TPG_CREATE";
+    case 51209: return "GYRE_NOTIFY_C809";
+    case BUS_OPC_GYRE_TPG_DELETE: return "GYRE_TPG_DELETE";
+    case 51211: return "GYRE_NOTIFY_C80B";
+    case 51212: return "GYRE_NOTIFY_C80C";
+    case 51213: return "GYRE_NOTIFY_C80D";
+    case BUS_OPC_GYRE_TPG_VLANS: return "GYRE_TPG_VLANS";
+    case BUS_OPC_GYRE_FTAG_UPDATE: return "GYRE_FTAG_UPDATE";
+    case BUS_OPC_TARN_PROTOCOL_CONFIG_CHANGE: return "TARN_PROTOCOL_CONFIG_CHANGE";
+    case 51223: return "GYRE_FTAG_NOTICE";
+    case BUS_OPC_TARN_ATTR_CHANGE: return "TARN_ATTR_CHANGE";
+    default: return "OPCODE_" + std::to_string(opcode);
+    }
 }
 
 // What the cache holds for a topology now.
@@ -259,17 +286,20 @@ std::string describe(const Seen &s, int32_t result)
     return out;
 }
 
+// The cached topologies as they stand.
+json cached_json()
+{
+    json cached = json::array();
+    for (uint32_t t : all_topologies())
+        cached.push_back(topology_now(t));
+    return cached;
+}
+
 // The caches as they stand: the AS format and every cached topology.
 void print_caches()
 {
     printf("AS format %u\n", tarn_get_as_format());
-    std::vector<uint32_t> tpgs;
-    tarn_table_info_t info;
-    memset(&info, 0, sizeof info);
-    for (uint32_t t = gyre_get_first_l2_tpg(&info);
-         t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
-        tpgs.push_back(t);
-    for (uint32_t t : tpgs)
+    for (uint32_t t : all_topologies())
         printf("cached %s\n", topology_now(t).c_str());
 }
 
@@ -277,7 +307,7 @@ void print_caches()
 void handle(uint32_t h, bus_msg_t *msg)
 {
     const Seen seen = inspect(msg);
-    const std::string name = bus_opc_name_get(seen.opcode);
+    const std::string name = opcode_name(seen.opcode);
     const int32_t r = tarn_dispatch(msg);
     // 1: the library applied the message and dropped it; anything else
     // leaves it to us.
@@ -286,7 +316,16 @@ void handle(uint32_t h, bus_msg_t *msg)
     std::string what = describe(seen, r);
     if (r == -1 && what != "not for libtarn")
         what += " (not taken by libtarn)";
-    printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+    if (json_output())
+        print_json_line({{"event", "message"},
+                         {"time", now_text()},
+                         {"opcode", seen.opcode},
+                         {"opcode_name", name},
+                         {"taken", r != -1},
+                         {"change", what}});
+    else
+        printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+    fflush(stdout);
 }
 
 // Notifications that the bus could not deliver (the queue stayed full
@@ -307,13 +346,21 @@ uint64_t catch_up(uint32_t h, const gyre_cache_attr_t *attr)
     uint32_t more = 0;
     if (tarnhost_bus_missed_take(h, &more) == 0)
         missed += more;
-    printf("%s missed %u notifications (the queue was full); rebuilding the "
-           "caches from the databases\n",
-           now_text().c_str(), missed);
+    if (!json_output())
+        printf("%s missed %s (the queue was full); rebuilding the caches from the "
+               "databases\n",
+               now_text().c_str(), counted(missed, "notification", "notifications").c_str());
     tarn_refresh_as_format_info();
     gyre_disable_cache_mode();
     gyre_enable_cache_mode(attr);
-    print_caches();
+    if (json_output())
+        print_json_line({{"event", "missed"},
+                         {"time", now_text()},
+                         {"missed", missed},
+                         {"as_format", tarn_get_as_format()},
+                         {"cached", cached_json()}});
+    else
+        print_caches();
     return handled;
 }
 
@@ -330,6 +377,18 @@ void print_memory()
                    alloctrack_live_bytes(TARN_LIB_ALLOC_ID, type)),
                type + 1 < TARN_LIB_MEM_MAX ? "," : "\n");
     }
+}
+
+json memory_json()
+{
+    json out = json::array();
+    for (uint32_t type = TARN_LIB_MEM_NONE + 1; type < TARN_LIB_MEM_MAX; ++type) {
+        const char *name = __tarn_api_mem_type_t_find(type);
+        out.push_back({{"type", name ? name : "?"},
+                       {"count", alloctrack_live_count(TARN_LIB_ALLOC_ID, type)},
+                       {"bytes", alloctrack_live_bytes(TARN_LIB_ALLOC_ID, type)}});
+    }
+    return out;
 }
 
 bool parse_number(const char *text, uint64_t lo, uint64_t hi, uint64_t *out)
@@ -378,6 +437,8 @@ int cmd_watch(int argc, char **argv)
             print_help();
             return kExitOk;
         }
+        if (strcmp(a, "--json") == 0)
+            continue;
         struct {
             const char *name;
             uint64_t *out;
@@ -422,20 +483,16 @@ int cmd_watch(int argc, char **argv)
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
 
-    if (tarn_api_init() != TARN_SUCCESS) {
-        fprintf(stderr,
-                "tarnctl watch: libtarn could not be initialised for the "
-                "device in %s (it serves cell 1 only; check TARNHOST_CELL and "
-                "%s/log/messages)\n",
-                tarnhost_root(), tarnhost_root());
+    if (!device_up("watch"))
         return kExitFailed;
-    }
-    if (tarn_clt == nullptr || tarn_clt->initialized == 0) {
-        fprintf(stderr,
-                "tarnctl watch: the device in %s is not up; load one with "
-                "\"tarnctl load FILE\"\n",
-                tarnhost_root());
-        return kExitFailed;
+    if (tarn_api_init() != TARN_SUCCESS || tarn_clt == nullptr || tarn_clt->initialized == 0) {
+        const char *cell = getenv("TARNHOST_CELL");
+        return reportf("watch", kExitFailed,
+                       "libtarn could not be initialised for the device in %s (it serves cell 1 "
+                       "only, this process is in cell %s); the library's report is in "
+                       "%s/log/messages",
+                       tarnhost_root(), cell != nullptr && *cell != '\0' ? cell : "1",
+                       tarnhost_root());
     }
 
     int32_t bound_sap = 0;
@@ -443,19 +500,19 @@ int cmd_watch(int argc, char **argv)
     if (h == BUS_HANDLE_NONE) {
         int err = errno;
         tarn_api_close();
+        if (err == EADDRINUSE && sap != 0)
+            return reportf("watch", kExitFailed,
+                           "access point %d is taken by a live process; choose another with "
+                           "--sap",
+                           bound_sap);
         if (err == EADDRINUSE)
-            fprintf(stderr,
-                    sap != 0 ? "tarnctl watch: access point %d is taken by a "
-                               "live process; choose another with --sap\n"
-                             : "tarnctl watch: access points up to %d are all "
-                               "taken; choose one with --sap\n",
-                    bound_sap);
-        else
-            fprintf(stderr,
-                    "tarnctl watch: cannot bind a bus access point in %s/bus "
-                    "(%s); check that the directory is writable\n",
-                    tarnhost_root(), tarnhost_root_strerror(err));
-        return kExitFailed;
+            return reportf("watch", kExitFailed,
+                           "access points up to %d are all taken; choose one with --sap",
+                           bound_sap);
+        return reportf("watch", kExitFailed,
+                       "cannot bind a bus access point in %s/bus: %s; check that the "
+                       "directory is yours and writable",
+                       tarnhost_root(), tarnhost_root_strerror(err));
     }
 
     const char *step = nullptr;
@@ -473,16 +530,23 @@ int cmd_watch(int argc, char **argv)
         gyre_api_close();
         tarn_api_close();
         bus_unbind(h);
-        fprintf(stderr,
-                "tarnctl watch: %s failed; the reason is in %s/log/messages\n",
-                step, tarnhost_root());
-        return kExitFailed;
+        return reportf("watch", kExitFailed, "%s failed; the library's report is in %s/log/messages",
+                       step, tarnhost_root());
     }
 
-    printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
-           tarnhost_root());
-    print_caches();
-    printf("watching\n");
+    if (json_output()) {
+        print_json_line({{"event", "start"},
+                         {"access_point", bound_sap},
+                         {"bus_handle", h},
+                         {"device", tarnhost_root()},
+                         {"as_format", tarn_get_as_format()},
+                         {"cached", cached_json()}});
+    } else {
+        printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
+               escaped(tarnhost_root()).c_str());
+        print_caches();
+        printf("watching\n");
+    }
 
     const double start = monotonic_seconds();
     uint64_t handled = 0;
@@ -494,6 +558,10 @@ int cmd_watch(int argc, char **argv)
     for (;;) {
         if (g_stop) {
             why = "signal";
+            break;
+        }
+        if (output_failed()) {
+            why = "write error";
             break;
         }
         if (count != 0 && handled >= count) {
@@ -515,9 +583,17 @@ int cmd_watch(int argc, char **argv)
     gyre_api_close();
     tarn_api_close();
     bus_unbind(h);
-    printf("stopped (%s) after %llu messages; access point %d released\n", why,
-           static_cast<unsigned long long>(handled), bound_sap);
-    print_memory();
+    if (json_output()) {
+        print_json_line({{"event", "stop"},
+                         {"reason", why},
+                         {"messages", handled},
+                         {"access_point", bound_sap},
+                         {"memory", memory_json()}});
+    } else {
+        printf("stopped (%s) after %s; access point %d released\n", why,
+               counted(handled, "message", "messages").c_str(), bound_sap);
+        print_memory();
+    }
     return kExitOk;
 }
 
