@@ -765,6 +765,7 @@ int run_topologies(const Sub &sub, const Args &a)
                 ftags.bits[f.ftag / 8] |= static_cast<uint8_t>(0x80u >> (f.ftag % 8));
             ftag_set.insert(f.ftag);
             details.push_back({{"ftag", f.ftag},
+                               {"topology", tpg},
                                {"graph", f.graph},
                                {"flags", flags_json(f.flags)},
                                {"flags_code", f.flags}});
@@ -908,7 +909,7 @@ int run_ftags(const Sub &sub, const Args &a)
     return emit(a, {"FTAG", "TOPOLOGY", "GRAPH", "FLAGS"}, rows,
                 {{"filter", filter_names},
                  {"topology", or_null(tpg != GYRE_TPG_NONE, tpg)},
-                 {"ftags", list}},
+                 {"ftag_details", list}},
                 notes);
 }
 
