@@ -178,14 +178,14 @@ TEST_F(TarnctlApply, EachChangeWritesItsRecordsAndSendsItsNotification)
         " {\"change\": \"delete_cache\"},"
         " {\"change\": \"dump_cache\", \"iteration\": 3}]}");
     ASSERT_EQ(0, r.status) << r.err;
-    EXPECT_EQ("changes[0]: topology 30 created (51208 to 1 subscribers)\n"
-              "changes[1]: VLANs of topology 10, topology 30 set (51214 to 1 subscribers)\n"
-              "changes[2]: ftags: 1 created, 1 updated, 1 deleted (51215 to 1 subscribers)\n"
-              "changes[3]: AS format 2 (51226 to 1 subscribers)\n"
-              "changes[4]: the 2 ftags of topology 10 deleted (51226 to 1 subscribers)\n"
-              "changes[5]: topology 20 deleted (51210 to 1 subscribers)\n"
-              "changes[6]: cache delete requested (51226 to 1 subscribers)\n"
-              "changes[7]: cache dump requested (iteration 3) (51226 to 1 subscribers)\n"
+    EXPECT_EQ("changes[0]: topology 30 created (51208 to 1 subscriber)\n"
+              "changes[1]: VLANs of topology 10, topology 30 set (51214 to 1 subscriber)\n"
+              "changes[2]: ftags: 1 created, 1 updated, 1 deleted (51215 to 1 subscriber)\n"
+              "changes[3]: AS format 2 (51226 to 1 subscriber)\n"
+              "changes[4]: the 2 ftags of topology 10 deleted (51226 to 1 subscriber)\n"
+              "changes[5]: topology 20 deleted (51210 to 1 subscriber)\n"
+              "changes[6]: cache delete requested (51226 to 1 subscriber)\n"
+              "changes[7]: cache dump requested (iteration 3) (51226 to 1 subscriber)\n"
               "  0 of 1 subscribers answered\n"
               "applied 8 changes to " + std::string(tarnhost_root()) + "\n",
               r.out);

@@ -212,7 +212,8 @@ protected:
         std::vector<std::string> l = split_lines(out);
         ASSERT_GE(l.size(), 2u);
         EXPECT_EQ("stopped (" + why + ") after " + std::to_string(messages) +
-                      " messages; access point " + std::to_string(sap_) +
+                      (messages == 1 ? " message" : " messages") + "; access point " +
+                      std::to_string(sap_) +
                       " released",
                   l[l.size() - 2]);
         EXPECT_TRUE(std::regex_match(
@@ -310,30 +311,30 @@ TEST_F(TarnctlWatch, AppliesNotificationsAndStopsOnSigterm)
         EXPECT_TRUE(subscribed(opc)) << opc;
 
     publish_and_expect(&p, BUS_OPC_GYRE_TPG_VLANS, vlan_change(7, 10, 12),
-                       "51214 topology 7 vlans 10-12 ftags 3-4");
+                       "GYRE_TPG_VLANS topology 7 vlans 10-12 ftags 3-4");
     publish_and_expect(&p, BUS_OPC_GYRE_FTAG_UPDATE,
                        ftag_change(GYRE_FTAG_CREATE, 8, 2, 11, 2),
-                       "51215 GYRE_FTAG_CREATE ftag 11 topology 8 graph 2 "
+                       "GYRE_FTAG_UPDATE GYRE_FTAG_CREATE ftag 11 topology 8 graph 2 "
                        "flags 0x2: topology 8 vlans 100 ftags 9,11");
     publish_and_expect(&p, BUS_OPC_GYRE_FTAG_UPDATE,
                        ftag_change(GYRE_FTAG_DELETE, 7, 2, 4, 6),
-                       "51215 GYRE_FTAG_DELETE ftag 4 topology 7 graph 2 "
+                       "GYRE_FTAG_UPDATE GYRE_FTAG_DELETE ftag 4 topology 7 graph 2 "
                        "flags 0x6: ftag 4 unused");
     publish_and_expect(&p, BUS_OPC_TARN_ATTR_CHANGE, attr_change(1, 3),
                        "TARN_ATTR_CHANGE kind 1: AS format 3");
     publish_and_expect(&p, BUS_OPC_GYRE_TPG_CREATE, topology_change(40),
-                       "51208 created: topology 40 vlans -- ftags --");
+                       "GYRE_TPG_CREATE created: topology 40 vlans -- ftags --");
     publish_and_expect(&p, BUS_OPC_GYRE_TPG_DELETE, topology_change(8),
-                       "51210 deleted: topology 8 not cached");
+                       "GYRE_TPG_DELETE deleted: topology 8 not cached");
     publish_and_expect(&p, 51211, {},
-                       "51211 nothing for the cache");
+                       "GYRE_NOTIFY_C80B nothing for the cache");
     publish_and_expect(&p, BUS_OPC_TARN_ATTR_CHANGE, attr_change(9, 0),
                        "TARN_ATTR_CHANGE kind 9: ignored");
     // Without a payload the library leaves the message to its caller.
     publish_and_expect(&p, BUS_OPC_TARN_ATTR_CHANGE, {},
                        "TARN_ATTR_CHANGE no payload \\(not taken by libtarn\\)");
     // Subscribed, but left to the caller by the library: dropped by watch.
-    publish_and_expect(&p, 51205, {1, 2, 3, 4}, "51205 not for libtarn");
+    publish_and_expect(&p, 51205, {1, 2, 3, 4}, "GYRE_NOTIFY_C805 not for libtarn");
 
     // A cache dump request on its access point is answered.
     {
@@ -399,7 +400,7 @@ TEST_F(TarnctlWatch, StopsAfterCount)
     ASSERT_GE(l.size(), 3u);
     EXPECT_TRUE(std::regex_match(
         l[l.size() - 3], std::regex(std::string(kTime) +
-                                    "51214 topology 8 vlans 100-101 ftags 9")))
+                                    "GYRE_TPG_VLANS topology 8 vlans 100-101 ftags 9")))
         << l[l.size() - 3];
     expect_clean_stop(p.out(), "count", 2);
     expect_released();
@@ -456,7 +457,7 @@ TEST_F(TarnctlWatch, UsageErrors)
     }
     Result r = tarnctl({"watch", "--count", "0"});
     EXPECT_EQ("tarnctl watch: --count takes a number from 1 to 4294967295; "
-              "usage: tarnctl watch [--sap N] [--count N] [--timeout S] (see "
+              "usage: tarnctl watch [--sap N] [--count N] [--timeout S] [--json] (see "
               "\"tarnctl watch --help\")\n",
               r.err);
     r = tarnctl({"watch", "--help"});
