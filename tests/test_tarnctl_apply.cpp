@@ -5,12 +5,16 @@
 #include <thread>
 
 #include "platform/kvs.h"
+#include "support/json_schema.h"
+#include <nlohmann/json.hpp>
 #include "test_gyre_lifecycle_support.h"
 #include "tools/device_records.h"
 
 using namespace lifecycle;
 
 namespace {
+
+using json = nlohmann::json;
 
 constexpr int32_t kSap = 4713;
 
@@ -360,6 +364,20 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ(header + row10 + row20 + "verify: cache and database agree on 2 topologies\n", r.out);
 
+    // The same as one JSON document of the documented layout.
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --json");
+    EXPECT_EQ(0, r.status) << r.err;
+    const json doc = json::parse(r.out, nullptr, false);
+    EXPECT_EQ("", tarntest::tarnctl_schema_problem("dump_cache", doc)) << r.out;
+    EXPECT_EQ(json::parse(R"([
+      {"id": 10, "active_vlans": "100-109",
+       "active_vlans_list": [100,101,102,103,104,105,106,107,108,109],
+       "ftags": "1-2", "ftags_list": [1, 2], "in_sync": true},
+      {"id": 20, "active_vlans": "200-201", "active_vlans_list": [200, 201],
+       "ftags": "17", "ftags_list": [17], "in_sync": true}])"),
+              doc["topologies"]);
+    EXPECT_EQ(true, doc["verify"]["agree"]);
+
     // The database changes behind the client's back, and the client's
     // owner table loses VLAN 200.
     ASSERT_EQ(0u, tarnhost_kvs_put(kGyreUri.c_str(), tarndev::gyre_key_ftag(5).data(), 40,
@@ -403,6 +421,36 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
     EXPECT_EQ(2, tarnctl("dump-cache --client x").status);
     EXPECT_EQ(2, tarnctl("dump-cache --client 4294967295").status);
     EXPECT_EQ(0, c.stop());
+}
+
+// A client that does not answer in time, and one whose process is gone,
+// are told apart, each with what to do.
+TEST_F(TarnctlApply, DumpCacheNamesAStoppedOrGoneClient)
+{
+    Client c;
+    ASSERT_TRUE(c.start(kSap));
+    const std::string h = std::to_string(c.handle());
+    const std::string who =
+        "the client with bus handle " + h + " (access point " + std::to_string(kSap) + ")";
+    ASSERT_EQ(0, kill(c.pid(), SIGSTOP));
+    ToolRun r = tarnctl("dump-cache --client " + h + " --timeout 1");
+    kill(c.pid(), SIGCONT);
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", r.out);
+    EXPECT_EQ("tarnctl dump-cache: " + who +
+                  " did not answer within 1 s: it is stopped or busy; resume it, or wait "
+                  "longer with --timeout\n",
+              r.err);
+    EXPECT_EQ(2, tarnctl("dump-cache --client " + h + " --timeout 0").status);
+    ASSERT_EQ(0, kill(c.pid(), SIGKILL));
+    waitpid(c.pid(), nullptr, 0);
+    r = tarnctl("dump-cache --client " + h);
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", r.out);
+    EXPECT_EQ("tarnctl dump-cache: " + who +
+                  " is gone: its process has exited (Connection refused); give the handle "
+                  "that a running \"tarnctl watch\" prints\n",
+              r.err);
 }
 
 }  // namespace

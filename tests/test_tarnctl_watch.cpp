@@ -21,6 +21,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <tarn/gyre.h>
 #include <tarn/tarn.h>
@@ -29,6 +30,7 @@
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
 #include "support/fixture.h"
+#include "support/json_schema.h"
 #include "support/tarnctl_process.h"
 
 namespace {
@@ -384,6 +386,36 @@ TEST_F(TarnctlWatch, StopsOnSigint)
     EXPECT_EQ(0, p.wait());
     expect_clean_stop(p.out(), "signal", 0);
     expect_released();
+}
+
+// With --json every line is one JSON object of the documented layout.
+TEST_F(TarnctlWatch, JsonLines)
+{
+    Proc p;
+    p.start({"watch", "--count", "1", "--timeout", "120", "--json"});
+    ASSERT_TRUE(p.wait_for("\"start\"")) << p.out() << p.err();
+    for (int i = 0; i < 100 && count_lines(p.out()) < 1; ++i)
+        sleep_ms(20);
+    ASSERT_EQ(0, tarnhost_bus_publish(BUS_HANDLE_NONE, BUS_OPC_TARN_ATTR_CHANGE,
+                                      attr_change(1, 6).data(),
+                                      static_cast<uint32_t>(attr_change(1, 6).size())));
+    EXPECT_EQ(0, p.wait());
+    std::vector<std::string> l = split_lines(p.out());
+    ASSERT_EQ(3u, l.size()) << p.out();
+    const char *defs[] = {"watch_start", "watch_message", "watch_stop"};
+    for (size_t i = 0; i < 3; ++i) {
+        const nlohmann::json doc = nlohmann::json::parse(l[i], nullptr, false);
+        EXPECT_EQ("", tarntest::tarnctl_schema_problem(defs[i], doc)) << l[i];
+    }
+    const nlohmann::json start = nlohmann::json::parse(l[0]);
+    EXPECT_EQ(nlohmann::json::parse(R"(["topology 7 vlans 10-20,30 ftags 3-4",
+                                        "topology 8 vlans 100 ftags 9"])"),
+              start["cached"]);
+    const nlohmann::json msg = nlohmann::json::parse(l[1]);
+    EXPECT_EQ(51226, msg["opcode"]);
+    EXPECT_EQ("TARN_ATTR_CHANGE", msg["opcode_name"]);
+    EXPECT_EQ("kind 1: AS format 6", msg["change"]);
+    EXPECT_EQ("count", nlohmann::json::parse(l[2])["reason"]);
 }
 
 TEST_F(TarnctlWatch, StopsAfterCount)
