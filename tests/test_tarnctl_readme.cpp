@@ -15,16 +15,11 @@
 #include <gtest/gtest.h>
 
 #include "support/fixture.h"
+#include "support/tarnctl_process.h"
 
 namespace {
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using tarntest::slurp;
 
 // The indented lines of a README section, up to the next heading.
 std::vector<std::string> section_code(const std::string &readme, const std::string &heading)

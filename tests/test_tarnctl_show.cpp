@@ -31,13 +31,7 @@ struct Result {
     std::string err;
 };
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using tarntest::slurp;
 
 // Runs tarnctl with `args` in the test's host root; `env` entries
 // ("NAME=VALUE") are added to the environment.

@@ -35,13 +35,7 @@
 
 namespace {
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using tarntest::slurp;
 
 size_t count_lines(const std::string &s)
 {

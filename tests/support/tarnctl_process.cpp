@@ -49,8 +49,6 @@ pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
     _exit(127);
 }
 
-namespace {
-
 std::string slurp(const std::string &path)
 {
     std::ifstream in(path);
@@ -58,8 +56,6 @@ std::string slurp(const std::string &path)
     ss << in.rdbuf();
     return ss.str();
 }
-
-}  // namespace
 
 TarnctlRun run_tarnctl(const char *path, const std::vector<std::string> &args,
                        const std::vector<std::string> &env, const std::string &out_path)
