@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pty.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -365,6 +366,39 @@ TEST_F(TarnctlOutput, VersionHelpAndCounts)
     EXPECT_EQ("loaded " + root_ + "/device.json into " + root_ +
                   ": 1 context, 1 table, 1 interface, 1 topology\n",
               r.out);
+}
+
+// A long table probe on a terminal says how far it got and about how long
+// it still takes, and erases that line before the table.
+TEST_F(TarnctlOutput, LongProbeShowsProgressOnATerminal)
+{
+    load_example("device.json");
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        execl(TARNCTL_PATH, TARNCTL_PATH, "show", "tables", "--max-id", "12000000",
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    std::string seen;
+    char buf[4096];
+    for (;;) {
+        const ssize_t n = read(master, buf, sizeof buf);
+        if (n <= 0)
+            break;  // EIO once the child has gone
+        seen.append(buf, static_cast<size_t>(n));
+    }
+    close(master);
+    int st = 0;
+    ASSERT_EQ(pid, waitpid(pid, &st, 0));
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(0, WEXITSTATUS(st));
+    EXPECT_TRUE(std::regex_search(
+        seen, std::regex("\rprobing table ids: [0-9]+ of 12000000 \\([0-9]+%\\), about "
+                         "[0-9]+ s left ")))
+        << seen.substr(0, 300);
+    EXPECT_NE(std::string::npos, seen.find("\r\033[KID  CONTEXT"));
 }
 
 }  // namespace
