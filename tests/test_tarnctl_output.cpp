@@ -401,4 +401,31 @@ TEST_F(TarnctlOutput, LongProbeShowsProgressOnATerminal)
     EXPECT_NE(std::string::npos, seen.find("\r\033[KID  CONTEXT"));
 }
 
+// The bash completion that is installed with tarnctl, without
+// bash-completion's helpers loaded (it works either way).
+TEST_F(TarnctlOutput, BashCompletion)
+{
+    load_example("device.json");
+    std::string tools = TARNCTL_PATH;
+    tools = tools.substr(0, tools.rfind('/'));
+    const std::string script =
+        "PATH='" + tools + "':$PATH\n"
+        "source '" TARN_SOURCE_DIR "/tools/tarnctl.bash-completion'\n"
+        "c() { COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); COMPREPLY=(); _tarnctl;"
+        " echo \"${COMPREPLY[*]}\"; }\n"
+        "c tarnctl sh\n"
+        "c tarnctl show to\n"
+        "c tarnctl show ftags --a\n"
+        "c tarnctl dump-cache --t\n"
+        "c tarnctl help show in\n"
+        "c tarnctl show interfaces --context tenant-\n";
+    const std::string path = root_ + "/completion.sh";
+    std::ofstream(path) << script;
+    const std::string out_path = root_ + "/completion.out";
+    const int st = system(("bash '" + path + "' > '" + out_path + "' 2>&1").c_str());
+    ASSERT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+    EXPECT_EQ("show\ntopologies\n--active\n--timeout\ninterfaces\ntenant-red tenant-blue\n",
+              tarntest::slurp(out_path));
+}
+
 }  // namespace
