@@ -25,6 +25,7 @@
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_output.h"
+#include "tools/tarnctl_queries.h"
 
 namespace tarnctl {
 
@@ -185,12 +186,8 @@ std::vector<json> verify(const std::map<uint32_t, Dumped> &dump)
     auto diff = [&](uint32_t tpg, const std::string &what) {
         diffs.push_back({{"topology", tpg}, {"difference", what}});
     };
-    std::set<uint32_t> in_db;
-    tarn_table_info_t info;
-    memset(&info, 0, sizeof info);
-    for (uint32_t t = gyre_get_first_l2_tpg(&info); t != GYRE_TPG_NONE && t != 0;
-         t = gyre_get_next_l2_tpg(&info))
-        in_db.insert(t);
+    const std::vector<uint32_t> walked = all_topologies();
+    const std::set<uint32_t> in_db(walked.begin(), walked.end());
     for (const auto &d : dump) {
         const uint32_t tpg = d.first;
         if (!d.second.in_sync)

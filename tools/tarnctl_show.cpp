@@ -28,6 +28,7 @@
 #include "platform/nic.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_output.h"
+#include "tools/tarnctl_queries.h"
 
 namespace tarnctl {
 
@@ -326,17 +327,6 @@ std::vector<Interface> all_interfaces(const char *context)
     for (uint32_t ix = tarn_get_next_if_context_info(0, context, &info);
          ix != 0; ix = tarn_get_next_if_context_info(ix, context, &info))
         out.push_back({ix, info});
-    return out;
-}
-
-std::vector<uint32_t> all_topologies()
-{
-    std::vector<uint32_t> out;
-    tarn_table_info_t info;
-    memset(&info, 0, sizeof info);
-    for (uint32_t t = gyre_get_first_l2_tpg(&info);
-         t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
-        out.push_back(t);
     return out;
 }
 
