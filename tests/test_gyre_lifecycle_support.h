@@ -273,7 +273,6 @@ public:
             bus_unbind(tester_);
     }
     uint32_t handle() const { return handle_; }
-    pid_t pid() const { return pid_; }
     int32_t sap() const { return sap_; }
     pid_t pid() const { return pid_; }
     uint32_t tester() const { return tester_; }
