@@ -50,22 +50,21 @@ std::string strip_newline(const char *line)
 // ---- device log files -------------------------------------------------------
 
 // The prefix of a line in the device's log files, as a syslog daemon
-// writes it (RFC 5424 time with microseconds and UTC offset, host, process
-// name and pid): "2026-01-02T03:04:05.678901+00:00 host tarnctl[42]: ".
+// writes it (RFC 5424 time in UTC with microseconds, host, process name
+// and pid): "2026-01-02T03:04:05.678901Z host tarnctl[42]: ".
 // The rendered message after it is the library's text, unchanged.  Written
 // into `out` (no allocation); its length.
 size_t file_line_prefix(char *out, size_t size)
 {
+    // UTC: gmtime_r reads no time-zone file, so a line is written without
+    // allocating even when memory is short.
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
     struct tm t;
-    localtime_r(&ts.tv_sec, &t);
+    gmtime_r(&ts.tv_sec, &t);
     char when[64];
-    size_t n = strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S", &t);
-    const long off = t.tm_gmtoff / 60;
-    const long abs_off = off < 0 ? -off : off;
-    snprintf(when + n, sizeof when - n, ".%06ld%c%02ld:%02ld", ts.tv_nsec / 1000,
-             off < 0 ? '-' : '+', abs_off / 60, abs_off % 60);
+    const size_t n = strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S", &t);
+    snprintf(when + n, sizeof when - n, ".%06ldZ", ts.tv_nsec / 1000);
     char host[256];
     if (gethostname(host, sizeof host) != 0 || host[0] == '\0')
         snprintf(host, sizeof host, "-");

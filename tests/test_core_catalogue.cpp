@@ -400,7 +400,7 @@ TEST_F(Catalogue, MessagesGoToTheDeviceLogFile)
     const std::string prefix = text.substr(0, text.size() - message.size());
     EXPECT_TRUE(std::regex_match(
         prefix, std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}"
-                           "[+-][0-9]{2}:[0-9]{2} [^ ]+ " +
+                           "Z [^ ]+ " +
                            std::string(program_invocation_short_name) + "\\[" +
                            std::to_string(getpid()) + "\\]: ")))
         << prefix;

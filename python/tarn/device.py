@@ -23,7 +23,7 @@ from typing import Any, Iterator, Mapping, Optional, Union
 
 from . import _native as N
 
-# "2026-01-02T03:04:05.678901+00:00 host name[pid]: " before each message.
+# "2026-01-02T03:04:05.678901Z host name[pid]: " before each message.
 _LOG_PREFIX = re.compile(r"^\S+ \S+ [^\s\[]+\[[0-9]+\]: ")
 from .errors import DeviceError
 
