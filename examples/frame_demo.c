@@ -1,7 +1,8 @@
 /*
  * frame_demo: brings a simulated device up in the host root named by
  * TARNHOST_ROOT and walks libtarn's start-up against it, saying what each
- * step did.  Build: part of the project; run: scripts/demo.
+ * step did.  Built with the project; run it by hand:
+ *   TARNHOST_ROOT=/tmp/frame build/x86_64/tools/frame_demo
  */
 #include <stdio.h>
 #include <string.h>

@@ -182,10 +182,11 @@ void read_comm(pid_t pid, char *out, size_t size)
         out[0] = '\0';
         return;
     }
+    // The kernel ends the name with a newline; the name itself may hold
+    // one too.
+    if (out[n - 1] == '\n')
+        --n;
     out[n] = '\0';
-    char *nl = strchr(out, '\n');
-    if (nl != nullptr)
-        *nl = '\0';
 }
 
 // The liveness of one handle, from the kernel's list when there is one.

@@ -4,6 +4,7 @@
 // file $TARNHOST_ROOT/log/messages (so that the processes of one simulated
 // device share one log), and, while a test captures, an in-memory list.
 
+#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdarg.h>
@@ -49,6 +50,33 @@ std::string strip_newline(const char *line)
 
 // ---- device log files -------------------------------------------------------
 
+// The prefix of a line in the device's log files, as a syslog daemon
+// writes it (RFC 5424 time in UTC with microseconds, host, process name
+// and pid): "2026-01-02T03:04:05.678901Z host tarnctl[42]: ".
+// The rendered message after it is the library's text, unchanged.  Written
+// into `out` (no allocation); its length.
+size_t file_line_prefix(char *out, size_t size)
+{
+    // UTC: gmtime_r reads no time-zone file, so a line is written without
+    // allocating even when memory is short.
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm t;
+    gmtime_r(&ts.tv_sec, &t);
+    char when[64];
+    const size_t n = strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S", &t);
+    snprintf(when + n, sizeof when - n, ".%06ldZ", ts.tv_nsec / 1000);
+    char host[256];
+    if (gethostname(host, sizeof host) != 0 || host[0] == '\0')
+        snprintf(host, sizeof host, "-");
+    host[sizeof host - 1] = '\0';
+    const int w = snprintf(out, size, "%s %s %s[%d]: ", when, host,
+                           program_invocation_short_name, static_cast<int>(getpid()));
+    if (w < 0)
+        return 0;
+    return static_cast<size_t>(w) < size ? static_cast<size_t>(w) : size - 1;
+}
+
 void append_file(const char *name, const char *line)
 try {
     // A log file is opened like everything under the root: never through a
@@ -69,9 +97,11 @@ try {
         --len;
     // One write per line keeps lines of concurrent processes whole; the
     // line is not copied, so writing it needs no memory.
+    char prefix[512];
+    const size_t prefix_len = file_line_prefix(prefix, sizeof prefix);
     char newline = '\n';
-    iovec parts[2] = {{const_cast<char *>(line), len}, {&newline, 1}};
-    ssize_t w = writev(fd, parts, 2);
+    iovec parts[3] = {{prefix, prefix_len}, {const_cast<char *>(line), len}, {&newline, 1}};
+    ssize_t w = writev(fd, parts, 3);
     (void)w;
     close(fd);
 } catch (const std::bad_alloc &) {

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <regex>
+
 #include <gtest/gtest.h>
 
 #include <tarn/tarn.h>
@@ -388,7 +390,20 @@ TEST_F(Catalogue, MessagesGoToTheDeviceLogFile)
     char line[512] = {0};
     ASSERT_NE(nullptr, fgets(line, sizeof line, f));
     fclose(f);
-    EXPECT_STREQ("<<%TARN-3-TARN_CELL>> Error returned from ctx range in file_test()\n", line);
+    // A syslog file's prefix (time, host, process name and pid), then the
+    // rendered message byte for byte.
+    const std::string text = line;
+    const std::string message =
+        "<<%TARN-3-TARN_CELL>> Error returned from ctx range in file_test()\n";
+    ASSERT_GT(text.size(), message.size());
+    EXPECT_EQ(message, text.substr(text.size() - message.size()));
+    const std::string prefix = text.substr(0, text.size() - message.size());
+    EXPECT_TRUE(std::regex_match(
+        prefix, std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}"
+                           "Z [^ ]+ " +
+                           std::string(program_invocation_short_name) + "\\[" +
+                           std::to_string(getpid()) + "\\]: ")))
+        << prefix;
 }
 
 TEST_F(Catalogue, DebugPathPrintsOnlyWhenSwitchedOn)

@@ -10,12 +10,16 @@
 
 #include "platform/kvs.h"
 #include "support/tarnctl_process.h"
+#include "support/json_schema.h"
+#include <nlohmann/json.hpp>
 #include "test_gyre_lifecycle_support.h"
 #include "tools/device_records.h"
 
 using namespace lifecycle;
 
 namespace {
+
+using json = nlohmann::json;
 
 constexpr int32_t kSap = 4713;
 
@@ -187,14 +191,14 @@ TEST_F(TarnctlApply, EachChangeWritesItsRecordsAndSendsItsNotification)
         " {\"change\": \"delete_cache\"},"
         " {\"change\": \"dump_cache\", \"iteration\": 3}]}");
     ASSERT_EQ(0, r.status) << r.err;
-    EXPECT_EQ("changes[0]: topology 30 created (51208 to 1 subscribers)\n"
-              "changes[1]: VLANs of topology 10, topology 30 set (51214 to 1 subscribers)\n"
-              "changes[2]: ftags: 1 created, 1 updated, 1 deleted (51215 to 1 subscribers)\n"
-              "changes[3]: AS format 2 (51226 to 1 subscribers)\n"
-              "changes[4]: the 2 ftags of topology 10 deleted (51226 to 1 subscribers)\n"
-              "changes[5]: topology 20 deleted (51210 to 1 subscribers)\n"
-              "changes[6]: cache delete requested (51226 to 1 subscribers)\n"
-              "changes[7]: cache dump requested (iteration 3) (51226 to 1 subscribers)\n"
+    EXPECT_EQ("changes[0]: topology 30 created (51208 to 1 subscriber)\n"
+              "changes[1]: VLANs of topology 10, topology 30 set (51214 to 1 subscriber)\n"
+              "changes[2]: ftags: 1 created, 1 updated, 1 deleted (51215 to 1 subscriber)\n"
+              "changes[3]: AS format 2 (51226 to 1 subscriber)\n"
+              "changes[4]: the 2 ftags of topology 10 deleted (51226 to 1 subscriber)\n"
+              "changes[5]: topology 20 deleted (51210 to 1 subscriber)\n"
+              "changes[6]: cache delete requested (51226 to 1 subscriber)\n"
+              "changes[7]: cache dump requested (iteration 3) (51226 to 1 subscriber)\n"
               "  0 of 1 subscribers answered\n"
               "applied 8 changes to " + std::string(tarnhost_root()) + "\n",
               r.out);
@@ -442,6 +446,20 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ(header + row10 + row20 + kNotHelper + "verify: cache and database agree on 2 topologies\n", r.out);
 
+    // The same as one JSON document of the documented layout.
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --json");
+    EXPECT_EQ(0, r.status) << r.err;
+    const json doc = json::parse(r.out, nullptr, false);
+    EXPECT_EQ("", tarntest::tarnctl_schema_problem("dump_cache", doc)) << r.out;
+    EXPECT_EQ(json::parse(R"([
+      {"id": 10, "active_vlans": "100-109",
+       "active_vlans_list": [100,101,102,103,104,105,106,107,108,109],
+       "ftags": "1-2", "ftags_list": [1, 2], "in_sync": true},
+      {"id": 20, "active_vlans": "200-201", "active_vlans_list": [200, 201],
+       "ftags": "17", "ftags_list": [17], "in_sync": true}])"),
+              doc["topologies"]);
+    EXPECT_EQ(true, doc["verify"]["agree"]);
+
     // The database changes behind the client's back, and the client's
     // owner table loses VLAN 200.
     ASSERT_EQ(0u, tarnhost_kvs_put(kGyreUri.c_str(), tarndev::gyre_key_ftag(5).data(), 40,
@@ -485,6 +503,39 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
     EXPECT_EQ(2, tarnctl("dump-cache --client x").status);
     EXPECT_EQ(2, tarnctl("dump-cache --client 4294967295").status);
     EXPECT_EQ(0, c.stop());
+}
+
+// A client that does not answer in time, and one whose process is gone,
+// are told apart, each with what to do.
+TEST_F(TarnctlApply, DumpCacheNamesAStoppedOrGoneClient)
+{
+    Client c;
+    ASSERT_TRUE(c.start(kSap));
+    const std::string h = std::to_string(c.handle());
+    const std::string who =
+        "the client with bus handle " + h + " (access point " + std::to_string(kSap) + ")";
+    ASSERT_EQ(0, kill(c.pid(), SIGSTOP));
+    ToolRun r = tarnctl("dump-cache --client " + h + " --timeout 1");
+    kill(c.pid(), SIGCONT);
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", r.out);
+    EXPECT_EQ("tarnctl dump-cache: " + who +
+                  " did not answer within 1 s: it is stopped or busy; resume it, or wait "
+                  "longer with --timeout\n",
+              r.err);
+    EXPECT_EQ(2, tarnctl("dump-cache --client " + h + " --timeout 0").status);
+    ASSERT_EQ(0, kill(c.pid(), SIGKILL));
+    waitpid(c.pid(), nullptr, 0);
+    r = tarnctl("dump-cache --client " + h);
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("", r.out);
+    const std::string hint = "; \"tarnctl show clients\" lists the clients and their addresses\n";
+    EXPECT_EQ("tarnctl dump-cache: " + who + " is gone: its process has exited" + hint, r.err);
+    r = tarnctl("dump-cache --sap " + std::to_string(kSap));
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl dump-cache: the client at access point " + std::to_string(kSap) +
+                  " (bus handle " + h + ") is gone: its process has exited" + hint,
+              r.err);
 }
 
 }  // namespace

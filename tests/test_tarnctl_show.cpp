@@ -18,6 +18,7 @@
 
 #include "host/tarnhost_bus.h"
 #include "support/fixture.h"
+#include "support/json_schema.h"
 #include "support/tarnctl_process.h"
 
 namespace {
@@ -30,13 +31,7 @@ struct Result {
     std::string err;
 };
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using tarntest::slurp;
 
 // Runs tarnctl with `args` in the test's host root; `env` entries
 // ("NAME=VALUE") are added to the environment.
@@ -138,6 +133,14 @@ protected:
         EXPECT_EQ(0, r.status) << r.err;
         json got = json::parse(r.out, nullptr, false);
         ASSERT_FALSE(got.is_discarded()) << r.out;
+        EXPECT_EQ("", tarntest::tarnctl_schema_problem("show_" + args[0], got));
+        EXPECT_EQ(1, got.value("schema", 0));
+        got.erase("schema");
+        // Notes only where the expectation has them.
+        if (!doc.contains("notes")) {
+            EXPECT_EQ(json::array(), got["notes"]);
+            got.erase("notes");
+        }
         EXPECT_EQ(doc, got) << got.dump(2);
     }
 };
@@ -151,8 +154,8 @@ TEST_F(TarnctlShow, Contexts)
                  "6   blue     Down   Admin Down Pending\n");
     expect_json({"contexts"},
                 json::parse(R"({"contexts": [
-      {"id": 1, "name": "default", "state": "Up", "state_code": 2, "reason": "--", "reason_code": 0},
-      {"id": 3, "name": "red", "state": "Up", "state_code": 2, "reason": "--", "reason_code": 0},
+      {"id": 1, "name": "default", "state": "Up", "state_code": 2, "reason": null, "reason_code": 0},
+      {"id": 3, "name": "red", "state": "Up", "state_code": 2, "reason": null, "reason_code": 0},
       {"id": 6, "name": "blue", "state": "Down", "state_code": 1,
        "reason": "Admin Down Pending", "reason_code": 2}]})"));
 }
@@ -169,7 +172,7 @@ TEST_F(TarnctlShow, OneContext)
                  "tables      40 blue-v6 (IPv6)\n"
                  "interfaces  Ethernet1/2\n");
     expect_json({"context", "red"}, json::parse(R"({
-      "id": 3, "name": "red", "state": "Up", "state_code": 2, "reason": "--",
+      "id": 3, "name": "red", "state": "Up", "state_code": 2, "reason": null,
       "reason_code": 0, "vpn_id": null,
       "tables": [{"id": 30, "af": "IPv4", "af_code": 1, "name": "red-v4"}],
       "interfaces": [{"ifindex": 100, "name": "Ethernet1/1"}]})"));
@@ -202,16 +205,20 @@ TEST_F(TarnctlShow, Tables)
 
 TEST_F(TarnctlShow, Interfaces)
 {
+    // The cell manager designates another cell: the lookup agrees with
+    // the walk, and a Down context's interface is not usable.
     expect_table({"interfaces"},
-                 "IFINDEX  NAME         CONTEXT  CONTEXT-ID  USABLE\n"
-                 "100      Ethernet1/1  red      3           yes\n"
-                 "200      Ethernet1/2  blue     6           no\n");
+                 "IFINDEX  NAME         CONTEXT  CONTEXT-ID  LOOKUP  USABLE\n"
+                 "100      Ethernet1/1  red      3           red     yes\n"
+                 "200      Ethernet1/2  blue     6           blue    no\n");
     expect_table({"interfaces", "--context", "blue"},
-                 "IFINDEX  NAME         CONTEXT  CONTEXT-ID  USABLE\n"
-                 "200      Ethernet1/2  blue     6           no\n");
+                 "IFINDEX  NAME         CONTEXT  CONTEXT-ID  LOOKUP  USABLE\n"
+                 "200      Ethernet1/2  blue     6           blue    no\n");
     expect_json({"interfaces", "--context=red"}, json::parse(R"({
+      "cell_type": 0,
       "interfaces": [{"ifindex": 100, "name": "Ethernet1/1", "context": "red",
-                      "context_id": 3, "usable": true}]})"));
+                      "context_id": 3, "lookup_context": "red", "lookup_context_id": 3,
+                      "usable": true}]})"));
 }
 
 TEST_F(TarnctlShow, Attributes)
@@ -238,7 +245,7 @@ TEST_F(TarnctlShow, Attributes)
          "limit3": 300, "setting1": 9, "setting2": 1}],
       "site_of_origin": [{"ifindex": 100, "name": "Ethernet1/1", "word": 5,
                           "soo": "0x00000000000000FF"}],
-      "vpn_ids": [{"context_id": 6, "context": "blue", "words": [7, 8, 9]}]})"));
+      "vpn_ids": [{"context_id": 6, "context": "blue", "vpn_id": [7, 8, 9]}]})"));
     // The temporary registration leaves no subscription behind.
     Result r = tarnctl({"show", "attributes"});
     ASSERT_EQ(0, r.status);
@@ -247,41 +254,59 @@ TEST_F(TarnctlShow, Attributes)
     EXPECT_EQ(0u, tarnhost_bus_subscribers(51201, subs, 8));
 }
 
+const char kUnkeyed9[] =
+    "topology 8: graph-1 ftag 9 has flags 0x14; the lookup by key asks for exactly 0x10 "
+    "(graph 1 unicast, other graphs multicast), so only the walks find it";
+
 TEST_F(TarnctlShow, Topologies)
 {
     // Topology 8's graph-1 ftag carries flags 0x14, so the unicast lookup
-    // (graph 1, flag byte 0x10) does not find it.
+    // (graph 1, flag byte 0x10) does not find it; a note says so.
     expect_table({"topologies"},
                  "TOPOLOGY  ACTIVE-VLANS  CONFIGURED-VLANS  FTAGS  UNICAST-FTAG\n"
                  "7         10-20,30      10-40             3-5    3\n"
-                 "8         100           -                 9      -\n");
-    expect_json({"topologies"}, json::parse(R"({"topologies": [
-      {"id": 7, "active_vlans": "10-20,30", "configured_vlans": "10-40",
+                 "8         100           -                 9      -\n"
+                 "\n"
+                 "note: " + std::string(kUnkeyed9) + "\n");
+    json doc = json::parse(R"({"topologies": [
+      {"id": 7, "active_vlans": "10-20,30",
+       "active_vlans_list": [10,11,12,13,14,15,16,17,18,19,20,30],
+       "configured_vlans": "10-40",
+       "configured_vlans_list": [10,11,12,13,14,15,16,17,18,19,20,21,22,23,24,25,26,27,28,
+                                 29,30,31,32,33,34,35,36,37,38,39,40],
+       "ftags": "3-5", "ftags_list": [3, 4, 5],
        "unicast_ftag": 3,
-       "ftags": [{"ftag": 3, "graph": 1, "flags": ["unicast"], "flags_code": 16},
-                 {"ftag": 4, "graph": 2, "flags": ["active", "multicast"], "flags_code": 6},
-                 {"ftag": 5, "graph": 3, "flags": ["multicast"], "flags_code": 2}]},
-      {"id": 8, "active_vlans": "100", "configured_vlans": null,
+       "ftag_details": [
+         {"ftag": 3, "topology": 7, "graph": 1, "flags": ["unicast"], "flags_code": 16},
+         {"ftag": 4, "topology": 7, "graph": 2, "flags": ["active", "multicast"], "flags_code": 6},
+         {"ftag": 5, "topology": 7, "graph": 3, "flags": ["multicast"], "flags_code": 2}]},
+      {"id": 8, "active_vlans": "100", "active_vlans_list": [100],
+       "configured_vlans": null, "configured_vlans_list": null,
+       "ftags": "9", "ftags_list": [9],
        "unicast_ftag": null,
-       "ftags": [{"ftag": 9, "graph": 1, "flags": ["unicast", "active"], "flags_code": 20}]}]})"));
+       "ftag_details": [{"ftag": 9, "topology": 8, "graph": 1, "flags": ["unicast", "active"],
+                         "flags_code": 20}]}]})");
+    doc["notes"] = {kUnkeyed9};
+    expect_json({"topologies"}, doc);
 }
 
 TEST_F(TarnctlShow, Ftags)
 {
+    const std::string note = "\nnote: " + std::string(kUnkeyed9) + "\n";
     expect_table({"ftags"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
                  "3     7         1      0x10 unicast\n"
                  "4     7         2      0x6 active,multicast\n"
                  "5     7         3      0x2 multicast\n"
-                 "9     8         1      0x14 unicast,active\n");
+                 "9     8         1      0x14 unicast,active\n" + note);
     expect_table({"ftags", "--active"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
                  "4     7         2      0x6 active,multicast\n"
-                 "9     8         1      0x14 unicast,active\n");
+                 "9     8         1      0x14 unicast,active\n" + note);
     expect_table({"ftags", "--unicast"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
                  "3     7         1      0x10 unicast\n"
-                 "9     8         1      0x14 unicast,active\n");
+                 "9     8         1      0x14 unicast,active\n" + note);
     expect_table({"ftags", "--multicast", "--topology", "7"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
                  "4     7         2      0x6 active,multicast\n"
@@ -291,10 +316,10 @@ TEST_F(TarnctlShow, Ftags)
                  "4     7         2      0x6 active,multicast\n");
     expect_table({"ftags", "--topology", "8"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
-                 "9     8         1      0x14 unicast,active\n");
+                 "9     8         1      0x14 unicast,active\n" + note);
     expect_json({"ftags", "--multicast"}, json::parse(R"({
       "filter": ["multicast"], "topology": null,
-      "ftags": [{"ftag": 4, "topology": 7, "graph": 2, "flags": ["active", "multicast"], "flags_code": 6},
+      "ftag_details": [{"ftag": 4, "topology": 7, "graph": 2, "flags": ["active", "multicast"], "flags_code": 6},
                 {"ftag": 5, "topology": 7, "graph": 3, "flags": ["multicast"], "flags_code": 2}]})"));
 }
 
@@ -309,13 +334,19 @@ TEST_F(TarnctlShow, Vlan)
                  "GRAPH  FTAG\n"
                  "1      3\n"
                  "2      -\n"
-                 "3      5\n");
+                 "3      5\n"
+                 "\n"
+                 "note: topology 7: graph-2 ftag 4 has flags 0x6; the lookup by key asks for "
+                 "exactly 0x2 (graph 1 unicast, other graphs multicast), so only the walks "
+                 "find it\n");
     expect_table({"vlan", "50"},
                  "VLAN  TOPOLOGY  UNICAST-FTAG\n"
                  "50    -         -\n");
-    expect_json({"vlan", "100"}, json::parse(R"({
+    json doc = json::parse(R"({
       "vlan": 100, "topology": 8, "unicast_ftag": null,
-      "graphs": [{"graph": 1, "ftag": null}]})"));
+      "graphs": [{"graph": 1, "ftag": null}]})");
+    doc["notes"] = {kUnkeyed9};
+    expect_json({"vlan", "100"}, doc);
     expect_json({"vlan", "4095"}, json::parse(R"({
       "vlan": 4095, "topology": null, "unicast_ftag": null, "graphs": []})"));
 }

@@ -100,7 +100,7 @@ TEST_F(TarnctlStoppedClient, ApplyCompletesAndNamesTheClientThatMissedIt)
     for (int i = 0; i < kChanges; ++i)
         EXPECT_NE(std::string::npos,
                   r.out.find("changes[" + std::to_string(i) + "]: topology " +
-                             std::to_string(30 + i) + " created (51208 to 1 subscribers)\n"))
+                             std::to_string(30 + i) + " created (51208 to 1 subscriber)\n"))
             << i;
     EXPECT_NE(std::string::npos,
               r.out.find("applied " + std::to_string(kChanges) + " changes to " +

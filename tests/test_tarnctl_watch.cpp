@@ -21,6 +21,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <tarn/gyre.h>
 #include <tarn/tarn.h>
@@ -29,17 +30,12 @@
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
 #include "support/fixture.h"
+#include "support/json_schema.h"
 #include "support/tarnctl_process.h"
 
 namespace {
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using tarntest::slurp;
 
 size_t count_lines(const std::string &s)
 {
@@ -212,7 +208,8 @@ protected:
         std::vector<std::string> l = split_lines(out);
         ASSERT_GE(l.size(), 2u);
         EXPECT_EQ("stopped (" + why + ") after " + std::to_string(messages) +
-                      " messages; access point " + std::to_string(sap_) +
+                      (messages == 1 ? " message" : " messages") + "; access point " +
+                      std::to_string(sap_) +
                       " released",
                   l[l.size() - 2]);
         EXPECT_TRUE(std::regex_match(
@@ -310,30 +307,30 @@ TEST_F(TarnctlWatch, AppliesNotificationsAndStopsOnSigterm)
         EXPECT_TRUE(subscribed(opc)) << opc;
 
     publish_and_expect(&p, BUS_OPC_GYRE_TPG_VLANS, vlan_change(7, 10, 12),
-                       "51214 topology 7 vlans 10-12 ftags 3-4");
+                       "GYRE_TPG_VLANS topology 7 vlans 10-12 ftags 3-4");
     publish_and_expect(&p, BUS_OPC_GYRE_FTAG_UPDATE,
                        ftag_change(GYRE_FTAG_CREATE, 8, 2, 11, 2),
-                       "51215 GYRE_FTAG_CREATE ftag 11 topology 8 graph 2 "
+                       "GYRE_FTAG_UPDATE GYRE_FTAG_CREATE ftag 11 topology 8 graph 2 "
                        "flags 0x2: topology 8 vlans 100 ftags 9,11");
     publish_and_expect(&p, BUS_OPC_GYRE_FTAG_UPDATE,
                        ftag_change(GYRE_FTAG_DELETE, 7, 2, 4, 6),
-                       "51215 GYRE_FTAG_DELETE ftag 4 topology 7 graph 2 "
+                       "GYRE_FTAG_UPDATE GYRE_FTAG_DELETE ftag 4 topology 7 graph 2 "
                        "flags 0x6: ftag 4 unused");
     publish_and_expect(&p, BUS_OPC_TARN_ATTR_CHANGE, attr_change(1, 3),
                        "TARN_ATTR_CHANGE kind 1: AS format 3");
     publish_and_expect(&p, BUS_OPC_GYRE_TPG_CREATE, topology_change(40),
-                       "51208 created: topology 40 vlans -- ftags --");
+                       "GYRE_TPG_CREATE created: topology 40 vlans -- ftags --");
     publish_and_expect(&p, BUS_OPC_GYRE_TPG_DELETE, topology_change(8),
-                       "51210 deleted: topology 8 not cached");
+                       "GYRE_TPG_DELETE deleted: topology 8 not cached");
     publish_and_expect(&p, 51211, {},
-                       "51211 nothing for the cache");
+                       "GYRE_NOTIFY_C80B nothing for the cache");
     publish_and_expect(&p, BUS_OPC_TARN_ATTR_CHANGE, attr_change(9, 0),
                        "TARN_ATTR_CHANGE kind 9: ignored");
     // Without a payload the library leaves the message to its caller.
     publish_and_expect(&p, BUS_OPC_TARN_ATTR_CHANGE, {},
                        "TARN_ATTR_CHANGE no payload \\(not taken by libtarn\\)");
     // Subscribed, but left to the caller by the library: dropped by watch.
-    publish_and_expect(&p, 51205, {1, 2, 3, 4}, "51205 not for libtarn");
+    publish_and_expect(&p, 51205, {1, 2, 3, 4}, "GYRE_NOTIFY_C805 not for libtarn");
 
     // A cache dump request on its access point is answered.
     {
@@ -385,6 +382,36 @@ TEST_F(TarnctlWatch, StopsOnSigint)
     expect_released();
 }
 
+// With --json every line is one JSON object of the documented layout.
+TEST_F(TarnctlWatch, JsonLines)
+{
+    Proc p;
+    p.start({"watch", "--count", "1", "--timeout", "120", "--json"});
+    ASSERT_TRUE(p.wait_for("\"start\"")) << p.out() << p.err();
+    for (int i = 0; i < 100 && count_lines(p.out()) < 1; ++i)
+        sleep_ms(20);
+    ASSERT_EQ(0, tarnhost_bus_publish(BUS_HANDLE_NONE, BUS_OPC_TARN_ATTR_CHANGE,
+                                      attr_change(1, 6).data(),
+                                      static_cast<uint32_t>(attr_change(1, 6).size())));
+    EXPECT_EQ(0, p.wait());
+    std::vector<std::string> l = split_lines(p.out());
+    ASSERT_EQ(3u, l.size()) << p.out();
+    const char *defs[] = {"watch_start", "watch_notification", "watch_stop"};
+    for (size_t i = 0; i < 3; ++i) {
+        const nlohmann::json doc = nlohmann::json::parse(l[i], nullptr, false);
+        EXPECT_EQ("", tarntest::tarnctl_schema_problem(defs[i], doc)) << l[i];
+    }
+    const nlohmann::json start = nlohmann::json::parse(l[0]);
+    EXPECT_EQ(nlohmann::json::parse(R"(["topology 7 vlans 10-20,30 ftags 3-4",
+                                        "topology 8 vlans 100 ftags 9"])"),
+              start["cached"]);
+    const nlohmann::json msg = nlohmann::json::parse(l[1]);
+    EXPECT_EQ(51226, msg["opcode"]);
+    EXPECT_EQ("TARN_ATTR_CHANGE", msg["name"]);
+    EXPECT_EQ("kind 1: AS format 6", msg["change"]);
+    EXPECT_EQ("count", nlohmann::json::parse(l[2])["reason"]);
+}
+
 TEST_F(TarnctlWatch, StopsAfterCount)
 {
     Proc p;
@@ -399,7 +426,7 @@ TEST_F(TarnctlWatch, StopsAfterCount)
     ASSERT_GE(l.size(), 3u);
     EXPECT_TRUE(std::regex_match(
         l[l.size() - 3], std::regex(std::string(kTime) +
-                                    "51214 topology 8 vlans 100-101 ftags 9")))
+                                    "GYRE_TPG_VLANS topology 8 vlans 100-101 ftags 9")))
         << l[l.size() - 3];
     expect_clean_stop(p.out(), "count", 2);
     expect_released();

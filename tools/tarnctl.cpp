@@ -2,8 +2,15 @@
 
 #include "tools/tarnctl.h"
 
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
+
+#include <string>
+
+#include <tarn/version.h>
+
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 namespace {
@@ -19,11 +26,14 @@ const Command *const kCommands[] = {
     &kLog,
 };
 
+bool g_json_output = false;
+
 void print_usage(FILE *out)
 {
     fprintf(out,
-            "usage: tarnctl COMMAND [ARGUMENTS]\n"
-            "       tarnctl COMMAND --help\n"
+            "usage: tarnctl COMMAND [ARGUMENTS] [--json]\n"
+            "       tarnctl help [COMMAND]    (or: tarnctl COMMAND --help)\n"
+            "       tarnctl --version\n"
             "\n"
             "Works on the simulated device in $TARNHOST_ROOT "
             "(default /dev/shm/tarnhost).\n"
@@ -33,17 +43,36 @@ void print_usage(FILE *out)
         fprintf(out, "  %-10s %s\n", c->name, c->summary);
     fprintf(out,
             "\n"
+            "With --json every command prints one JSON document (watch: one per line)\n"
+            "and reports an error as a JSON object on standard error.\n"
+            "\n"
             "Exit status: 0 success, 1 the command failed, 2 usage error.\n");
+}
+
+const Command *find_command(const char *name)
+{
+    for (const Command *c : kCommands)
+        if (strcmp(c->name, name) == 0)
+            return c;
+    return nullptr;
+}
+
+int unknown_command(const char *name)
+{
+    return report("", kExitUsage,
+                  std::string("unknown command \"") + name +
+                      "\"; run \"tarnctl --help\" for the list of commands");
 }
 
 }  // namespace
 
+bool json_output() { return g_json_output; }
+
 int usage_error(const Command &cmd, const char *message)
 {
-    fprintf(stderr, "tarnctl %s: %s; usage: tarnctl %s %s "
-                    "(see \"tarnctl %s --help\")\n",
-            cmd.name, message, cmd.name, cmd.synopsis, cmd.name);
-    return kExitUsage;
+    return report(cmd.name, kExitUsage,
+                  std::string(message) + "; usage: tarnctl " + cmd.name + " " +
+                      cmd.synopsis + " (see \"tarnctl " + cmd.name + " --help\")");
 }
 
 int one_file_argument(const Command &cmd, int argc, char **argv,
@@ -61,6 +90,8 @@ int one_file_argument(const Command &cmd, int argc, char **argv,
             options_done = true;
             continue;
         }
+        if (!options_done && strcmp(a, "--json") == 0)
+            continue;
         if (!options_done && a[0] == '-' && a[1] != '\0') {
             char msg[256];
             snprintf(msg, sizeof msg, "unknown option \"%s\"", a);
@@ -93,7 +124,9 @@ bool parse_count(const char *text, uint64_t hi, uint64_t *out)
 
 }  // namespace tarnctl
 
-int main(int argc, char **argv)
+namespace {
+
+int run(int argc, char **argv)
 {
     using namespace tarnctl;
     if (argc < 2) {
@@ -101,17 +134,58 @@ int main(int argc, char **argv)
         return kExitUsage;
     }
     const char *name = argv[1];
-    if (strcmp(name, "--help") == 0 || strcmp(name, "-h") == 0 ||
-        strcmp(name, "help") == 0) {
+    if (strcmp(name, "--version") == 0 || strcmp(name, "-V") == 0) {
+        if (json_output())
+            print_json({{"version", TARN_VERSION_STRING},
+                        {"major", TARN_VERSION_MAJOR},
+                        {"minor", TARN_VERSION_MINOR},
+                        {"patch", TARN_VERSION_PATCH}});
+        else
+            printf("tarnctl (libtarn) %s\n", TARN_VERSION_STRING);
+        return kExitOk;
+    }
+    if (strcmp(name, "--help") == 0 || strcmp(name, "-h") == 0) {
         print_usage(stdout);
         return kExitOk;
     }
-    for (const Command *c : kCommands)
-        if (strcmp(c->name, name) == 0)
-            return c->run(argc - 2, argv + 2);
-    fprintf(stderr,
-            "tarnctl: unknown command \"%s\"; run \"tarnctl --help\" for the "
-            "list of commands\n",
-            name);
-    return kExitUsage;
+    if (strcmp(name, "help") == 0) {
+        if (argc < 3) {
+            print_usage(stdout);
+            return kExitOk;
+        }
+        if (argc > 4 || (argc == 4 && strcmp(argv[2], "show") != 0))
+            return report("help", kExitUsage,
+                          "one COMMAND only; usage: tarnctl help [COMMAND]");
+        const Command *c = find_command(argv[2]);
+        if (c == nullptr)
+            return unknown_command(argv[2]);
+        // "tarnctl help show contexts" is "tarnctl show contexts --help".
+        char help[] = "--help";
+        char *args[3] = {argc == 4 ? argv[3] : help, help, nullptr};
+        return c->run(argc == 4 ? 2 : 1, args);
+    }
+    const Command *c = find_command(name);
+    if (c == nullptr)
+        return unknown_command(name);
+    const int env = check_environment();
+    if (env >= 0)
+        return env;
+    return c->run(argc - 2, argv + 2);
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    // A closed pipe is a write error to report, not a silent death.
+    signal(SIGPIPE, SIG_IGN);
+    for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i)
+        if (strcmp(argv[i], "--json") == 0)
+            tarnctl::g_json_output = true;
+    tarnctl::set_json_errors(tarnctl::json_output());
+    const int status = run(argc, argv);
+    std::string command = argc >= 2 ? argv[1] : "";
+    if (command.rfind("-", 0) == 0 || tarnctl::find_command(command.c_str()) == nullptr)
+        command.clear();
+    return tarnctl::finish_output(command.c_str(), status);
 }

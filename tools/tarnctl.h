@@ -6,6 +6,8 @@
 
 #include <stdint.h>
 
+#include <string>
+
 namespace tarnctl {
 
 // Exit statuses shared by every subcommand.
@@ -27,16 +29,30 @@ struct Command {
 // kExitUsage.
 int usage_error(const Command &cmd, const char *message);
 
-// The command line of a command that takes one FILE and --help: -1 with
-// *file set, or the exit status to return at once.
+// The command line of a command that takes one FILE, --json and --help: -1
+// with *file set, or the exit status to return at once.
 int one_file_argument(const Command &cmd, int argc, char **argv,
                       void (*print_help)(), const char **file);
+// Whether the command line asked for JSON output (--json before any "--").
+bool json_output();
 
 // A count or a number of seconds given on the command line: decimal digits
 // only, from 1 to `hi`.  False for anything else, *out untouched.
 bool parse_count(const char *text, uint64_t hi, uint64_t *out);
 
-// tarnctl load FILE
+// -1 when the environment variables that tarnctl and the host read hold
+// values they can use; else reports which does not and returns kExitUsage.
+int check_environment();
+// Whether the device directory exists and this user may use it; if not,
+// reports why (with what fixes it) for `command`.
+bool device_reachable(const std::string &command);
+// device_reachable(), or a device directory still to be made in a parent
+// that exists (what "tarnctl load" needs).
+bool device_creatable(const std::string &command);
+// device_reachable() and the device loaded (brought up); reports otherwise.
+bool device_up(const std::string &command);
+
+// tarnctl load FILE [--json]
 int cmd_load(int argc, char **argv);
 extern const Command kLoad;
 
@@ -49,11 +65,12 @@ extern const Command kShow;
 int cmd_watch(int argc, char **argv);
 extern const Command kWatch;
 
-// tarnctl apply FILE
+// tarnctl apply FILE [--json]
 int cmd_apply(int argc, char **argv);
 extern const Command kApply;
 
 // tarnctl dump-cache (--client HANDLE | --sap N | --pid P) [--verify]
+//                    [--timeout S] [--json]
 int cmd_dump_cache(int argc, char **argv);
 extern const Command kDumpCache;
 

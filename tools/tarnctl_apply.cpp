@@ -26,12 +26,13 @@
 #include "platform/kvs.h"
 #include "tools/device_records.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 
 const Command kApply = {
     "apply",
-    "FILE",
+    "FILE [--json]",
     "apply a change file to the device and send its notifications",
     cmd_apply,
 };
@@ -738,7 +739,7 @@ std::vector<Change> parse_changes(const std::string &textv, const std::string &s
 
 void print_help()
 {
-    printf("usage: tarnctl apply FILE\n"
+    printf("usage: tarnctl apply FILE [--json]\n"
            "\n"
            "Plays the change file FILE (JSON; docs/device-format.md, \"Change files\") on\n"
            "the device in $TARNHOST_ROOT, loaded before with \"tarnctl load\".  The whole\n"
@@ -747,7 +748,9 @@ void print_help()
            "databases (one transaction for the change) and, once committed, announced to\n"
            "the subscribed clients with the notification that the Tarn or Gyre service\n"
            "sends for it (51208, 51210, 51214, 51215 or 51226).  One line per change says\n"
-           "what was done; a cache dump request also lists the replies received.\n"
+           "what was done; a cache dump request also lists the replies received.  With\n"
+           "--json all of it is one JSON document at the end.  A device that was never\n"
+           "loaded is refused.\n"
            "\n"
            "Exit status: 0 applied, 1 refused or failed, 2 usage error.\n");
 }
@@ -800,43 +803,38 @@ int cmd_apply(int argc, char **argv)
         return early;
 
     auto refused = [&](const std::string &why) {
-        fprintf(stderr,
-                "tarnctl apply: %s; nothing was written, correct %s and run \"tarnctl apply "
-                "%s\" again\n",
-                why.c_str(), file, file);
-        return kExitFailed;
+        return reportf("apply", kExitFailed,
+                       "%s; nothing was written, correct %s and run \"tarnctl apply %s\" again",
+                       why.c_str(), file, file);
     };
     std::string textv, err;
-    if (!read_file(file, &textv, &err)) {
-        fprintf(stderr, "tarnctl apply: %s; nothing was written\n", err.c_str());
+    if (!read_file(file, &textv, &err))
+        return reportf("apply", kExitFailed, "%s; nothing was written", err.c_str());
+    if (!device_up("apply"))
         return kExitFailed;
-    }
     const std::string tarn_uri = device_db_uri("tarn_global_kvs");
     const std::string gyre_uri = device_db_uri("gyre_kvs_info");
     Fabric fab;
     ReadError rerr;
-    if (tarn_uri.empty() || gyre_uri.empty()) {
-        fprintf(stderr, "tarnctl apply: the device in %s cannot be read (no databases); "
-                        "nothing was written, load one with \"tarnctl load FILE\"\n",
-                tarnhost_root());
-        return kExitFailed;
-    }
+    if (tarn_uri.empty() || gyre_uri.empty())
+        return reportf("apply", kExitFailed,
+                       "the device in %s cannot be read (no databases); nothing was written, "
+                       "load it again with \"tarnctl load FILE\"",
+                       tarnhost_root());
     // One apply at a time per device: each plans its changes against the
     // device as it finds it, and two interleaved would both pass their
     // checks.  Held until the process ends.
-    if (hold_apply_lock() < 0) {
-        fprintf(stderr, "tarnctl apply: cannot take the apply lock of the device in %s (%s); "
-                        "nothing was written\n",
-                tarnhost_root(), strerror(errno));
-        return kExitFailed;
-    }
+    if (hold_apply_lock() < 0)
+        return reportf("apply", kExitFailed,
+                       "cannot take the apply lock of the device in %s (%s); nothing was "
+                       "written",
+                       tarnhost_root(), strerror(errno));
     if (!read_fabric(tarn_uri, gyre_uri, &fab, &rerr)) {
         const std::string remedy = store_remedy(rerr.status);
-        fprintf(stderr, "tarnctl apply: the device in %s cannot be read (%s); nothing was "
-                        "written%s%s\n",
-                tarnhost_root(), rerr.text.c_str(), remedy.empty() ? "" : ", ",
-                remedy.c_str());
-        return kExitFailed;
+        return reportf("apply", kExitFailed,
+                       "the device in %s cannot be read (%s); nothing was written%s%s",
+                       tarnhost_root(), rerr.text.c_str(), remedy.empty() ? "" : ", ",
+                       remedy.c_str());
     }
     std::vector<Change> changes;
     try {
@@ -851,13 +849,15 @@ int cmd_apply(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0);
     const uint32_t handle = bus_bind(0, -1, nullptr, "tarnctl apply");
     if (handle == BUS_HANDLE_NONE) {
-        fprintf(stderr, "tarnctl apply: cannot bind a bus handle in %s/bus (%s); nothing was "
-                        "written\n",
-                tarnhost_root(), tarnhost_root_strerror(errno));
-        return kExitFailed;
+        return reportf("apply", kExitFailed,
+                       "cannot bind a bus handle in %s/bus: %s; nothing was written, check "
+                       "that the directory is yours and writable",
+                       tarnhost_root(), tarnhost_root_strerror(errno));
     }
     int status = kExitOk;
     size_t done = 0;
+    json applied = json::array();
+    const bool as_json = json_output();
     for (const Change &c : changes) {
         Txn tarn{tarn_uri, {}, {}};
         Txn gyre{gyre_uri, {}, {}};
@@ -872,9 +872,9 @@ int cmd_apply(int argc, char **argv)
             err = commit_change(tarn, gyre, &st);
         if (!err.empty()) {
             const std::string remedy = store_remedy(st);
-            fprintf(stderr,
-                    "tarnctl apply: %s: %s; the changes before it were applied and announced, "
-                    "this one and the later ones were not%s%s\n",
+            reportf("apply", kExitFailed,
+                    "%s: %s; the changes before it were applied and announced, this one and "
+                    "the later ones were not%s%s",
                     c.path.c_str(), err.c_str(), remedy.empty() ? "" : "; ", remedy.c_str());
             status = kExitFailed;
             break;
@@ -885,13 +885,21 @@ int cmd_apply(int argc, char **argv)
         const int rc = tarnhost_bus_publish_counted(
             handle, p.opcode, p.payload.data(), static_cast<uint32_t>(p.payload.size()),
             missed.data(), missed.size(), &n_missed);
-        printf("%s: %s (%u to %zu subscribers)\n", c.path.c_str(), p.what.c_str(), p.opcode,
-               subscribers);
+        if (!as_json)
+            printf("%s: %s (%u to %s)\n", c.path.c_str(), p.what.c_str(), p.opcode,
+                   counted(subscribers, "subscriber", "subscribers").c_str());
+        json entry = {{"path", c.path},
+                      {"change", p.what},
+                      {"opcode", p.opcode},
+                      {"subscribers", subscribers},
+                      {"missed", json::array()},
+                      {"replies", json::array()}};
         ++done;
         if (rc != 0) {
-            fprintf(stderr,
-                    "tarnctl apply: %s: written, but the notification %u could not be "
-                    "published (%s); the later changes were not applied\n",
+            applied.push_back(entry);
+            reportf("apply", kExitFailed,
+                    "%s: written, but the notification %u could not be published (%s); the "
+                    "later changes were not applied",
                     c.path.c_str(), p.opcode, strerror(rc));
             status = kExitFailed;
             break;
@@ -899,32 +907,52 @@ int cmd_apply(int argc, char **argv)
         // A subscriber that stopped taking messages misses this one; it can
         // tell (its miss count moved) and rebuild, and the others are not
         // held up for it.
-        for (size_t i = 0; i < n_missed && i < missed.size(); ++i)
-            printf("  handle %u missed it (its queue stayed full)\n", missed[i]);
+        for (size_t i = 0; i < n_missed && i < missed.size(); ++i) {
+            entry["missed"].push_back(missed[i]);
+            if (!as_json)
+                printf("  handle %u missed it (its queue stayed full)\n", missed[i]);
+        }
         if (c.kind == Kind::DumpCache) {
             for (size_t i = 0; i < subscribers; ++i) {
                 bus_msg_t *m = tarnhost_bus_recv_ms(handle, kReplyWaitMs);
                 if (m == nullptr) {
-                    printf("  %zu of %zu subscribers answered\n", i, subscribers);
+                    if (!as_json)
+                        printf("  %zu of %zu subscribers answered\n", i, subscribers);
                     break;
                 }
                 uint32_t len = 0;
                 const uint8_t *r = static_cast<const uint8_t *>(bus_payload_get(m, &len));
-                if (r != nullptr && len >= GYRE_CACHE_DUMP_HEADER_SIZE)
-                    printf("  reply from handle %u: status %u, next iteration %u, %u records\n",
-                           tarnhost_bus_sender_get(m), load32(r),
-                           load32(r) == GYRE_CACHE_DUMP_NONE ? 0u : load32(r + 4),
-                           load32(r) == GYRE_CACHE_DUMP_NONE ? 0u : load32(r + 8));
+                const bool header = r != nullptr && len >= GYRE_CACHE_DUMP_HEADER_SIZE;
+                const bool none = header && load32(r) == GYRE_CACHE_DUMP_NONE;
+                const uint32_t from = tarnhost_bus_sender_get(m);
+                entry["replies"].push_back(
+                    {{"handle", from},
+                     {"bytes", len},
+                     {"status", or_null(header, header ? load32(r) : 0u)},
+                     {"next_iteration", or_null(header, none || !header ? 0u : load32(r + 4))},
+                     {"records", or_null(header, none || !header ? 0u : load32(r + 8))}});
+                if (as_json) {
+                    // In the document at the end.
+                } else if (header)
+                    printf("  reply from handle %u: status %u, next iteration %u, %s\n", from,
+                           load32(r), none ? 0u : load32(r + 4),
+                           counted(none ? 0u : load32(r + 8), "record", "records").c_str());
                 else
-                    printf("  reply from handle %u: %u bytes, no dump header\n",
-                           tarnhost_bus_sender_get(m), len);
+                    printf("  reply from handle %u: %u bytes, no dump header\n", from, len);
                 bus_drop(handle, m);
             }
         }
+        applied.push_back(entry);
     }
     bus_unbind(handle);
-    if (status == kExitOk)
-        printf("applied %zu changes to %s\n", done, tarnhost_root());
+    if (as_json)
+        print_json({{"file", file},
+                    {"device", tarnhost_root()},
+                    {"changes", applied},
+                    {"applied", done},
+                    {"complete", status == kExitOk}});
+    else if (status == kExitOk)
+        printf("applied %s to %s\n", counted(done, "change", "changes").c_str(), tarnhost_root());
     return status;
 }
 

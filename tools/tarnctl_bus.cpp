@@ -19,13 +19,13 @@
 #include "host/tarnhost_client.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 namespace {
 
 using json = nlohmann::json;
 
-constexpr int kSchema = 1;
 
 template <typename T>
 std::vector<T> list_all(size_t (*lister)(T *, size_t), std::string *error)
@@ -131,23 +131,26 @@ BusView look_at_bus()
     return v;
 }
 
+// Every opcode that can reach a client of the device has a name; the Gyre
+// notifications that the cache does not use are named by their number.
 std::string opcode_name(uint32_t opcode)
 {
     switch (opcode) {
-    case BUS_OPC_GYRE_TPG_CREATE:
-        return "GYRE_TPG_CREATE";
-    case BUS_OPC_GYRE_TPG_DELETE:
-        return "GYRE_TPG_DELETE";
-    case BUS_OPC_GYRE_TPG_VLANS:
-        return "GYRE_TPG_VLANS";
-    case BUS_OPC_GYRE_FTAG_UPDATE:
-        return "GYRE_FTAG_UPDATE";
-    case BUS_OPC_GYRE_FTAG_NOTICE:
-        return "GYRE_FTAG_NOTICE";
-    case TARNHOST_OPC_CLIENT_INSPECT:
-        return "TARNHOST_CLIENT_INSPECT";
-    default:
-        return bus_opc_name_get(opcode);
+    case BUS_OPC_TARN_REGISTER: return "TARN_REGISTER";
+    case 51205: return "GYRE_NOTIFY_C805";
+    case BUS_OPC_GYRE_TPG_CREATE: return "GYRE_TPG_CREATE";
+    case 51209: return "GYRE_NOTIFY_C809";
+    case BUS_OPC_GYRE_TPG_DELETE: return "GYRE_TPG_DELETE";
+    case 51211: return "GYRE_NOTIFY_C80B";
+    case 51212: return "GYRE_NOTIFY_C80C";
+    case 51213: return "GYRE_NOTIFY_C80D";
+    case BUS_OPC_GYRE_TPG_VLANS: return "GYRE_TPG_VLANS";
+    case BUS_OPC_GYRE_FTAG_UPDATE: return "GYRE_FTAG_UPDATE";
+    case BUS_OPC_TARN_PROTOCOL_CONFIG_CHANGE: return "TARN_PROTOCOL_CONFIG_CHANGE";
+    case BUS_OPC_GYRE_FTAG_NOTICE: return "GYRE_FTAG_NOTICE";
+    case BUS_OPC_TARN_ATTR_CHANGE: return "TARN_ATTR_CHANGE";
+    case TARNHOST_OPC_CLIENT_INSPECT: return "TARNHOST_CLIENT_INSPECT";
+    default: return "OPCODE_" + std::to_string(opcode);
     }
 }
 
@@ -176,7 +179,7 @@ bool read_bus(BusView *v)
     *v = look_at_bus();
     if (v->error.empty())
         return true;
-    fprintf(stderr, "tarnctl show: cannot read the bus in %s/bus: %s\n", tarnhost_root(),
+    reportf("show", kExitFailed, "cannot read the bus in %s/bus: %s", tarnhost_root(),
             v->error.c_str());
     return false;
 }
@@ -223,7 +226,6 @@ int cmd_show_bus(int argc, char **argv)
 
     if (as_json) {
         json doc;
-        doc["schema"] = kSchema;
         doc["root"] = tarnhost_root();
         json handles = json::array();
         for (const auto &h : v.handles) {
@@ -250,32 +252,36 @@ int cmd_show_bus(int argc, char **argv)
             subs.push_back({{"opcode", s.first}, {"name", opcode_name(s.first)}, {"handles", s.second}});
         doc["subscriptions"] = subs;
         doc["dead"] = dead;
-        printf("%s\n", doc.dump(2, ' ', true).c_str());
+        print_json(doc);
         return kExitOk;
     }
 
-    printf("bus of the device in %s\n\n", tarnhost_root());
-    printf("%-10s  %-12s  %-5s  %-8s  %-16s  %-12s  %-6s  %s\n", "HANDLE", "ACCESS POINT",
-           "STATE", "PID", "PROCESS", "QUEUE HEAD", "DROPS", "SUBSCRIPTIONS");
+    printf("bus of the device in %s\n\n", escaped(tarnhost_root()).c_str());
+    std::vector<Row> rows;
     for (const auto &h : v.handles)
-        printf("%-10u  %-12s  %-5s  %-8s  %-16s  %-12s  %-6s  %s\n", h.handle,
-               h.sap < 0 ? "-" : std::to_string(h.sap).c_str(), h.alive ? "alive" : "dead",
-               opt_number(h.pid).c_str(), h.comm[0] ? h.comm : "-",
-               opt_number(h.queue_head_bytes).c_str(), opt_number(h.drops).c_str(),
-               join(v.subscriptions_of(h.handle)).c_str());
+        rows.push_back({std::to_string(h.handle), h.sap < 0 ? "-" : std::to_string(h.sap),
+                        h.alive ? "alive" : "dead", opt_number(h.pid),
+                        h.comm[0] ? std::string(h.comm) : "-", opt_number(h.queue_head_bytes),
+                        opt_number(h.drops), join(v.subscriptions_of(h.handle))});
+    print_table({"HANDLE", "ACCESS POINT", "STATE", "PID", "PROCESS", "QUEUE HEAD", "DROPS",
+                 "SUBSCRIPTIONS"},
+                rows);
     if (v.handles.empty())
         printf("(no handles)\n");
-    printf("\n%-12s  %-10s  %s\n", "ACCESS POINT", "HANDLE", "STATE");
+    rows.clear();
     for (const auto &a : v.access_points)
-        printf("%-12d  %-10s  %s\n", a.sap,
-               a.handle == BUS_HANDLE_NONE ? "?" : std::to_string(a.handle).c_str(),
-               a.alive ? "alive" : "dead");
+        rows.push_back({std::to_string(a.sap),
+                        a.handle == BUS_HANDLE_NONE ? "?" : std::to_string(a.handle),
+                        a.alive ? "alive" : "dead"});
+    printf("\n");
+    print_table({"ACCESS POINT", "HANDLE", "STATE"}, rows);
     if (v.access_points.empty())
         printf("(no access points)\n");
-    printf("\n%-10s  %-24s  %s\n", "OPCODE", "NAME", "HANDLES");
+    rows.clear();
     for (const auto &s : v.subscribers)
-        printf("%-10u  %-24s  %s\n", s.first, opcode_name(s.first).c_str(),
-               join(s.second).c_str());
+        rows.push_back({std::to_string(s.first), opcode_name(s.first), join(s.second)});
+    printf("\n");
+    print_table({"OPCODE", "NAME", "HANDLES"}, rows);
     if (v.subscribers.empty())
         printf("(no subscriptions)\n");
     printf("\ndead entries:\n");

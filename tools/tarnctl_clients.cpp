@@ -21,6 +21,7 @@
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_bus.h"
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 namespace {
@@ -166,7 +167,16 @@ std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handl
     case ClientAddress::kHandle: {
         *handle = static_cast<uint32_t>(a.value);
         const tarnhost_bus_handle_info_t *h = v.handle(*handle);
-        if (h == nullptr || !h->alive || h->sap < 0)
+        if (h != nullptr && !h->alive) {
+            int32_t was = h->sap;
+            for (const auto &ap : v.access_points)
+                if (ap.handle == *handle)
+                    was = ap.sap;
+            return "the client with bus handle " + std::to_string(*handle) +
+                   (was >= 0 ? " (access point " + std::to_string(was) + ")" : "") +
+                   " is gone: its process has exited" + kListHint;
+        }
+        if (h == nullptr || h->sap < 0)
             return "bus handle " + std::to_string(*handle) + " serves no access point on the device in " +
                    tarnhost_root() + kListHint;
         *sap = h->sap;
@@ -174,7 +184,11 @@ std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handl
     }
     case ClientAddress::kSap:
         for (const auto &ap : v.access_points)
-            if (static_cast<uint64_t>(ap.sap) == a.value && ap.alive) {
+            if (static_cast<uint64_t>(ap.sap) == a.value) {
+                if (!ap.alive)
+                    return "the client at access point " + std::to_string(ap.sap) +
+                           " (bus handle " + std::to_string(ap.handle) +
+                           ") is gone: its process has exited" + kListHint;
                 *sap = ap.sap;
                 *handle = ap.handle;
                 return "";
@@ -217,6 +231,7 @@ ClientState probe_client(uint32_t requester, int32_t sap, uint32_t timeout_ms)
     if (tarnhost_client::ask(requester, sap, q, timeout_ms, &doc).empty()) {
         s.helper = true;
         s.document = doc;
+        return s;  // it says itself whether its Gyre cache is on
     }
     s.gyre_dump_status = dump_status(requester, sap, timeout_ms);
     return s;
@@ -233,9 +248,10 @@ int cmd_show_clients(int argc, char **argv)
         return kExitFailed;
     const uint32_t requester = bus_bind(4, -1, nullptr, "tarnctl show clients");
     if (requester == BUS_HANDLE_NONE) {
-        fprintf(stderr, "tarnctl show: cannot bind a bus handle in %s/bus (%s)\n",
-                tarnhost_root(), strerror(errno));
-        return kExitFailed;
+        return reportf("show", kExitFailed,
+                       "cannot bind a bus handle in %s/bus: %s; check that the directory is "
+                       "yours and writable",
+                       tarnhost_root(), tarnhost_root_strerror(errno));
     }
     json clients = json::array();
     for (const auto &h : v.handles) {
@@ -276,10 +292,7 @@ int cmd_show_clients(int argc, char **argv)
     bus_unbind(requester);
 
     if (as_json) {
-        json doc;
-        doc["schema"] = 1;
-        doc["clients"] = clients;
-        printf("%s\n", doc.dump(2, ' ', true).c_str());
+        print_json({{"clients", clients}});
         return kExitOk;
     }
     auto text = [](const json &j) -> std::string {
@@ -291,24 +304,23 @@ int cmd_show_clients(int argc, char **argv)
             return j.get<std::string>();
         return j.dump();
     };
-    printf("%-10s  %-12s  %-8s  %-16s  %-6s  %-10s  %-9s  %-10s  %s\n", "HANDLE",
-           "ACCESS POINT", "PID", "PROCESS", "HELPER", "TARN CACHE", "AS FORMAT", "GYRE CACHE",
-           "ADDRESS");
+    std::vector<Row> rows;
     for (const json &c : clients) {
         std::string as = c["as_format_tracked"].is_null()
                              ? "?"
                              : c["as_format_tracked"] == true ? "tracked " + text(c["as_format"])
                                                               : "off";
-        printf("%-10s  %-12s  %-8s  %-16s  %-6s  %-10s  %-9s  %-10s  %s\n",
-               text(c["handle"]).c_str(),
-               c["access_point"].is_null() ? "-" : text(c["access_point"]).c_str(),
-               c["pid"].is_null() ? "-" : text(c["pid"]).c_str(),
-               c["process"].is_null() ? "-" : text(c["process"]).c_str(),
-               c["helper"] == true ? "yes" : "no", text(c["tarn_cache_mode"]).c_str(),
-               as.c_str(), text(c["gyre_cache"]).c_str(),
-               c["address"].is_null() ? "none (no access point)"
-                                      : text(c["address"]).c_str());
+        rows.push_back({text(c["handle"]),
+                        c["access_point"].is_null() ? "-" : text(c["access_point"]),
+                        c["pid"].is_null() ? "-" : text(c["pid"]),
+                        c["process"].is_null() ? "-" : text(c["process"]),
+                        c["helper"] == true ? "yes" : "no", text(c["tarn_cache_mode"]), as,
+                        text(c["gyre_cache"]),
+                        c["address"].is_null() ? "none (no access point)" : text(c["address"])});
     }
+    print_table({"HANDLE", "ACCESS POINT", "PID", "PROCESS", "HELPER", "TARN CACHE", "AS FORMAT",
+                 "GYRE CACHE", "ADDRESS"},
+                rows);
     if (clients.empty())
         printf("(no clients)\n");
     return kExitOk;

@@ -1,6 +1,11 @@
-// tarnctl dump-cache --client HANDLE [--verify]: fetch the Gyre cache of a
-// client process page by page over the bus and print it; with --verify,
-// compare it with the device's databases.
+// tarnctl dump-cache (--client HANDLE | --sap N | --pid P) [--verify]
+// [--timeout S] [--json]: fetch the Gyre cache of a client process page by
+// page over the bus, as
+// the library's requester does, and print it in the requester's table
+// layout; with --verify, compare it with the device's databases.  The pages
+// are fetched here rather than by gyre_client_dbg_print_cache so that the
+// wait is bounded and a client that is gone can be told from one that does
+// not answer.
 
 #include <errno.h>
 #include <stdio.h>
@@ -21,13 +26,15 @@
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_clients.h"
+#include "tools/tarnctl_output.h"
+#include "tools/tarnctl_queries.h"
 #include "tools/tarnctl_verify.h"
 
 namespace tarnctl {
 
 const Command kDumpCache = {
     "dump-cache",
-    "(--client HANDLE | --sap N | --pid P) [--verify]",
+    "(--client HANDLE | --sap N | --pid P) [--verify] [--timeout S] [--json]",
     "print a client's Gyre cache; --verify compares it with the databases",
     cmd_dump_cache,
 };
@@ -38,7 +45,7 @@ constexpr uint32_t kAttrChange = 51226;
 constexpr uint32_t kRequestSize = 28;
 constexpr uint32_t kHeader = GYRE_CACHE_DUMP_HEADER_SIZE;
 constexpr uint32_t kRecord = GYRE_CACHE_DUMP_RECORD_SIZE;
-constexpr uint32_t kWaitSeconds = 9;
+constexpr uint32_t kDefaultWaitSeconds = 9;  // the library requester's wait
 // A client that ignores the inspection request is not built on the helper;
 // one that is answers well within this.
 constexpr uint32_t kInspectMs = 2000;
@@ -48,6 +55,7 @@ constexpr uint32_t kMaxPages = 0x40000000u / GYRE_CACHE_DUMP_PAGE + 2;
 void print_help()
 {
     printf("usage: tarnctl dump-cache (--client HANDLE | --sap N | --pid P) [--verify]\n"
+           "                          [--timeout S] [--json]\n"
            "\n"
            "Asks a client process for its Gyre cache, page by page: the one whose bus\n"
            "handle is HANDLE, that serves access point N, or whose process P holds a\n"
@@ -67,8 +75,13 @@ void print_help()
            "that the library makes on purpose between its cache and database paths\n"
            "is shown as such and does not fail the check; any other DIVERGES.\n"
            "\n"
+           "Each page is waited for at most S seconds (--timeout, default %u).  A client\n"
+           "whose process has exited and one that does not answer (stopped, busy) are\n"
+           "told apart.  With --json the dump (and the comparison) is one JSON document.\n"
+           "\n"
            "Exit status: 0 printed (and, with --verify, nothing diverges), 1 the dump\n"
-           "failed or a divergence was found, 2 usage error.\n");
+           "failed or a divergence was found, 2 usage error.\n",
+           kDefaultWaitSeconds);
 }
 
 uint32_t load32(const uint8_t *p)
@@ -78,33 +91,10 @@ uint32_t load32(const uint8_t *p)
     return v;
 }
 
-std::set<uint32_t> bits(const uint8_t *p, uint32_t n)
-{
-    std::set<uint32_t> s;
-    for (uint32_t i = 0; i < n; ++i)
-        if ((p[i / 8] & (0x80u >> (i % 8))) != 0)
-            s.insert(i);
-    return s;
-}
-
-// "1-3,7"; "--" for none.
+// "1-3,7"; "--" for none, as the library's formatter writes it.
 std::string ranges(const std::set<uint32_t> &s)
 {
-    if (s.empty())
-        return "--";
-    std::string out;
-    for (auto it = s.begin(); it != s.end();) {
-        uint32_t lo = *it, hi = lo;
-        ++it;
-        while (it != s.end() && *it == hi + 1)
-            hi = *it++;
-        if (!out.empty())
-            out += ",";
-        out += std::to_string(lo);
-        if (hi != lo)
-            out += "-" + std::to_string(hi);
-    }
-    return out;
+    return s.empty() ? "--" : ranges_text(s);
 }
 
 struct Dumped {
@@ -113,9 +103,10 @@ struct Dumped {
     bool in_sync = true;
 };
 
-// Fetches every page, as the requester does; "" or why it failed.
-std::string fetch(uint32_t requester, int32_t sap, std::map<uint32_t, Dumped> *out,
-                  bool *caching)
+// Fetches every page, as the requester does; "" or why it failed (with
+// what to do about it).
+std::string fetch(uint32_t requester, int32_t sap, uint32_t handle, uint32_t wait,
+                  std::map<uint32_t, Dumped> *out, bool *caching)
 {
     uint8_t req[kRequestSize];
     memset(req, 0, sizeof req);
@@ -128,16 +119,28 @@ std::string fetch(uint32_t requester, int32_t sap, std::map<uint32_t, Dumped> *o
     bus_send_opts_t opts;
     memset(&opts, 0, sizeof opts);
     opts.w[0] = 1;
-    const bus_recv_opts_t ro = {1, 0, kWaitSeconds};
+    const bus_recv_opts_t ro = {1, 0, wait};
+    const std::string who = "the client with bus handle " + std::to_string(handle) +
+                            " (access point " + std::to_string(sap) + ")";
     *caching = true;
     for (uint32_t pages = 0; pages < kMaxPages; ++pages) {
         memcpy(req + 24, &iteration, 4);
         if (bus_send(requester, BUS_NODE_LOCAL, static_cast<uint32_t>(sap), kAttrChange, req,
-                     sizeof req, nullptr, nullptr, &opts) != 0)
-            return std::string("cannot send the request: ") + strerror(errno);
+                     sizeof req, nullptr, nullptr, &opts) != 0) {
+            const int err = errno;
+            if (err == ECONNREFUSED || err == ENOENT)
+                return who + " is gone: its process has exited (" + strerror(err) +
+                       "); give the handle that a running \"tarnctl watch\" prints";
+            return "cannot send the request to " + who + ": " + strerror(err);
+        }
         bus_msg_t *m = bus_recv(requester, &ro);
-        if (m == nullptr)
-            return std::string("no answer: ") + strerror(errno);
+        if (m == nullptr) {
+            const int err = errno;
+            if (err == EAGAIN || err == ETIMEDOUT)
+                return who + " did not answer within " + std::to_string(wait) +
+                       " s: it is stopped or busy; resume it, or wait longer with --timeout";
+            return "no answer from " + who + ": " + strerror(err);
+        }
         uint32_t len = 0;
         const uint8_t *p = static_cast<const uint8_t *>(bus_payload_get(m, &len));
         if (p == nullptr || len < kHeader) {
@@ -156,8 +159,8 @@ std::string fetch(uint32_t requester, int32_t sap, std::map<uint32_t, Dumped> *o
         for (uint32_t i = 0; i < n; ++i) {
             const uint8_t *r = p + kHeader + kRecord * i;
             Dumped d;
-            d.ftags = bits(r + 8, 1024);
-            d.vlans = bits(r + 140, 4096);
+            d.ftags = bitmap_set(r + 8, 1024);
+            d.vlans = bitmap_set(r + 140, 4096);
             d.in_sync = load32(r + 652) != 0;
             (*out)[load32(r)] = d;
         }
@@ -171,20 +174,15 @@ std::string fetch(uint32_t requester, int32_t sap, std::map<uint32_t, Dumped> *o
 }
 
 // The comparison with the databases, read through libtarn's Gyre queries
-// with this process's cache off.  Returns the number of differences.
-size_t verify(const std::map<uint32_t, Dumped> &dump)
+// with this process's cache off.  Returns the differences.
+std::vector<json> verify(const std::map<uint32_t, Dumped> &dump)
 {
-    size_t diffs = 0;
+    std::vector<json> diffs;
     auto diff = [&](uint32_t tpg, const std::string &what) {
-        printf("verify: topology %lu: %s\n", static_cast<unsigned long>(tpg), what.c_str());
-        ++diffs;
+        diffs.push_back({{"topology", tpg}, {"difference", what}});
     };
-    std::set<uint32_t> in_db;
-    tarn_table_info_t info;
-    memset(&info, 0, sizeof info);
-    for (uint32_t t = gyre_get_first_l2_tpg(&info); t != GYRE_TPG_NONE && t != 0;
-         t = gyre_get_next_l2_tpg(&info))
-        in_db.insert(t);
+    const std::vector<uint32_t> walked = all_topologies();
+    const std::set<uint32_t> in_db(walked.begin(), walked.end());
     for (const auto &d : dump) {
         const uint32_t tpg = d.first;
         if (!d.second.in_sync)
@@ -198,7 +196,7 @@ size_t verify(const std::map<uint32_t, Dumped> &dump)
         vlans.len = GYRE_VLAN_BMP_BYTES;
         std::set<uint32_t> db_vlans;
         if (gyre_get_l2_tpg_act_vlans(tpg, &vlans))
-            db_vlans = bits(vlans.bits, 4096);
+            db_vlans = bitmap_set(vlans.bits, 4096);
         if (db_vlans != d.second.vlans)
             diff(tpg, "VLANs: cache " + ranges(d.second.vlans) + ", database " +
                           ranges(db_vlans));
@@ -219,42 +217,30 @@ size_t verify(const std::map<uint32_t, Dumped> &dump)
     return diffs;
 }
 
-// Runs the library's requester with standard output going to a file, then
-// copies what it printed, ending it with a newline when it has none.
-uint32_t print_dump(uint32_t requester, int32_t sap)
+// The requester's table (gyre_client_dbg_print_cache's layout).
+void print_dump(const std::map<uint32_t, Dumped> &dump)
 {
-    fflush(stdout);
-    FILE *tmp = tmpfile();
-    int saved = -1;
-    if (tmp != nullptr) {
-        saved = dup(STDOUT_FILENO);
-        if (saved < 0 || dup2(fileno(tmp), STDOUT_FILENO) < 0) {
-            if (saved >= 0)
-                close(saved);
-            saved = -1;
-        }
-    }
-    const uint32_t rc =
-        gyre_client_dbg_print_cache(requester, BUS_NODE_LOCAL, static_cast<uint32_t>(sap));
-    fflush(stdout);
-    if (saved >= 0) {
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-        rewind(tmp);
-        char buf[8192];
-        size_t n;
-        char last = '\n';
-        while ((n = fread(buf, 1, sizeof buf, tmp)) > 0) {
-            fwrite(buf, 1, n, stdout);
-            last = buf[n - 1];
-        }
-        if (last != '\n')
-            fputc('\n', stdout);
-        fflush(stdout);
-    }
-    if (tmp != nullptr)
-        fclose(tmp);
-    return rc;
+    const std::string rule(80, '-');
+    printf("\t\tGYRE Cache Information\n%s\n\n", rule.c_str());
+    printf("%-10s %-36s %-20s\n", "Topo-ID", "Active Vlan List", "Ftag List");
+    printf("%s\n", rule.c_str());
+    for (const auto &d : dump)
+        printf("%-10lu %-36s %-20s %s\n", static_cast<unsigned long>(d.first),
+               ranges(d.second.vlans).c_str(), ranges(d.second.ftags).c_str(),
+               d.second.in_sync ? "" : "Out of Sync!");
+}
+
+json dump_json(const std::map<uint32_t, Dumped> &dump)
+{
+    json list = json::array();
+    for (const auto &d : dump)
+        list.push_back({{"id", d.first},
+                        {"active_vlans", ranges_text(d.second.vlans)},
+                        {"active_vlans_list", d.second.vlans},
+                        {"ftags", ranges_text(d.second.ftags)},
+                        {"ftags_list", d.second.ftags},
+                        {"in_sync", d.second.in_sync}});
+    return list;
 }
 
 }  // namespace
@@ -262,6 +248,7 @@ uint32_t print_dump(uint32_t requester, int32_t sap)
 int cmd_dump_cache(int argc, char **argv)
 {
     ClientAddress address;
+    uint64_t wait = kDefaultWaitSeconds;
     bool check = false;
     for (int i = 0; i < argc; ++i) {
         const char *a = argv[i];
@@ -271,6 +258,19 @@ int cmd_dump_cache(int argc, char **argv)
         }
         if (strcmp(a, "--verify") == 0) {
             check = true;
+            continue;
+        }
+        if (strcmp(a, "--json") == 0)
+            continue;
+        if (strcmp(a, "--timeout") == 0 || strncmp(a, "--timeout=", 10) == 0) {
+            const char *value = a[9] == '=' ? a + 10 : nullptr;
+            if (value == nullptr) {
+                if (i + 1 >= argc)
+                    return usage_error(kDumpCache, "--timeout needs a value");
+                value = argv[++i];
+            }
+            if (!parse_count(value, 3600, &wait))
+                return usage_error(kDumpCache, "--timeout takes seconds from 1 to 3600");
             continue;
         }
         std::string error;
@@ -285,79 +285,106 @@ int cmd_dump_cache(int argc, char **argv)
     }
     if (address.kind == ClientAddress::kNone)
         return usage_error(kDumpCache, "--client HANDLE, --sap N or --pid P is missing");
+    if (!device_reachable("dump-cache"))
+        return kExitFailed;
 
     int32_t sap = -1;
     uint32_t handle = BUS_HANDLE_NONE;
     const std::string unresolved = resolve_client(address, &sap, &handle);
-    if (!unresolved.empty()) {
-        fprintf(stderr, "tarnctl dump-cache: %s\n", unresolved.c_str());
-        return kExitFailed;
-    }
+    if (!unresolved.empty())
+        return report("dump-cache", kExitFailed, unresolved);
     const uint32_t requester = bus_bind(4, -1, nullptr, "tarnctl dump-cache");
-    if (requester == BUS_HANDLE_NONE) {
-        fprintf(stderr, "tarnctl dump-cache: cannot bind a bus handle in %s/bus (%s)\n",
-                tarnhost_root(), tarnhost_root_strerror(errno));
-        return kExitFailed;
-    }
-    const uint32_t rc = print_dump(requester, sap);
-    if (rc != 0) {
+    if (requester == BUS_HANDLE_NONE)
+        return reportf("dump-cache", kExitFailed,
+                       "cannot bind a bus handle in %s/bus: %s; check that the directory is "
+                       "yours and writable",
+                       tarnhost_root(), tarnhost_root_strerror(errno));
+    std::map<uint32_t, Dumped> dump;
+    bool caching = true;
+    const std::string err =
+        fetch(requester, sap, handle, static_cast<uint32_t>(wait), &dump, &caching);
+    if (!err.empty()) {
         bus_unbind(requester);
-        fprintf(stderr, "tarnctl dump-cache: the dump from handle %u failed (%u)\n", handle, rc);
-        return kExitFailed;
+        return report("dump-cache", kExitFailed, err);
+    }
+    const bool as_json = json_output();
+    json doc = {{"client", handle},
+                {"access_point", sap},
+                {"caching", caching},
+                {"topologies", or_null(caching, dump_json(dump))},
+                {"verify", nullptr}};
+    if (!as_json) {
+        if (caching)
+            print_dump(dump);
+        else
+            printf("GYRE Caching not enabled\n");
     }
     int status = kExitOk;
     if (check) {
-        std::map<uint32_t, Dumped> dump;
-        bool caching = true;
-        const std::string err = fetch(requester, sap, &dump, &caching);
-        if (!err.empty()) {
-            fprintf(stderr, "tarnctl dump-cache: the dump from handle %u failed: %s\n", handle,
-                    err.c_str());
+        if (!caching) {
+            if (!as_json)
+                printf("verify: the client's Gyre cache is off; nothing to compare\n");
             status = kExitFailed;
-        } else if (!caching) {
-            printf("verify: the client's Gyre cache is off; nothing to compare\n");
+        } else if (!device_up("dump-cache")) {
             status = kExitFailed;
         } else if (tarn_api_init() != TARN_SUCCESS) {
-            fprintf(stderr,
-                    "tarnctl dump-cache: libtarn cannot read the device in %s; see "
-                    "%s/log/messages\n",
-                    tarnhost_root(), tarnhost_root());
-            status = kExitFailed;
+            status = reportf("dump-cache", kExitFailed,
+                             "libtarn cannot read the device in %s; the library's report is "
+                             "in %s/log/messages",
+                             tarnhost_root(), tarnhost_root());
         } else {
-            size_t diffs = verify(dump);
+            const std::vector<json> diffs = verify(dump);
             std::set<uint32_t> cached;
             for (const auto &d : dump)
                 cached.insert(d.first);
             const VerifyCount answers = verify_answers(requester, sap, cached, kInspectMs);
-            diffs += answers.divergences;
-            if (!answers.helper)
-                printf("verify: the client does not answer the host's inspection request "
-                       "(it is not built on the host's client helper): compared only what "
-                       "the dump carries, each topology's VLAN and ftag sets; not compared: "
-                       "owners, unicast ftags, ftags per graph, configured VLANs, the VLANs "
-                       "of each ftag, the AS format\n");
-            if (diffs == 0)
-                printf("verify: cache and database agree on %zu topologies", dump.size());
-            else
-                printf("verify: %zu differences", diffs);
-            if (answers.helper)
-                printf("; %zu answers compared, %zu differences as the library intends",
-                       answers.compared, answers.intended);
-            printf("\n");
-            status = diffs == 0 ? kExitOk : kExitFailed;
+            const size_t diverging = diffs.size() + answers.divergences;
+            doc["verify"] = {{"differences", diffs},
+                             {"answers", answers.helper ? answers_json(answers) : json(nullptr)},
+                             {"agree", diverging == 0}};
+            if (!as_json) {
+                for (const json &d : diffs)
+                    printf("verify: topology %lu: %s\n",
+                           static_cast<unsigned long>(d["topology"].get<uint32_t>()),
+                           d["difference"].get<std::string>().c_str());
+                print_answers(answers);
+                if (!answers.helper)
+                    printf("verify: the client does not answer the host's inspection request "
+                           "(it is not built on the host's client helper): compared only what "
+                           "the dump carries, each topology's VLAN and ftag sets; not compared: "
+                           "owners, unicast ftags, ftags per graph, configured VLANs, the VLANs "
+                           "of each ftag, the AS format\n");
+                if (diverging == 0)
+                    printf("verify: cache and database agree on %s",
+                           counted(dump.size(), "topology", "topologies").c_str());
+                else
+                    printf("verify: %s", counted(diverging, "difference", "differences").c_str());
+                if (answers.helper)
+                    printf("; %s compared, %s as the library intends",
+                           counted(answers.compared, "answer", "answers").c_str(),
+                           counted(answers.intended, "difference", "differences").c_str());
+                printf("\n");
+            }
+            status = diverging == 0 ? kExitOk : kExitFailed;
             // Agreement of the Gyre cache says nothing of notifications the
             // client never got (the AS format, say).
             uint32_t missed = 0;
-            if (tarnhost_bus_missed(handle, &missed) == 0 && missed != 0) {
-                printf("verify: handle %u missed %u notifications and has not caught up; "
-                       "what it keeps from them may be stale\n",
-                       handle, missed);
+            if (tarnhost_bus_missed(handle, &missed) != 0)
+                missed = 0;
+            doc["verify"]["missed"] = missed;
+            if (missed != 0) {
+                if (!as_json)
+                    printf("verify: handle %u missed %s and has not caught up; what it "
+                           "keeps from them may be stale\n",
+                           handle, counted(missed, "notification", "notifications").c_str());
                 status = kExitFailed;
             }
             gyre_api_close();
             tarn_api_close();
         }
     }
+    if (as_json)
+        print_json(doc);
     bus_unbind(requester);
     return status;
 }

@@ -3,16 +3,19 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <string>
+
 #include "host/tarnhost.h"
 #include "tools/device_loader.h"
 #include "tools/device_records.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 
 const Command kLoad = {
     "load",
-    "FILE",
+    "FILE [--json]",
     "load a device description (JSON) into the device, replacing it",
     cmd_load,
 };
@@ -21,7 +24,7 @@ namespace {
 
 void print_help()
 {
-    printf("usage: tarnctl load FILE\n"
+    printf("usage: tarnctl load FILE [--json]\n"
            "\n"
            "Checks the device description FILE (JSON; docs/device-format.md) "
            "and, when it\n"
@@ -31,6 +34,7 @@ void print_help()
            "description\n"
            "with any error is refused and nothing is written.  A damaged store "
            "is rebuilt.\n"
+           "With --json the summary is one JSON document.\n"
            "\n"
            "Exit status: 0 loaded, 1 refused or failed, 2 usage error.\n");
 }
@@ -43,31 +47,41 @@ int cmd_load(int argc, char **argv)
     const int early = one_file_argument(kLoad, argc, argv, print_help, &file);
     if (early >= 0)
         return early;
+    if (!device_creatable("load"))
+        return kExitFailed;
 
     tarndev::LoadOutcome r = tarndev::load_device_file(file);
-    if (r.status != 0 && r.store_status == 0) {
-        fprintf(stderr,
-                "tarnctl load: %s; nothing was written, correct %s and run \"tarnctl load "
-                "%s\" again\n",
-                r.message.c_str(), file, file);
-        return kExitFailed;
-    }
+    if (r.status != 0 && r.store_status == 0)
+        return reportf("load", kExitFailed,
+                       "%s; nothing was written, correct %s and run \"tarnctl load %s\" "
+                       "again",
+                       r.message.c_str(), file, file);
     if (r.status != 0) {
         // The description is fine: the store or the system refused it.
         const std::string remedy = tarndev::store_remedy(r.store_status);
-        fprintf(stderr,
-                "tarnctl load: %s: %s: %s; the device is unchanged, %s%srun \"tarnctl load "
-                "%s\" again\n",
-                file, r.message.c_str(), tarndev::store_cause(r.store_status).c_str(),
-                remedy.c_str(), remedy.empty() ? "" : ", then ", file);
-        return kExitFailed;
+        return reportf("load", kExitFailed,
+                       "%s: %s: %s; the device is unchanged, %s%srun \"tarnctl load %s\" "
+                       "again",
+                       file, r.message.c_str(), tarndev::store_cause(r.store_status).c_str(),
+                       remedy.c_str(), remedy.empty() ? "" : ", then ", file);
+    }
+    if (json_output()) {
+        print_json({{"file", file},
+                    {"device", tarnhost_root()},
+                    {"rebuilt", r.rebuilt},
+                    {"contexts", r.contexts},
+                    {"tables", r.tables},
+                    {"interfaces", r.interfaces},
+                    {"topologies", r.topologies}});
+        return kExitOk;
     }
     if (r.rebuilt)
         printf("the store of %s was damaged: rebuilt it from %s\n", tarnhost_root(), file);
-    printf("loaded %s into %s: %zu contexts, %zu tables, %zu interfaces, "
-           "%zu topologies\n",
-           file, tarnhost_root(), r.contexts, r.tables, r.interfaces,
-           r.topologies);
+    printf("loaded %s into %s: %s, %s, %s, %s\n", file, tarnhost_root(),
+           counted(r.contexts, "context", "contexts").c_str(),
+           counted(r.tables, "table", "tables").c_str(),
+           counted(r.interfaces, "interface", "interfaces").c_str(),
+           counted(r.topologies, "topology", "topologies").c_str());
     return kExitOk;
 }
 

@@ -18,19 +18,18 @@
 #include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 
 const Command kLog = {
     "log",
-    "[-f] [--json] [--grep TEXT] [--timeout S]",
+    "[-f] [--json] [--grep TEXT] [--since WHEN] [--timeout S]",
     "print the device's log, filtered, or follow it",
     cmd_log,
 };
 
 namespace {
-
-using json = nlohmann::json;
 
 volatile sig_atomic_t g_stop = 0;
 
@@ -38,7 +37,7 @@ void on_signal(int) { g_stop = 1; }
 
 void print_help()
 {
-    printf("usage: tarnctl log [-f] [--json] [--grep TEXT] [--timeout S]\n"
+    printf("usage: tarnctl log [-f] [--json] [--grep TEXT] [--since WHEN] [--timeout S]\n"
            "\n"
            "Prints the log of the device in $TARNHOST_ROOT (%s/log/messages), "
            "the lines\n"
@@ -49,12 +48,22 @@ void print_help()
            "                 SIGTERM, or S seconds (--timeout); a log that "
            "shrinks is read\n"
            "                 again from its start\n"
-           "  --json         one JSON object per line: \"text\", and for a "
-           "catalogue line\n"
-           "                 (\"<<%%FAC-SEV-NAME>> message\") \"facility\", "
-           "\"severity\", \"name\"\n"
-           "                 and \"message\"\n"
+           "  --json         one JSON object per line: \"text\" (the whole line), "
+           "\"time\",\n"
+           "                 \"host\", \"process\" and \"pid\" from its prefix, and "
+           "for a\n"
+           "                 catalogue line (\"<<%%FAC-SEV-NAME>> message\") "
+           "\"facility\",\n"
+           "                 \"severity\", \"name\" and \"message\"; null where a "
+           "line has none\n"
            "  --grep TEXT    only the lines that contain TEXT\n"
+           "  --since WHEN   only the lines written at or after WHEN: a UTC time\n"
+           "                 (2026-01-02T03:04:05, seconds and Z optional) or a span "
+           "back\n"
+           "                 from now (90s, 15m, 2h, 1d); a line without a time goes "
+           "with\n"
+           "                 the line before it\n"
+           "Lines are shown with control characters escaped; --json keeps them raw.\n"
            "\n"
            "Exit status: 0 printed (also when there is no log yet), 1 the log "
            "cannot be\n"
@@ -62,18 +71,134 @@ void print_help()
            tarnhost_root());
 }
 
-// Prints one line (without its newline) as asked.
-void emit(const std::string &line, bool as_json, const std::string &grep)
+// The parts of the prefix that the host's syslog puts on every line:
+// "2026-01-02T03:04:05.678901Z host process[pid]: ".
+struct Prefix {
+    bool present = false;
+    std::string time, host, process;
+    long pid = 0;
+    size_t length = 0;  // of the prefix, with its trailing blank
+};
+
+bool is_time_text(const std::string &t)
 {
-    if (!grep.empty() && line.find(grep) == std::string::npos)
+    // YYYY-MM-DDTHH:MM:SS.ffffffZ
+    static const char kShape[] = "dddd-dd-ddTdd:dd:dd.ddddddZ";
+    if (t.size() != sizeof kShape - 1)
+        return false;
+    for (size_t i = 0; i < t.size(); ++i) {
+        const bool digit = t[i] >= '0' && t[i] <= '9';
+        if (kShape[i] == 'd' ? !digit : t[i] != kShape[i])
+            return false;
+    }
+    return true;
+}
+
+Prefix parse_prefix(const std::string &line)
+{
+    Prefix p;
+    const size_t t_end = line.find(' ');
+    if (t_end == std::string::npos || !is_time_text(line.substr(0, t_end)))
+        return p;
+    const size_t h_end = line.find(' ', t_end + 1);
+    if (h_end == std::string::npos)
+        return p;
+    const size_t close = line.find("]: ", h_end + 1);
+    if (close == std::string::npos)
+        return p;
+    const size_t open = line.rfind('[', close);
+    if (open == std::string::npos || open <= h_end + 1 || open + 1 == close)
+        return p;
+    long pid = 0;
+    for (size_t i = open + 1; i < close; ++i) {
+        if (line[i] < '0' || line[i] > '9' || pid > 99999999)
+            return p;
+        pid = pid * 10 + (line[i] - '0');
+    }
+    p.present = true;
+    p.time = line.substr(0, t_end);
+    p.host = line.substr(t_end + 1, h_end - t_end - 1);
+    p.process = line.substr(h_end + 1, open - h_end - 1);
+    p.pid = pid;
+    p.length = close + 3;
+    return p;
+}
+
+// --since as the time text of the log's prefix, so that lines compare as
+// strings; "" when `text` is neither a UTC time nor a span.
+std::string since_text(const char *text)
+{
+    const std::string t = text;
+    time_t at = 0;
+    if (!t.empty() && t.find_first_not_of("0123456789") == t.size() - 1 &&
+        t.size() >= 2 && t.size() <= 9) {
+        const char unit = t.back();
+        const long long n = atoll(t.c_str());
+        long long scale = unit == 's' ? 1 : unit == 'm' ? 60 : unit == 'h' ? 3600
+                        : unit == 'd' ? 86400 : 0;
+        if (scale == 0)
+            return "";
+        at = time(nullptr) - static_cast<time_t>(n * scale);
+    } else {
+        tm when;
+        memset(&when, 0, sizeof when);
+        const char *end = strptime(t.c_str(), "%Y-%m-%dT%H:%M", &when);
+        if (end == nullptr)
+            return "";
+        if (*end == ':') {
+            end = strptime(end, ":%S", &when);
+            if (end == nullptr)
+                return "";
+        }
+        if (*end == 'Z')
+            ++end;
+        if (*end != '\0')
+            return "";
+        at = timegm(&when);
+        if (at == static_cast<time_t>(-1))
+            return "";
+    }
+    tm u;
+    gmtime_r(&at, &u);
+    char buf[64];
+    strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S.000000Z", &u);
+    return buf;
+}
+
+struct Filter {
+    bool as_json = false;
+    std::string grep;
+    std::string since;  // "" for every line
+    bool last_kept = false;
+};
+
+// Prints one line (without its newline) as asked.
+void emit(const std::string &line, Filter *f)
+{
+    const Prefix pre = parse_prefix(line);
+    if (!f->since.empty()) {
+        if (pre.present)
+            f->last_kept = pre.time >= f->since;
+        if (!f->last_kept)
+            return;
+    }
+    if (!f->grep.empty() && line.find(f->grep) == std::string::npos)
         return;
-    if (!as_json) {
-        printf("%s\n", line.c_str());
+    if (!f->as_json) {
+        printf("%s\n", escaped(line).c_str());
         return;
     }
-    json j = {{"text", line}};
+    json j = {{"text", line},
+              {"time", or_null(pre.present, pre.time)},
+              {"host", or_null(pre.present, pre.host)},
+              {"process", or_null(pre.present, pre.process)},
+              {"pid", or_null(pre.present, pre.pid)},
+              {"facility", nullptr},
+              {"severity", nullptr},
+              {"name", nullptr},
+              {"message", nullptr}};
     // "<<%TARN-3-TARN_LIBBUS>> message"
-    const size_t start = line.find("<<%");
+    const size_t start = line.find("<<%", pre.length);
     const size_t end = line.find(">> ", start == std::string::npos ? 0 : start);
     if (start != std::string::npos && end != std::string::npos) {
         const std::string tag = line.substr(start + 3, end - start - 3);
@@ -87,15 +212,15 @@ void emit(const std::string &line, bool as_json, const std::string &grep)
             j["message"] = line.substr(end + 3);
         }
     }
-    printf("%s\n", j.dump(-1, ' ', true).c_str());
+    print_json_line(j);
 }
 
 }  // namespace
 
 int cmd_log(int argc, char **argv)
 {
-    bool follow = false, as_json = false;
-    std::string grep;
+    bool follow = false;
+    Filter filter;
     uint64_t timeout = 0;
     for (int i = 0; i < argc; ++i) {
         const std::string a = argv[i];
@@ -106,14 +231,19 @@ int cmd_log(int argc, char **argv)
         if (a == "-f" || a == "--follow") {
             follow = true;
         } else if (a == "--json") {
-            as_json = true;
-        } else if (a == "--grep" || a == "--timeout") {
+            filter.as_json = true;
+        } else if (a == "--grep" || a == "--timeout" || a == "--since") {
             if (i + 1 >= argc)
                 return usage_error(kLog, (a + " needs a value").c_str());
             const char *v = argv[++i];
-            if (a == "--grep")
-                grep = v;
-            else if (!parse_count(v, 86400u * 365, &timeout))
+            if (a == "--grep") {
+                filter.grep = v;
+            } else if (a == "--since") {
+                filter.since = since_text(v);
+                if (filter.since.empty())
+                    return usage_error(kLog, "--since takes a UTC time (2026-01-02T03:04:05) "
+                                             "or a span back from now (90s, 15m, 2h, 1d)");
+            } else if (!parse_count(v, 86400u * 365, &timeout))
                 return usage_error(kLog, "--timeout takes seconds from 1 to 31536000");
         } else {
             return usage_error(kLog, ("unknown argument \"" + a + "\"").c_str());
@@ -149,11 +279,9 @@ int cmd_log(int argc, char **argv)
                 close(dfd);
                 errno = err;
             }
-            if (fd < 0 && errno != ENOENT) {
-                fprintf(stderr, "tarnctl log: cannot read %s: %s\n", path.c_str(),
-                        strerror(errno));
-                return kExitFailed;
-            }
+            if (fd < 0 && errno != ENOENT)
+                return reportf("log", kExitFailed, "cannot read %s: %s", path.c_str(),
+                               strerror(errno));
             offset = 0;
             partial.clear();
         }
@@ -171,7 +299,7 @@ int cmd_log(int argc, char **argv)
                 partial.append(buf, static_cast<size_t>(n));
                 size_t nl;
                 while ((nl = partial.find('\n')) != std::string::npos) {
-                    emit(partial.substr(0, nl), as_json, grep);
+                    emit(partial.substr(0, nl), &filter);
                     partial.erase(0, nl + 1);
                 }
             }
@@ -180,14 +308,14 @@ int cmd_log(int argc, char **argv)
             break;
         timespec now;
         clock_gettime(CLOCK_MONOTONIC, &now);
-        if (g_stop || (timeout != 0 && static_cast<uint64_t>(now.tv_sec - begun.tv_sec) >= timeout))
+        if (g_stop || output_failed() || (timeout != 0 && static_cast<uint64_t>(now.tv_sec - begun.tv_sec) >= timeout))
             break;
         timespec pause{0, 100 * 1000000L};
         nanosleep(&pause, nullptr);
     }
     // A last line without its newline is still a line.
     if (!partial.empty())
-        emit(partial, as_json, grep);
+        emit(partial, &filter);
     if (fd >= 0)
         close(fd);
     return kExitOk;

@@ -27,6 +27,8 @@
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_bus.h"
+#include "tools/tarnctl_output.h"
 #include "tools/tarnctl_passive.h"
 
 namespace tarnctl {
@@ -227,6 +229,8 @@ int cmd_record(int argc, char **argv)
             print_record_help();
             return kExitOk;
         }
+        if (strcmp(a, "--json") == 0)
+            continue;
         const int op = parse_opcode_option(argc, argv, &i, &only);
         if (op < 0)
             return usage_error(kRecord, "--opcode takes an opcode from 0 to 4294967295");
@@ -256,15 +260,14 @@ int cmd_record(int argc, char **argv)
         return usage_error(kRecord, "FILE is missing");
 
     int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) {
-        fprintf(stderr, "tarnctl record: cannot write %s: %s\n", file, strerror(errno));
-        return kExitFailed;
-    }
+    if (fd < 0)
+        return reportf("record", kExitFailed, "cannot write %s: %s%s", file, strerror(errno),
+                       errno == ELOOP ? " (it is a symbolic link; name a file)" : "");
     FILE *out = fdopen(fd, "w");
     if (out == nullptr) {
+        const int err = errno;
         close(fd);
-        fprintf(stderr, "tarnctl record: cannot write %s\n", file);
-        return kExitFailed;
+        return reportf("record", kExitFailed, "cannot write %s: %s", file, strerror(err));
     }
     install_signals();
     setvbuf(stdout, nullptr, _IOLBF, 0);
@@ -273,13 +276,13 @@ int cmd_record(int argc, char **argv)
     const uint32_t h = listen_passively("tarnctl record", opcodes, &error);
     if (h == BUS_HANDLE_NONE) {
         fclose(out);
-        fprintf(stderr, "tarnctl record: %s in %s/bus\n", error.c_str(), tarnhost_root());
-        return kExitFailed;
+        return reportf("record", kExitFailed, "%s in %s/bus", error.c_str(), tarnhost_root());
     }
     const json head = {{"recording", kFormat}, {"device", tarnhost_root()}, {"opcodes", opcodes}};
     fprintf(out, "%s\n", head.dump(-1, ' ', true).c_str());
     fflush(out);
-    printf("recording to %s\n", file);
+    if (!json_output())
+        printf("recording to %s\n", escaped(file).c_str());
 
     const double start = monotonic_seconds();
     uint64_t n = 0;
@@ -309,11 +312,15 @@ int cmd_record(int argc, char **argv)
     bus_unbind(h);
     if (fclose(out) != 0)
         write_failed = true;
-    printf("recorded %llu notifications (stopped: %s)\n", static_cast<unsigned long long>(n), why);
-    if (write_failed) {
-        fprintf(stderr, "tarnctl record: writing %s failed: %s\n", file, strerror(errno));
-        return kExitFailed;
-    }
+    const int write_errno = errno;
+    if (json_output())
+        print_json({{"file", file}, {"recorded", n}, {"stopped", why}});
+    else
+        printf("recorded %s (stopped: %s)\n", counted(n, "notification", "notifications").c_str(),
+               why);
+    if (write_failed)
+        return reportf("record", kExitFailed, "writing %s failed: %s", file,
+                       strerror(write_errno));
     return kExitOk;
 }
 
@@ -327,6 +334,8 @@ int cmd_replay(int argc, char **argv)
             print_replay_help();
             return kExitOk;
         }
+        if (strcmp(a, "--json") == 0)
+            continue;
         bool missing = false;
         if (const char *v = option_value(argc, argv, &i, "--speed", &missing)) {
             char *end = nullptr;
@@ -349,18 +358,17 @@ int cmd_replay(int argc, char **argv)
 
     std::vector<Event> events;
     const std::string error = read_recording(file, &events);
-    if (!error.empty()) {
-        fprintf(stderr, "tarnctl replay: %s; nothing was published\n", error.c_str());
-        return kExitFailed;
-    }
+    if (!error.empty())
+        return reportf("replay", kExitFailed, "%s; nothing was published", error.c_str());
     install_signals();
     setvbuf(stdout, nullptr, _IOLBF, 0);
     const uint32_t h = bus_bind(0, -1, nullptr, "tarnctl replay");
-    if (h == BUS_HANDLE_NONE) {
-        fprintf(stderr, "tarnctl replay: cannot bind a bus handle in %s/bus (%s)\n",
-                tarnhost_root(), strerror(errno));
-        return kExitFailed;
-    }
+    if (h == BUS_HANDLE_NONE)
+        return reportf("replay", kExitFailed,
+                       "cannot bind a bus handle in %s/bus: %s; check that the directory is "
+                       "yours and writable",
+                       tarnhost_root(), tarnhost_root_strerror(errno));
+    json published = json::array();
     const double start = monotonic_seconds();
     size_t done = 0;
     int status = kExitOk;
@@ -372,18 +380,33 @@ int cmd_replay(int argc, char **argv)
         const int err = tarnhost_bus_publish(h, e.opcode, e.payload.data(),
                                              static_cast<uint32_t>(e.payload.size()));
         const size_t subscribers = tarnhost_bus_subscribers(e.opcode, nullptr, 0);
-        if (err != 0) {
+        published.push_back({{"at", e.at},
+                             {"opcode", e.opcode},
+                             {"name", opcode_name(e.opcode)},
+                             {"bytes", e.payload.size()},
+                             {"subscribers", subscribers},
+                             {"delivered", err == 0},
+                             {"error", or_null(err != 0, err != 0 ? strerror(err) : "")}});
+        if (!json_output() && err != 0) {
             printf("at %.3f %s %zu bytes: not delivered to every subscriber (%s)\n", e.at,
-                   bus_opc_name_get(e.opcode), e.payload.size(), strerror(err));
-            status = kExitFailed;
-        } else {
-            printf("at %.3f %s %zu bytes to %zu subscribers\n", e.at, bus_opc_name_get(e.opcode),
-                   e.payload.size(), subscribers);
+                   opcode_name(e.opcode).c_str(), e.payload.size(), strerror(err));
+        } else if (!json_output()) {
+            printf("at %.3f %s %zu bytes to %s\n", e.at, opcode_name(e.opcode).c_str(),
+                   e.payload.size(), counted(subscribers, "subscriber", "subscribers").c_str());
         }
+        if (err != 0)
+            status = kExitFailed;
         ++done;
     }
     bus_unbind(h);
-    printf("replayed %zu of %zu notifications from %s\n", done, events.size(), file);
+    if (json_output())
+        print_json({{"file", file},
+                    {"replayed", done},
+                    {"notifications", events.size()},
+                    {"published", published}});
+    else
+        printf("replayed %zu of %zu notifications from %s\n", done, events.size(),
+               escaped(file).c_str());
     return status;
 }
 

@@ -8,6 +8,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -26,6 +28,8 @@
 #include "platform/nic.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_bus.h"
+#include "tools/tarnctl_output.h"
+#include "tools/tarnctl_queries.h"
 
 namespace tarnctl {
 
@@ -38,8 +42,6 @@ const Command kShow = {
 
 namespace {
 
-using json = nlohmann::json;
-using Row = std::vector<std::string>;
 
 // Table ids probed by "show tables" and "show attributes" unless --max-id
 // says otherwise.
@@ -47,40 +49,7 @@ constexpr uint32_t kDefaultMaxTableId = 65536;
 constexpr uint32_t kMaxTableId = 0xBFFFFFFFu;  // higher ids are topologies
 constexpr uint32_t kMaxTopologyId = GYRE_TPG_ID_MASK;
 
-// ---- output --------------------------------------------------------------
-
-// Prints rows under a header, every column as wide as its widest cell, two
-// blanks between columns, no trailing blanks.
-void print_table(const Row &header, const std::vector<Row> &rows)
-{
-    std::vector<size_t> width(header.size(), 0);
-    auto measure = [&](const Row &r) {
-        for (size_t i = 0; i < r.size() && i < width.size(); ++i)
-            width[i] = std::max(width[i], r[i].size());
-    };
-    measure(header);
-    for (const Row &r : rows)
-        measure(r);
-    auto print = [&](const Row &r) {
-        std::string line;
-        for (size_t i = 0; i < r.size(); ++i) {
-            line += r[i];
-            if (i + 1 < r.size())
-                line += std::string(width[i] - r[i].size() + 2, ' ');
-        }
-        while (!line.empty() && line.back() == ' ')
-            line.pop_back();
-        printf("%s\n", line.c_str());
-    };
-    print(header);
-    for (const Row &r : rows)
-        print(r);
-}
-
-void print_json(const json &doc)
-{
-    printf("%s\n", doc.dump(2).c_str());
-}
+// ---- output ----------------------------------------------------------------
 
 std::string num(uint64_t v)
 {
@@ -228,23 +197,27 @@ public:
         }
     }
 
-    // 1 when the library answers; otherwise prints why and returns 0.
+    // 1 when the library answers; otherwise reports why and returns 0.
     bool open()
     {
+        if (!device_up(sub_.cmd.name))
+            return false;
         opened_ = true;
         if (tarn_api_init() != TARN_SUCCESS) {
-            fprintf(stderr,
-                    "tarnctl %s: libtarn could not be initialised for the "
-                    "device in %s (it serves cell 1 only; check TARNHOST_CELL "
-                    "and %s/log/messages)\n",
-                    sub_.cmd.name, tarnhost_root(), tarnhost_root());
+            const char *cell = getenv("TARNHOST_CELL");
+            report(sub_.cmd.name, kExitFailed,
+                   std::string("libtarn could not be initialised for the device in ") +
+                       tarnhost_root() + ": it serves cell 1 only and this process is in cell " +
+                       (cell != nullptr && *cell != '\0' ? cell : "1") +
+                       " (TARNHOST_CELL); the library's report is in " + tarnhost_root() +
+                       "/log/messages");
             return false;
         }
         if (tarn_clt == nullptr || tarn_clt->initialized == 0) {
-            fprintf(stderr,
-                    "tarnctl %s: the device in %s is not up; load one with "
-                    "\"tarnctl load FILE\"\n",
-                    sub_.cmd.name, tarnhost_root());
+            report(sub_.cmd.name, kExitFailed,
+                   std::string("libtarn could not open the device's databases in ") +
+                       tarnhost_root() + "; the library's report is in " + tarnhost_root() +
+                       "/log/messages, and \"tarnctl load FILE\" rewrites them");
             return false;
         }
         return true;
@@ -257,8 +230,7 @@ private:
 
 int failed(const Sub &sub, const std::string &message)
 {
-    fprintf(stderr, "tarnctl %s: %s\n", sub.cmd.name, message.c_str());
-    return kExitFailed;
+    return report(sub.cmd.name, kExitFailed, message);
 }
 
 // ---- what the library answers ---------------------------------------------
@@ -305,17 +277,41 @@ json af_json(int af)
     return af < 0 ? json(nullptr) : json(af);
 }
 
+double seconds_now()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
 // The library has no table walk: every id from 1 to max_id is asked for
-// with tarn_get_table_info.
+// with tarn_get_table_info.  A long probe shows, on a terminal, how far it
+// got and about how long it still takes.
 std::vector<Table> probe_tables(uint32_t max_id)
 {
     std::vector<Table> out;
+    const bool progress = isatty(STDERR_FILENO) != 0;
+    const double start = seconds_now();
+    double shown = start;
+    bool any_shown = false;
     for (uint32_t id = 1; id != 0 && id <= max_id; ++id) {
         tarn_table_info_t info;
         memset(&info, 0, sizeof info);
         if (tarn_get_table_info(id, &info) == TARN_SUCCESS)
             out.push_back({id, info, table_af(id, info)});
+        if (progress && (id & 0x3FFu) == 0) {
+            const double now = seconds_now();
+            if (now - shown >= 0.5) {
+                shown = now;
+                any_shown = true;
+                const double left = (now - start) / id * (max_id - id);
+                fprintf(stderr, "\rprobing table ids: %u of %u (%.0f%%), about %.0f s left ",
+                        id, max_id, 100.0 * id / max_id, left);
+            }
+        }
     }
+    if (any_shown)
+        fprintf(stderr, "\r\033[K");
     return out;
 }
 
@@ -332,17 +328,6 @@ std::vector<Interface> all_interfaces(const char *context)
     for (uint32_t ix = tarn_get_next_if_context_info(0, context, &info);
          ix != 0; ix = tarn_get_next_if_context_info(ix, context, &info))
         out.push_back({ix, info});
-    return out;
-}
-
-std::vector<uint32_t> all_topologies()
-{
-    std::vector<uint32_t> out;
-    tarn_table_info_t info;
-    memset(&info, 0, sizeof info);
-    for (uint32_t t = gyre_get_first_l2_tpg(&info);
-         t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
-        out.push_back(t);
     return out;
 }
 
@@ -427,19 +412,29 @@ bool max_table_id(const Sub &sub, const Args &a, uint32_t *out, int *status)
 
 // ---- the subcommands -----------------------------------------------------
 
+// The table, or the JSON document; `notes` explain an answer that the
+// library gives by design but that would look wrong (after the table,
+// "notes" in JSON).
 int emit(const Args &a, const Row &header, const std::vector<Row> &rows,
-         const json &doc)
+         json doc, const std::vector<std::string> &notes = {})
 {
-    if (a.json)
+    if (a.json) {
+        doc["notes"] = notes;
         print_json(doc);
-    else
-        print_table(header, rows);
+        return kExitOk;
+    }
+    print_table(header, rows);
+    if (!notes.empty())
+        printf("\n");
+    for (const std::string &n : notes)
+        printf("note: %s\n", escaped(n).c_str());
     return kExitOk;
 }
 
-json or_null(bool present, const json &value)
+// A context's down reason: null when it has none (code 0).
+json reason_json(uint32_t reason)
 {
-    return present ? value : json(nullptr);
+    return or_null(reason != 0, tarn_reason2str(reason));
 }
 
 int run_contexts(const Sub &sub, const Args &a)
@@ -456,7 +451,7 @@ int run_contexts(const Sub &sub, const Args &a)
                         {"name", c.info.name},
                         {"state", tarn_state2str(c.info.state)},
                         {"state_code", c.info.state},
-                        {"reason", tarn_reason2str(c.info.reason)},
+                        {"reason", reason_json(c.info.reason)},
                         {"reason_code", c.info.reason}});
     }
     return emit(a, {"ID", "NAME", "STATE", "REASON"}, rows,
@@ -520,7 +515,7 @@ int run_context(const Sub &sub, const Args &a)
                 {"name", info.name},
                 {"state", tarn_state2str(info.state)},
                 {"state_code", info.state},
-                {"reason", tarn_reason2str(info.reason)},
+                {"reason", reason_json(info.reason)},
                 {"reason_code", info.reason},
                 {"vpn_id", or_null(has_vpn, json::array({vpn.w0, vpn.w1, vpn.w2}))},
                 {"tables", tables},
@@ -576,21 +571,39 @@ int run_interfaces(const Sub &sub, const Args &a)
     if (context != nullptr && tarn_get_context_id(context) == 0)
         return failed(sub, "no context named \"" + std::string(context) +
                                "\"; \"tarnctl show contexts\" lists them");
+    // The walk lists the bindings the service recorded; a lookup by
+    // ifindex is what a client asks, and the two differ by design when the
+    // cell manager designates this cell.
+    const bool designated = tarn_clt->cell_type != 0;
     json list = json::array();
     std::vector<Row> rows;
     for (const Interface &i : all_interfaces(context)) {
         std::string n = if_name(i.ifindex);
+        tarn_if_context_info_t looked;
+        memset(&looked, 0, sizeof looked);
+        const bool found = tarn_if_get_context_info(i.ifindex, &looked) != 0;
         bool usable = tarn_is_if_usable(i.ifindex) != 0;
-        rows.push_back({num(i.ifindex), n, i.info.context_name,
-                        num(i.info.context_id), usable ? "yes" : "no"});
+        rows.push_back({num(i.ifindex), n, i.info.context_name, num(i.info.context_id),
+                        found ? std::string(looked.context_name) : "-",
+                        usable ? "yes" : "no"});
         list.push_back({{"ifindex", i.ifindex},
                         {"name", n},
                         {"context", i.info.context_name},
                         {"context_id", i.info.context_id},
+                        {"lookup_context", or_null(found, looked.context_name)},
+                        {"lookup_context_id", or_null(found, looked.context_id)},
                         {"usable", usable}});
     }
-    return emit(a, {"IFINDEX", "NAME", "CONTEXT", "CONTEXT-ID", "USABLE"},
-                rows, {{"interfaces", list}});
+    std::vector<std::string> notes;
+    if (designated)
+        notes.push_back(
+            "cell type 1: the cell manager designates this cell, so the lookup by "
+            "ifindex (LOOKUP, USABLE) answers \"default\" for every interface; CONTEXT "
+            "is the binding the interface walk reads");
+    json doc = {{"cell_type", tarn_clt->cell_type}, {"interfaces", list}};
+    return emit(a,
+                {"IFINDEX", "NAME", "CONTEXT", "CONTEXT-ID", "LOOKUP", "USABLE"},
+                rows, doc, notes);
 }
 
 int run_attributes(const Sub &sub, const Args &a)
@@ -658,7 +671,7 @@ int run_attributes(const Sub &sub, const Args &a)
                             num(v.w2)});
         vpns.push_back({{"context_id", c.id},
                         {"context", c.info.name},
-                        {"words", json::array({v.w0, v.w1, v.w2})}});
+                        {"vpn_id", json::array({v.w0, v.w1, v.w2})}});
     }
 
     if (a.json) {
@@ -666,7 +679,8 @@ int run_attributes(const Sub &sub, const Args &a)
                     {"max_id", max_id},
                     {"route_limits", limits},
                     {"site_of_origin", soos},
-                    {"vpn_ids", vpns}});
+                    {"vpn_ids", vpns},
+                    {"notes", json::array()}});
         return kExitOk;
     }
     print_table({"AS-FORMAT"}, {{num(format)}});
@@ -688,6 +702,30 @@ std::string vlans_text(const gyre_vlan_bmp_t &v)
     return gyre_vlans2str(&v);
 }
 
+// The flag byte that the lookup by key asks for: graph 1 is the unicast
+// graph (0x10), every other graph multicast (0x02).
+uint32_t keyed_flags(uint16_t graph)
+{
+    return graph == 1 ? GYRE_FTAG_FLAG_UNICAST : GYRE_FTAG_FLAG_MULTICAST;
+}
+
+// Why the lookup by key misses an ftag that the walk finds.
+std::string unkeyed_note(uint32_t tpg, const FtagDetail &f)
+{
+    return "topology " + num(tpg) + ": graph-" + num(f.graph) + " ftag " + num(f.ftag) +
+           " has flags " + hex(f.flags) + "; the lookup by key asks for exactly " +
+           hex(keyed_flags(f.graph)) + " (graph 1 unicast, other graphs multicast), " +
+           "so only the walks find it";
+}
+
+// A VLAN set as range text and as a list; null for a set the device does
+// not hold.
+void put_set(json *doc, const std::string &key, bool present, const std::set<uint32_t> &s)
+{
+    (*doc)[key] = or_null(present, ranges_text(s));
+    (*doc)[key + "_list"] = or_null(present, json(s));
+}
+
 int run_topologies(const Sub &sub, const Args &a)
 {
     Session s(sub);
@@ -695,6 +733,7 @@ int run_topologies(const Sub &sub, const Args &a)
         return kExitFailed;
     json list = json::array();
     std::vector<Row> rows;
+    std::vector<std::string> notes;
     for (uint32_t tpg : all_topologies()) {
         gyre_vlan_bmp_t act;
         gyre_vlan_bmp_t cfg;
@@ -709,33 +748,42 @@ int run_topologies(const Sub &sub, const Args &a)
         gyre_ftag_bmp_t ftags;
         memset(&ftags, 0, sizeof ftags);
         ftags.len = GYRE_FTAG_BMP_BYTES;
-        json ftag_list = json::array();
+        json details = json::array();
+        std::set<uint32_t> ftag_set;
+        std::vector<FtagDetail> graph1_unkeyed;
         for (const FtagDetail &f : topology_ftags(tpg)) {
             if (f.ftag <= GYRE_MAX_FTAG)
                 ftags.bits[f.ftag / 8] |= static_cast<uint8_t>(0x80u >> (f.ftag % 8));
-            ftag_list.push_back({{"ftag", f.ftag},
-                                 {"graph", f.graph},
-                                 {"flags", flags_json(f.flags)},
-                                 {"flags_code", f.flags}});
+            ftag_set.insert(f.ftag);
+            details.push_back({{"ftag", f.ftag},
+                               {"topology", tpg},
+                               {"graph", f.graph},
+                               {"flags", flags_json(f.flags)},
+                               {"flags_code", f.flags}});
+            if (f.graph == 1 && f.flags != keyed_flags(1))
+                graph1_unkeyed.push_back(f);
         }
         std::string ftag_text = gyre_ftag2str(&ftags);
         uint16_t unicast = 0;
         bool has_unicast = gyre_get_l2_tpg_unicast_ftag(tpg, &unicast) != 0;
+        if (!has_unicast)
+            for (const FtagDetail &f : graph1_unkeyed)
+                notes.push_back(unkeyed_note(tpg, f));
 
         rows.push_back({num(tpg), act_text, cfg_text, ftag_text,
                         has_unicast ? num(unicast) : "-"});
-        list.push_back(
-            {{"id", tpg},
-             {"active_vlans", or_null(has_act, act_text == "--" ? "" : act_text)},
-             {"configured_vlans",
-              or_null(has_cfg, cfg_text == "--" ? "" : cfg_text)},
-             {"ftags", ftag_list},
-             {"unicast_ftag", or_null(has_unicast, unicast)}});
+        json t = {{"id", tpg},
+                  {"ftag_details", details},
+                  {"unicast_ftag", or_null(has_unicast, unicast)}};
+        put_set(&t, "active_vlans", has_act, bitmap_set(act.bits, GYRE_MAX_VLAN + 1));
+        put_set(&t, "configured_vlans", has_cfg, bitmap_set(cfg.bits, GYRE_MAX_VLAN + 1));
+        put_set(&t, "ftags", true, ftag_set);
+        list.push_back(t);
     }
     return emit(a,
                 {"TOPOLOGY", "ACTIVE-VLANS", "CONFIGURED-VLANS", "FTAGS",
                  "UNICAST-FTAG"},
-                rows, {{"topologies", list}});
+                rows, {{"topologies", list}}, notes);
 }
 
 struct Walk {
@@ -816,6 +864,7 @@ int run_ftags(const Sub &sub, const Args &a)
         found.insert(ftag);
 
     std::map<uint32_t, std::vector<FtagDetail>> details;
+    std::vector<std::string> notes;
     json list = json::array();
     std::vector<Row> rows;
     for (uint16_t f : found) {
@@ -837,6 +886,8 @@ int run_ftags(const Sub &sub, const Args &a)
         std::string flags = known ? hex(d.flags) : "-";
         if (known && d.flags != 0)
             flags += " " + flags_text(d.flags);
+        if (known && d.graph == 1 && d.flags != keyed_flags(1))
+            notes.push_back(unkeyed_note(owner, d));
         rows.push_back({num(f), owner == GYRE_TPG_NONE ? "-" : num(owner),
                         known ? num(d.graph) : "-", flags});
         list.push_back(
@@ -849,7 +900,8 @@ int run_ftags(const Sub &sub, const Args &a)
     return emit(a, {"FTAG", "TOPOLOGY", "GRAPH", "FLAGS"}, rows,
                 {{"filter", filter_names},
                  {"topology", or_null(tpg != GYRE_TPG_NONE, tpg)},
-                 {"ftags", list}});
+                 {"ftag_details", list}},
+                notes);
 }
 
 int run_vlan(const Sub &sub, const Args &a)
@@ -865,23 +917,29 @@ int run_vlan(const Sub &sub, const Args &a)
     uint16_t unicast = 0;
     bool has_unicast = gyre_get_unicast_ftag_by_vlan(vlan, &unicast) != 0;
 
-    std::set<uint16_t> graphs;
+    std::map<uint16_t, std::vector<FtagDetail>> graphs;
     if (has_tpg)
         for (const FtagDetail &f : topology_ftags(tpg))
-            graphs.insert(f.graph);
+            graphs[f.graph].push_back(f);
     json graph_list = json::array();
     std::vector<Row> graph_rows;
-    for (uint16_t g : graphs) {
+    std::vector<std::string> notes;
+    for (const auto &g : graphs) {
         uint16_t ftag = 0;
-        bool ok = gyre_get_vlan_ftag(vlan, g, &ftag) != 0;
-        graph_rows.push_back({num(g), ok ? num(ftag) : "-"});
-        graph_list.push_back({{"graph", g}, {"ftag", or_null(ok, ftag)}});
+        bool ok = gyre_get_vlan_ftag(vlan, g.first, &ftag) != 0;
+        graph_rows.push_back({num(g.first), ok ? num(ftag) : "-"});
+        graph_list.push_back({{"graph", g.first}, {"ftag", or_null(ok, ftag)}});
+        if (!ok)
+            for (const FtagDetail &f : g.second)
+                if (f.flags != keyed_flags(f.graph))
+                    notes.push_back(unkeyed_note(tpg, f));
     }
     if (a.json) {
         print_json({{"vlan", vlan},
                     {"topology", or_null(has_tpg, tpg)},
                     {"unicast_ftag", or_null(has_unicast, unicast)},
-                    {"graphs", graph_list}});
+                    {"graphs", graph_list},
+                    {"notes", notes}});
         return kExitOk;
     }
     print_table({"VLAN", "TOPOLOGY", "UNICAST-FTAG"},
@@ -891,6 +949,10 @@ int run_vlan(const Sub &sub, const Args &a)
         printf("\n");
         print_table({"GRAPH", "FTAG"}, graph_rows);
     }
+    if (!notes.empty())
+        printf("\n");
+    for (const std::string &n : notes)
+        printf("note: %s\n", n.c_str());
     return kExitOk;
 }
 

@@ -268,17 +268,41 @@ VerifyCount verify_answers(uint32_t requester, int32_t sap, const std::set<uint3
         auto ai = as_rule.find(k);
         if (ai != as_rule.end())
             e = &ai->second;
-        if (e != nullptr && e->value == cv) {
+        const bool on_purpose = e != nullptr && e->value == cv;
+        if (on_purpose)
             ++count.intended;
-            printf("verify: %s: cache %s, database %s: as the library intends (%s)\n",
-                   where.c_str(), shown(cv).c_str(), shown(dv).c_str(), e->rule);
-        } else {
+        else
             ++count.divergences;
-            printf("verify: %s: cache %s, database %s: DIVERGES\n", where.c_str(),
-                   shown(cv).c_str(), shown(dv).c_str());
-        }
+        count.differences.push_back({where, cv, dv, on_purpose ? e->rule : nullptr});
     }
     return count;
+}
+
+void print_answers(const VerifyCount &count)
+{
+    for (const AnswerDifference &d : count.differences) {
+        if (d.rule != nullptr)
+            printf("verify: %s: cache %s, database %s: as the library intends (%s)\n",
+                   d.subject.c_str(), shown(d.cache).c_str(), shown(d.database).c_str(),
+                   d.rule);
+        else
+            printf("verify: %s: cache %s, database %s: DIVERGES\n", d.subject.c_str(),
+                   shown(d.cache).c_str(), shown(d.database).c_str());
+    }
+}
+
+json answers_json(const VerifyCount &count)
+{
+    json list = json::array();
+    for (const AnswerDifference &d : count.differences)
+        list.push_back({{"subject", d.subject},
+                        {"cache", or_null(!d.cache.empty(), d.cache)},
+                        {"database", or_null(!d.database.empty(), d.database)},
+                        {"intended", or_null(d.rule != nullptr, d.rule != nullptr ? d.rule : "")}});
+    return {{"compared", count.compared},
+            {"intended", count.intended},
+            {"divergences", count.divergences},
+            {"differences", list}};
 }
 
 }  // namespace tarnctl

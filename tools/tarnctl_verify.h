@@ -7,22 +7,41 @@
 #include <stdint.h>
 
 #include <set>
+#include <string>
+#include <vector>
+
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
+
+// One answer on which the client's cache and the database path differ.
+struct AnswerDifference {
+    std::string subject;   // "vlan 5: owner", "as format"
+    std::string cache;     // "" when the cache has no answer
+    std::string database;  // "" when the database path has none
+    const char *rule;      // why the library differs on purpose; null: diverges
+};
 
 struct VerifyCount {
     bool helper = false;      // the client answered the inspection request
     size_t compared = 0;      // answers compared
     size_t divergences = 0;   // real disagreements
     size_t intended = 0;      // disagreements the library makes on purpose
+    std::vector<AnswerDifference> differences;
 };
 
 // Asks the client at `sap` for its answers about `cached` (the topologies
-// its dump holds) and every topology of the database, prints each
-// disagreement ("verify: ..."), and counts.  The caller has initialised
+// its dump holds) and every topology of the database, and collects each
+// disagreement.  The caller has initialised
 // libtarn in this process with every cache off.
 VerifyCount verify_answers(uint32_t requester, int32_t sap, const std::set<uint32_t> &cached,
                            uint32_t timeout_ms);
+
+// "verify: SUBJECT: cache C, database D: DIVERGES" (or "as the library
+// intends (RULE)"), one line per difference.
+void print_answers(const VerifyCount &count);
+// The comparison as the "answers" member of dump-cache's JSON document.
+json answers_json(const VerifyCount &count);
 
 }  // namespace tarnctl
 

@@ -14,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include <tarn/gyre.h>
 #include <tarn/tarn.h>
 
@@ -25,7 +23,10 @@
 #include "platform/alloctrack.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_bus.h"
+#include "tools/tarnctl_output.h"
 #include "tools/tarnctl_passive.h"
+#include "tools/tarnctl_queries.h"
 
 namespace tarnctl {
 
@@ -47,9 +48,11 @@ volatile sig_atomic_t g_stop = 0;
 bool g_json = false;
 std::vector<uint32_t> g_only;  // the opcodes to print; empty: all
 
-using json = nlohmann::json;
-
-void emit(const json &event) { printf("%s\n", event.dump(-1, ' ', true).c_str()); }
+void emit(const json &event)
+{
+    print_json_line(event);
+    fflush(stdout);
+}
 
 bool wanted(uint32_t opcode)
 {
@@ -83,7 +86,7 @@ void print_help()
            "memory that libtarn still holds in the memory tracker "
            "(library %u).\n"
            "\n"
-           "--json prints every line as one JSON object (NDJSON): an \"event\" of "
+           "--json prints every line as one JSON object (JSON Lines): an \"event\" of "
            "\"start\",\n"
            "\"notification\", \"missed\" or \"stop\" with the same facts.  "
            "--passive listens\n"
@@ -154,6 +157,8 @@ std::string topology_now(uint32_t tpg)
 struct Seen {
     uint32_t opcode = 0;
     bool has_payload = false;
+    uint32_t bytes = 0;
+    std::string payload_hex;
     uint16_t kind = 0;                 // attribute change
     uint32_t word24 = 0;               // attribute change: format or page
     std::vector<uint32_t> topologies;  // 51208, 51210, 51214, kind 2
@@ -173,6 +178,9 @@ Seen inspect(const bus_msg_t *msg)
     s.has_payload = p != nullptr;
     if (p == nullptr)
         return s;
+    s.bytes = len;
+    if (g_json)
+        s.payload_hex = to_hex(p, len);
     switch (s.opcode) {
     case BUS_OPC_GYRE_TPG_CREATE:
     case BUS_OPC_GYRE_TPG_DELETE:
@@ -292,14 +300,8 @@ std::string describe(const Seen &s, int32_t result)
 // The caches now: {"as_format", "cached"} for --json, else their lines.
 json print_caches()
 {
-    std::vector<uint32_t> tpgs;
-    tarn_table_info_t info;
-    memset(&info, 0, sizeof info);
-    for (uint32_t t = gyre_get_first_l2_tpg(&info);
-         t != GYRE_TPG_NONE && t != 0; t = gyre_get_next_l2_tpg(&info))
-        tpgs.push_back(t);
     json cached = json::array();
-    for (uint32_t t : tpgs)
+    for (uint32_t t : all_topologies())
         cached.push_back(topology_now(t));
     if (!g_json) {
         printf("AS format %u\n", tarn_get_as_format());
@@ -318,7 +320,7 @@ bool handle(uint32_t h, bus_msg_t *msg)
         tarnhost_client_dispatch(h, msg);
         return false;
     }
-    const std::string name = bus_opc_name_get(seen.opcode);
+    const std::string name = opcode_name(seen.opcode);
     const int32_t r = tarnhost_client_dispatch(h, msg);
     // 1: the library applied the message and dropped it; anything else
     // leaves it to us.
@@ -331,7 +333,8 @@ bool handle(uint32_t h, bus_msg_t *msg)
         what += " (not taken by libtarn)";
     if (g_json)
         emit({{"event", "notification"}, {"time", now_text()}, {"opcode", seen.opcode},
-              {"name", name}, {"taken", r == 1}, {"change", what}});
+              {"name", name}, {"bytes", seen.bytes}, {"payload", seen.payload_hex},
+              {"taken", r == 1}, {"change", what}});
     else
         printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
     return true;
@@ -354,9 +357,9 @@ uint64_t catch_up(uint32_t h, const gyre_cache_attr_t *attr)
     if (tarnhost_bus_missed_take(h, &more) == 0)
         missed += more;
     if (!g_json)
-        printf("%s missed %u notifications (the queue was full); rebuilding the "
-               "caches from the databases\n",
-               now_text().c_str(), missed);
+        printf("%s missed %s (the queue was full); rebuilding the caches from the "
+               "databases\n",
+               now_text().c_str(), counted(missed, "notification", "notifications").c_str());
     tarn_refresh_as_format_info();
     gyre_disable_cache_mode();
     gyre_enable_cache_mode(attr);
@@ -368,6 +371,18 @@ uint64_t catch_up(uint32_t h, const gyre_cache_attr_t *attr)
         emit(caches);
     }
     return handled;
+}
+
+json memory_json()
+{
+    json out = json::array();
+    for (uint32_t type = TARN_LIB_MEM_NONE + 1; type < TARN_LIB_MEM_MAX; ++type) {
+        const char *name = __tarn_api_mem_type_t_find(type);
+        out.push_back({{"type", name ? name : "?"},
+                       {"count", alloctrack_live_count(TARN_LIB_ALLOC_ID, type)},
+                       {"bytes", alloctrack_live_bytes(TARN_LIB_ALLOC_ID, type)}});
+    }
+    return out;
 }
 
 void print_memory()
@@ -426,20 +441,22 @@ int listen(uint64_t count, uint64_t timeout)
     const std::vector<uint32_t> opcodes = g_only.empty() ? notification_opcodes() : g_only;
     std::string error;
     const uint32_t h = listen_passively("tarnctl watch --passive", opcodes, &error);
-    if (h == BUS_HANDLE_NONE) {
-        fprintf(stderr, "tarnctl watch: %s in %s/bus\n", error.c_str(), tarnhost_root());
-        return kExitFailed;
-    }
+    if (h == BUS_HANDLE_NONE)
+        return reportf("watch", kExitFailed, "%s in %s/bus", error.c_str(), tarnhost_root());
     if (g_json)
         emit({{"event", "start"}, {"passive", true}, {"access_point", nullptr}, {"handle", h},
-              {"device", tarnhost_root()}, {"opcodes", opcodes}});
+              {"device", tarnhost_root()}, {"as_format", nullptr}, {"cached", nullptr},
+              {"opcodes", opcodes}});
     else
-        printf("passive listener, bus handle %u, device %s\nwatching\n", h, tarnhost_root());
+        printf("passive listener, bus handle %u, device %s\nwatching\n", h,
+               escaped(tarnhost_root()).c_str());
     const double start = monotonic_seconds();
     uint64_t handled = 0;
     const char *why = nullptr;
     for (;;) {
         why = stop_reason(g_stop != 0, handled, count, monotonic_seconds() - start, timeout);
+        if (why == nullptr && output_failed())
+            why = "write error";
         if (why != nullptr)
             break;
         bus_msg_t *msg = tarnhost_bus_recv_ms(h, 1000);
@@ -449,10 +466,11 @@ int listen(uint64_t count, uint64_t timeout)
         uint32_t len = 0;
         const uint8_t *p = static_cast<const uint8_t *>(bus_payload_get(msg, &len));
         const std::string hex = to_hex(p, p == nullptr ? 0 : len);
-        const std::string name = bus_opc_name_get(opcode);
+        const std::string name = opcode_name(opcode);
         if (g_json)
             emit({{"event", "notification"}, {"time", now_text()}, {"opcode", opcode},
-                  {"name", name}, {"bytes", len}, {"payload", hex}});
+                  {"name", name}, {"bytes", len}, {"payload", hex}, {"taken", nullptr},
+                  {"change", nullptr}});
         else
             printf("%s %s %u bytes %s\n", now_text().c_str(), name.c_str(), len,
                    hex.empty() ? "-" : hex.c_str());
@@ -461,9 +479,11 @@ int listen(uint64_t count, uint64_t timeout)
     }
     bus_unbind(h);
     if (g_json)
-        emit({{"event", "stop"}, {"reason", why}, {"messages", handled}});
+        emit({{"event", "stop"}, {"reason", why}, {"messages", handled},
+              {"access_point", nullptr}, {"memory", nullptr}});
     else
-        printf("stopped (%s) after %llu messages\n", why, static_cast<unsigned long long>(handled));
+        printf("stopped (%s) after %s\n", why,
+               counted(handled, "message", "messages").c_str());
     return kExitOk;
 }
 
@@ -537,20 +557,16 @@ int cmd_watch(int argc, char **argv)
             return usage_error(kWatch, "--passive listens on a dynamic handle; drop --sap");
         return listen(count, timeout);
     }
-    if (tarn_api_init() != TARN_SUCCESS) {
-        fprintf(stderr,
-                "tarnctl watch: libtarn could not be initialised for the "
-                "device in %s (it serves cell 1 only; check TARNHOST_CELL and "
-                "%s/log/messages)\n",
-                tarnhost_root(), tarnhost_root());
+    if (!device_up("watch"))
         return kExitFailed;
-    }
-    if (tarn_clt == nullptr || tarn_clt->initialized == 0) {
-        fprintf(stderr,
-                "tarnctl watch: the device in %s is not up; load one with "
-                "\"tarnctl load FILE\"\n",
-                tarnhost_root());
-        return kExitFailed;
+    if (tarn_api_init() != TARN_SUCCESS || tarn_clt == nullptr || tarn_clt->initialized == 0) {
+        const char *cell = getenv("TARNHOST_CELL");
+        return reportf("watch", kExitFailed,
+                       "libtarn could not be initialised for the device in %s (it serves cell 1 "
+                       "only, this process is in cell %s); the library's report is in "
+                       "%s/log/messages",
+                       tarnhost_root(), cell != nullptr && *cell != '\0' ? cell : "1",
+                       tarnhost_root());
     }
 
     int32_t bound_sap = 0;
@@ -558,19 +574,19 @@ int cmd_watch(int argc, char **argv)
     if (h == BUS_HANDLE_NONE) {
         int err = errno;
         tarn_api_close();
+        if (err == EADDRINUSE && sap != 0)
+            return reportf("watch", kExitFailed,
+                           "access point %d is taken by a live process; choose another with "
+                           "--sap",
+                           bound_sap);
         if (err == EADDRINUSE)
-            fprintf(stderr,
-                    sap != 0 ? "tarnctl watch: access point %d is taken by a "
-                               "live process; choose another with --sap\n"
-                             : "tarnctl watch: access points up to %d are all "
-                               "taken; choose one with --sap\n",
-                    bound_sap);
-        else
-            fprintf(stderr,
-                    "tarnctl watch: cannot bind a bus access point in %s/bus "
-                    "(%s); check that the directory is writable\n",
-                    tarnhost_root(), tarnhost_root_strerror(err));
-        return kExitFailed;
+            return reportf("watch", kExitFailed,
+                           "access points up to %d are all taken; choose one with --sap",
+                           bound_sap);
+        return reportf("watch", kExitFailed,
+                       "cannot bind a bus access point in %s/bus: %s; check that the "
+                       "directory is yours and writable",
+                       tarnhost_root(), tarnhost_root_strerror(err));
     }
 
     gyre_cache_attr_t attr;
@@ -581,19 +597,18 @@ int cmd_watch(int argc, char **argv)
         gyre_api_close();
         tarn_api_close();
         bus_unbind(h);
-        fprintf(stderr,
-                "tarnctl watch: %s failed; the reason is in %s/log/messages\n",
-                step, tarnhost_root());
-        return kExitFailed;
+        return reportf("watch", kExitFailed, "%s failed; the library's report is in %s/log/messages",
+                       step, tarnhost_root());
     }
 
     if (!g_json)
         printf("access point %d, bus handle %u, device %s\n", bound_sap, h,
-               tarnhost_root());
+               escaped(tarnhost_root()).c_str());
     json caches = print_caches();
     if (g_json) {
         json start = {{"event", "start"}, {"passive", false}, {"access_point", bound_sap},
-                      {"handle", h}, {"device", tarnhost_root()}};
+                      {"handle", h}, {"device", tarnhost_root()},
+                      {"opcodes", or_null(!g_only.empty(), g_only)}};
         start.update(caches);
         emit(start);
     } else {
@@ -610,6 +625,10 @@ int cmd_watch(int argc, char **argv)
     for (;;) {
         if (g_stop) {
             why = "signal";
+            break;
+        }
+        if (output_failed()) {
+            why = "write error";
             break;
         }
         if (count != 0 && handled >= count) {
@@ -630,19 +649,12 @@ int cmd_watch(int argc, char **argv)
     tarn_api_close();
     bus_unbind(h);
     if (g_json) {
-        json memory = json::object();
-        for (uint32_t type = TARN_LIB_MEM_NONE + 1; type < TARN_LIB_MEM_MAX; ++type) {
-            const char *mem_name = __tarn_api_mem_type_t_find(type);
-            memory[mem_name ? mem_name : std::to_string(type)] = {
-                {"count", alloctrack_live_count(TARN_LIB_ALLOC_ID, type)},
-                {"bytes", alloctrack_live_bytes(TARN_LIB_ALLOC_ID, type)}};
-        }
         emit({{"event", "stop"}, {"reason", why}, {"messages", handled},
-              {"access_point", bound_sap}, {"memory", memory}});
+              {"access_point", bound_sap}, {"memory", memory_json()}});
         return kExitOk;
     }
-    printf("stopped (%s) after %llu messages; access point %d released\n", why,
-           static_cast<unsigned long long>(handled), bound_sap);
+    printf("stopped (%s) after %s; access point %d released\n", why,
+           counted(handled, "message", "messages").c_str(), bound_sap);
     print_memory();
     return kExitOk;
 }

@@ -14,6 +14,7 @@ from __future__ import annotations
 import contextlib
 import json
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -21,6 +22,9 @@ from pathlib import Path
 from typing import Any, Iterator, Mapping, Optional, Union
 
 from . import _native as N
+
+# "2026-01-02T03:04:05.678901Z host name[pid]: " before each message.
+_LOG_PREFIX = re.compile(r"^\S+ \S+ [^\s\[]+\[[0-9]+\]: ")
 from .errors import DeviceError
 
 ROOT_ENV = "TARNHOST_ROOT"
@@ -120,11 +124,14 @@ class Device:
             raise OSError(err, os.strerror(err), self.root)
 
     def log_lines(self) -> list[str]:
-        """The device's shared log (every process's rendered reports)."""
+        """The device's shared log (every process's rendered reports),
+        without the syslog-file prefix (time, host, process[pid]) that each
+        line of the file starts with."""
         try:
             with open(Path(self.root) / "log" / "messages", encoding="utf-8",
                       errors="replace") as log:
-                return log.read().splitlines()
+                return [_LOG_PREFIX.sub("", line, count=1)
+                        for line in log.read().splitlines()]
         except FileNotFoundError:
             return []
 

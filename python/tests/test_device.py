@@ -43,7 +43,7 @@ def test_load_from_a_dict_and_from_a_file(tmp_path):
             assert lib.context_id("red") == 3
         path = tmp_path / "other.json"
         path.write_text(json.dumps({"contexts": [{"id": 9, "name": "solo"}]}))
-        assert "1 contexts" in dev.load(path)
+        assert "1 context, " in dev.load(path)
         with tarn.open() as lib:
             # Loading replaces: what the new description leaves out is gone.
             assert lib.context_id("red") is None

@@ -1,7 +1,10 @@
 /* Compiled with -std=c99 -Werror: the public headers are plain C99. */
+#include <string.h>
+
 #include <tarn/tarn.h>
 #include <tarn/tarn.h> /* and may be included twice */
 #include <tarn/gyre.h>
+#include <tarn/version.h>
 
 /* The dispatch halves and the cache operations are reachable from C. */
 typedef void (*any_fn)(void);
@@ -28,6 +31,11 @@ int main(void)
     for (i = 0; i < sizeof exported / sizeof exported[0]; ++i)
         if (exported[i] == 0)
             return 1;
+    /* The header's version is the one the build installs. */
+    if (strcmp(TARN_VERSION_STRING, TARN_PROJECT_VERSION) != 0 ||
+        TARN_VERSION_NUMBER != ((TARN_VERSION_MAJOR << 16) | (TARN_VERSION_MINOR << 8) |
+                                TARN_VERSION_PATCH))
+        return 1;
     return (sizeof(tarn_context_info_t) == 44 && info.state == 2 &&
             TARN_KVS_NOT_FOUND == 0x40480003u) ? 0 : 1;
 }

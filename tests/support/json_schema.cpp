@@ -1,90 +1,117 @@
+// The JSON Schema subset validator (json_schema.h).
+
 #include "support/json_schema.h"
 
+#include <fstream>
+#include <set>
+
 namespace tarntest {
+
 namespace {
 
 using json = nlohmann::json;
 
-bool has_type(const json &v, const std::string &t)
+bool has_type(const json &v, const std::string &type)
 {
-    if (t == "object")
-        return v.is_object();
-    if (t == "array")
-        return v.is_array();
-    if (t == "string")
-        return v.is_string();
-    if (t == "integer")
-        return v.is_number_integer();
-    if (t == "number")
-        return v.is_number();
-    if (t == "boolean")
-        return v.is_boolean();
-    if (t == "null")
+    if (type == "null")
         return v.is_null();
+    if (type == "boolean")
+        return v.is_boolean();
+    if (type == "integer")
+        return v.is_number_integer();
+    if (type == "number")
+        return v.is_number();
+    if (type == "string")
+        return v.is_string();
+    if (type == "array")
+        return v.is_array();
+    if (type == "object")
+        return v.is_object();
     return false;
-}
-
-void check(const json &s, const json &v, const std::string &path,
-           std::vector<std::string> *out)
-{
-    static const char *const kKnown[] = {
-        "$schema", "title", "description", "type", "enum", "minimum", "required",
-        "properties", "additionalProperties", "items"};
-    for (const auto &k : s.items()) {
-        bool known = false;
-        for (const char *n : kKnown)
-            known = known || k.key() == n;
-        if (!known)
-            out->push_back(path + ": the schema uses \"" + k.key() + "\", which is not checked");
-    }
-    if (s.contains("type")) {
-        std::vector<std::string> types;
-        if (s["type"].is_string())
-            types.push_back(s["type"].get<std::string>());
-        else
-            for (const auto &t : s["type"])
-                types.push_back(t.get<std::string>());
-        bool ok = false;
-        for (const auto &t : types)
-            ok = ok || has_type(v, t);
-        if (!ok) {
-            out->push_back(path + ": " + v.dump() + " is not of type " + s["type"].dump());
-            return;
-        }
-    }
-    if (s.contains("enum")) {
-        bool ok = false;
-        for (const auto &e : s["enum"])
-            ok = ok || e == v;
-        if (!ok)
-            out->push_back(path + ": " + v.dump() + " is not one of " + s["enum"].dump());
-    }
-    if (s.contains("minimum") && v.is_number() && v.get<double>() < s["minimum"].get<double>())
-        out->push_back(path + ": " + v.dump() + " is below " + s["minimum"].dump());
-    if (v.is_object()) {
-        if (s.contains("required"))
-            for (const auto &r : s["required"])
-                if (!v.contains(r.get<std::string>()))
-                    out->push_back(path + ": \"" + r.get<std::string>() + "\" is missing");
-        for (const auto &m : v.items()) {
-            if (s.contains("properties") && s["properties"].contains(m.key()))
-                check(s["properties"][m.key()], m.value(), path + "." + m.key(), out);
-            else if (s.contains("additionalProperties") && s["additionalProperties"] == false)
-                out->push_back(path + ": \"" + m.key() + "\" is not in the schema");
-        }
-    }
-    if (v.is_array() && s.contains("items"))
-        for (size_t i = 0; i < v.size(); ++i)
-            check(s["items"], v[i], path + "[" + std::to_string(i) + "]", out);
 }
 
 }  // namespace
 
-std::vector<std::string> schema_violations(const json &schema, const json &doc)
+std::string schema_problem(const json &root, const json &schema, const json &value,
+                           const std::string &path)
 {
-    std::vector<std::string> out;
-    check(schema, doc, "$", &out);
-    return out;
+    static const std::set<std::string> known = {
+        "$schema", "$id", "title", "$ref", "type", "const", "enum", "minimum",
+        "properties", "required", "additionalProperties", "items", "description"};
+    if (!schema.is_object())
+        return path + ": the schema here is not an object";
+    for (auto it = schema.begin(); it != schema.end(); ++it)
+        if (known.count(it.key()) == 0)
+            return path + ": unsupported schema keyword " + it.key();
+    if (schema.contains("$ref")) {
+        const std::string ref = schema["$ref"].get<std::string>();
+        const std::string prefix = "#/$defs/";
+        if (ref.rfind(prefix, 0) != 0 || !root["$defs"].contains(ref.substr(prefix.size())))
+            return path + ": unresolved $ref " + ref;
+        return schema_problem(root, root["$defs"][ref.substr(prefix.size())], value, path);
+    }
+    if (schema.contains("type")) {
+        const json &t = schema["type"];
+        bool ok = false;
+        if (t.is_string())
+            ok = has_type(value, t.get<std::string>());
+        else
+            for (const json &one : t)
+                ok = ok || has_type(value, one.get<std::string>());
+        if (!ok)
+            return path + ": " + value.dump() + " is not of type " + t.dump();
+    }
+    if (schema.contains("const") && schema["const"] != value)
+        return path + ": " + value.dump() + " is not " + schema["const"].dump();
+    if (schema.contains("enum")) {
+        bool ok = false;
+        for (const json &e : schema["enum"])
+            ok = ok || e == value;
+        if (!ok)
+            return path + ": " + value.dump() + " is not one of " + schema["enum"].dump();
+    }
+    if (schema.contains("minimum") && value.is_number() &&
+        value.get<double>() < schema["minimum"].get<double>())
+        return path + ": " + value.dump() + " is below " + schema["minimum"].dump();
+    if (value.is_object()) {
+        if (schema.contains("required"))
+            for (const json &k : schema["required"])
+                if (!value.contains(k.get<std::string>()))
+                    return path + ": missing key " + k.get<std::string>();
+        const json props = schema.value("properties", json::object());
+        for (auto it = value.begin(); it != value.end(); ++it) {
+            if (props.contains(it.key())) {
+                std::string p =
+                    schema_problem(root, props[it.key()], it.value(), path + "." + it.key());
+                if (!p.empty())
+                    return p;
+            } else if (schema.contains("additionalProperties") &&
+                       schema["additionalProperties"] == false) {
+                return path + ": unexpected key " + it.key();
+            }
+        }
+    }
+    if (value.is_array() && schema.contains("items"))
+        for (size_t i = 0; i < value.size(); ++i) {
+            std::string p = schema_problem(root, schema["items"], value[i],
+                                           path + "[" + std::to_string(i) + "]");
+            if (!p.empty())
+                return p;
+        }
+    return "";
+}
+
+std::string tarnctl_schema_problem(const std::string &name, const json &value)
+{
+    static const json root = [] {
+        std::ifstream in(TARN_SOURCE_DIR "/docs/tarnctl.schema.json");
+        return json::parse(in, nullptr, false);
+    }();
+    if (root.is_discarded() || !root.contains("$defs"))
+        return "docs/tarnctl.schema.json does not parse";
+    if (!root["$defs"].contains(name))
+        return "no definition " + name + " in docs/tarnctl.schema.json";
+    return schema_problem(root, root["$defs"][name], value);
 }
 
 }  // namespace tarntest

@@ -3,7 +3,13 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "host/tarnhost.h"
 
 namespace tarntest {
 
@@ -41,6 +47,32 @@ pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
     argv.push_back(nullptr);
     execv(argv[0], argv.data());
     _exit(127);
+}
+
+std::string slurp(const std::string &path)
+{
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+TarnctlRun run_tarnctl(const char *path, const std::vector<std::string> &args,
+                       const std::vector<std::string> &env, const std::string &out_path)
+{
+    const std::string dir = tarnhost_root();
+    const std::string own_out = dir + "/tarnctl-run.out";
+    const std::string err_path = dir + "/tarnctl-run.err";
+    const pid_t pid =
+        spawn_tarnctl(path, args, env, out_path.empty() ? own_out : out_path, err_path);
+    TarnctlRun r;
+    int st = 0;
+    if (pid > 0 && waitpid(pid, &st, 0) == pid && WIFEXITED(st))
+        r.status = WEXITSTATUS(st);
+    if (out_path.empty())
+        r.out = slurp(own_out);
+    r.err = slurp(err_path);
+    return r;
 }
 
 }  // namespace tarntest

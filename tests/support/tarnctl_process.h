@@ -21,6 +21,23 @@ pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
                     const std::vector<std::string> &env, const std::string &out_path,
                     const std::string &err_path);
 
+// The whole content of a file ("" when it cannot be read).
+std::string slurp(const std::string &path);
+
+// What a finished tarnctl run gave.
+struct TarnctlRun {
+    int status = -1;  // exit status, -1 when killed by a signal
+    std::string out;  // standard output ("" when it went to `out_path`)
+    std::string err;
+};
+
+// Runs tarnctl (TARNCTL_PATH of the test) to its end with files in the
+// current host root; standard output goes to `out_path` when one is given
+// (for example /dev/full).
+TarnctlRun run_tarnctl(const char *path, const std::vector<std::string> &args,
+                       const std::vector<std::string> &env = {},
+                       const std::string &out_path = "");
+
 }  // namespace tarntest
 
 #endif

@@ -13,14 +13,6 @@
 
 namespace tarntest {
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 void sleep_ms(long ms)
 {
     timespec ts{ms / 1000, (ms % 1000) * 1000000L};

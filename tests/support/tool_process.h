@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "support/tarnctl_process.h"
+
 namespace tarntest {
 
-std::string slurp(const std::string &path);
+// slurp() is in support/tarnctl_process.h.
 void sleep_ms(long ms);
 
 // A tarnctl process whose standard output and error go to files under the

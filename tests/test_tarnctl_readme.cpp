@@ -1,0 +1,149 @@
+// The README's tour, run as written (by bash, from the source tree), gives
+// what the README says it gives.  Only the first line changes: the device
+// goes to this test's own root and tarnctl is the one just built.
+
+#include <libgen.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/fixture.h"
+#include "support/tarnctl_process.h"
+
+namespace {
+
+using tarntest::slurp;
+
+// The indented lines of a README section, up to the next heading.
+std::vector<std::string> section_code(const std::string &readme, const std::string &heading)
+{
+    std::vector<std::string> out;
+    const size_t at = readme.find("\n## " + heading + "\n");
+    if (at == std::string::npos)
+        return out;
+    std::istringstream in(readme.substr(at + 4 + heading.size()));
+    std::string line;
+    bool in_block = false;
+    while (std::getline(in, line)) {
+        if (line.rfind("## ", 0) == 0)
+            break;
+        if (line.rfind("    ", 0) == 0) {
+            out.push_back(line.substr(4));
+            in_block = true;
+        } else if (!line.empty()) {
+            if (in_block)
+                out.push_back("");  // a block ends
+            in_block = false;
+        }
+    }
+    return out;
+}
+
+class TarnctlReadme : public tarntest::HostTest {};
+
+TEST_F(TarnctlReadme, TourRunsAsWritten)
+{
+    const std::string readme = slurp(TARN_SOURCE_DIR "/README.md");
+    const std::vector<std::string> code = section_code(readme, "A five-minute tour");
+    ASSERT_FALSE(code.empty());
+
+    // The commands: the first block, comments dropped.
+    std::vector<std::string> commands;
+    for (const std::string &raw : code) {
+        if (raw.empty() && !commands.empty())
+            break;
+        std::string c = raw.substr(0, raw.find('#'));
+        while (!c.empty() && c.back() == ' ')
+            c.pop_back();
+        if (!c.empty())
+            commands.push_back(c);
+    }
+    ASSERT_EQ(0u, commands[0].rfind("export TARNHOST_ROOT=", 0)) << commands[0];
+
+    std::string tools = TARNCTL_PATH;
+    tools = dirname(&tools[0]);
+    const std::string watch_out = root_ + "/tour-watch.out";
+    std::string script = "set -e\ncd '" TARN_SOURCE_DIR "'\n";
+    script += "export TARNHOST_ROOT='" + root_ + "' PATH='" + tools + "':$PATH\n";
+    size_t applies = 0;
+    for (size_t i = 1; i < commands.size(); ++i) {
+        std::string c = commands[i];
+        if (c == "tarnctl watch &") {
+            // The access point that watch prints is the N of the lines below.
+            script += "tarnctl watch > '" + watch_out + "' &\n";
+            script += "for i in $(seq 300); do grep -q '^watching' '" + watch_out +
+                      "' && break; sleep 0.1; done\n";
+            script += "N=$(sed -n 's/^access point \\([0-9]*\\),.*/\\1/p' '" + watch_out + "')\n";
+            continue;
+        }
+        c = std::regex_replace(c, std::regex(" N( |$)"), " $$N$1");
+        applies += c.rfind("tarnctl apply ", 0) == 0;
+        script += "echo \"$ " + c + "\"\n" + c + "\n";
+        if (c == "kill %1")
+            script += "wait %1 || true\n";
+    }
+    ASSERT_EQ(1u, applies);
+    const std::string script_path = root_ + "/tour.sh";
+    std::ofstream(script_path) << script;
+    const std::string out_path = root_ + "/tour.out";
+    const int st = system(("bash '" + script_path + "' > '" + out_path + "' 2>&1").c_str());
+    const std::string out = slurp(out_path);
+    ASSERT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << script << "\n----\n" << out;
+
+    // What the README shows for "tarnctl show contexts", exactly.
+    const size_t shown = readme.find("`tarnctl show contexts` prints\n\n");
+    ASSERT_NE(std::string::npos, shown);
+    std::string table;
+    std::istringstream in(readme.substr(shown));
+    std::string line;
+    std::getline(in, line);
+    std::getline(in, line);
+    while (std::getline(in, line) && line.rfind("    ", 0) == 0)
+        table += line.substr(4) + "\n";
+    EXPECT_NE(std::string::npos, out.find("$ tarnctl show contexts\n" + table)) << out;
+
+    // "lists lab's ten ports with USABLE "no"".
+    const size_t at = out.find("$ tarnctl show interfaces --context lab\n");
+    ASSERT_NE(std::string::npos, at);
+    std::istringstream rows(out.substr(at));
+    std::getline(rows, line);
+    std::getline(rows, line);
+    size_t ports = 0;
+    while (std::getline(rows, line) && line.rfind("$ ", 0) != 0) {
+        EXPECT_TRUE(std::regex_match(line, std::regex(".* lab +5 +lab +no"))) << line;
+        ++ports;
+    }
+    EXPECT_EQ(10u, ports);
+
+    // Both dumps agree with the databases; the watcher printed a line for
+    // every notification that apply sent, and stopped cleanly.
+    size_t agree = 0;
+    for (size_t p = out.find("verify: cache and database agree"); p != std::string::npos;
+         p = out.find("verify: cache and database agree", p + 1))
+        ++agree;
+    EXPECT_EQ(2u, agree) << out;
+    const std::string watched = slurp(watch_out);
+    std::regex announced("changes\\[[0-9]+\\]: .* \\(([0-9]+) to 1 subscriber\\)");
+    size_t notifications = 0;
+    for (std::sregex_iterator it(out.begin(), out.end(), announced), end; it != end; ++it)
+        ++notifications;
+    EXPECT_GE(notifications, 1u) << out;
+    std::regex message_line("[0-9:.]+ [A-Z_0-9]+ .*");
+    size_t messages = 0;
+    std::istringstream w(watched);
+    while (std::getline(w, line))
+        messages += std::regex_match(line, message_line) ? 1 : 0;
+    // Each notification, and the one page of each of the two dumps: every
+    // request is one line, none twice.
+    EXPECT_EQ(notifications + 2, messages) << watched;
+    EXPECT_NE(std::string::npos, watched.find("stopped (signal)")) << watched;
+}
+
+}  // namespace
