@@ -598,6 +598,20 @@ TEST_F(loader, refuses_numbers_no_field_can_hold_wherever_they_stand)
     refused(deep, path + ": nested deeper than 64 levels");
 }
 
+// A key given twice in one object would let the later value silently win;
+// the description is refused with the key's path, at any depth.
+TEST_F(loader, refuses_a_key_given_twice)
+{
+    load_ok(fixture("device_basic.json"));
+    refused(R"({"contexts": [], "contexts": []})", "contexts: given twice");
+    refused(R"({"contexts": [{"id": 2, "name": "a", "id": 3}]})", "contexts[0].id: given twice");
+    refused(R"({"_comment": {"x": 1, "x": 1}})", "_comment.x: given twice");
+    // The same key in two objects is two facts, not one said twice.
+    tarndev::LoadOutcome r = tarndev::load_device_text(
+        R"({"contexts": [{"id": 2, "name": "a"}, {"id": 3, "name": "b"}]})", "doc.json");
+    EXPECT_EQ(0, r.status) << r.message;
+}
+
 TEST_F(loader, refuses_bad_names)
 {
     load_ok(fixture("device_basic.json"));

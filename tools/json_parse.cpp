@@ -3,6 +3,7 @@
 // that a value no field could hold is refused with its path like any other
 // bad fact, even where the readers would never look (a comment).
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,7 +34,16 @@ public:
     bool start_object(size_t n) { return open(false) && dom_.start_object(n); }
     bool key(std::string &k)
     {
-        frames_.back().key = k;
+        // JSON leaves a repeated key to the reader; here the later value
+        // would silently replace the earlier, so a description that says
+        // two things is refused instead.
+        Frame &f = frames_.back();
+        if (!f.keys.insert(k).second) {
+            const std::string p = member(path(frames_.size() - 1), k);
+            error_ = p + ": given twice";
+            return false;
+        }
+        f.key = k;
         return dom_.key(k);
     }
     bool end_object() { return close() && dom_.end_object(); }
@@ -42,6 +52,8 @@ public:
 
     bool parse_error(size_t, const std::string &token, const nlohmann::detail::exception &ex)
     {
+        if (!error_.empty())
+            return false;  // a refusal of our own stopped the parse
         if (ex.id == 406) {
             // JSON has no limit on numbers; a double does.
             const std::string p = path();
@@ -64,14 +76,18 @@ private:
         bool array;
         size_t index;
         std::string key;
+        std::set<std::string> keys;  // of an object, so far
     };
 
     // The path of the value being read now.
-    std::string path() const
+    std::string path() const { return path(frames_.size()); }
+
+    // The path through the outermost `depth` frames.
+    std::string path(size_t depth) const
     {
         std::string p;
-        for (const Frame &f : frames_)
-            p = f.array ? item(p, f.index) : member(p, f.key);
+        for (size_t i = 0; i < depth; ++i)
+            p = frames_[i].array ? item(p, frames_[i].index) : member(p, frames_[i].key);
         return p;
     }
 
@@ -95,7 +111,7 @@ private:
                      std::to_string(kMaxDepth) + " levels";
             return false;
         }
-        frames_.push_back(Frame{array, 0, std::string()});
+        frames_.push_back(Frame{array, 0, std::string(), {}});
         return true;
     }
 

@@ -1029,6 +1029,7 @@ void print_show_help(FILE *out)
             "learns through\n"
             "libtarn.  Each prints an aligned table, or with --json one JSON "
             "document.\n"
+            "Numbers in ARGUMENTS are decimal, or hexadecimal after \"0x\".\n"
             "\n");
     for (const Sub &s : kSubs)
         fprintf(out, "  %-16s %s\n", s.cmd.name + 5, s.cmd.summary);
