@@ -412,6 +412,32 @@ TEST_F(TarnctlWatch, JsonLines)
     EXPECT_EQ("count", nlohmann::json::parse(l[2])["reason"]);
 }
 
+// A load announces nothing: it says which running clients keep the device
+// before it, and how to bring them along.
+TEST_F(TarnctlWatch, LoadNamesTheClientsItDidNotTell)
+{
+    Proc p;
+    start(&p);
+    const std::string file = root_ + "/device.json";
+    Result r = tarnctl({"load", file});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_NE(std::string::npos,
+              r.out.find("note: 1 client on the bus (handle " + std::to_string(handle_) +
+                         ") was not told: a load announces nothing, so what it caches is the "
+                         "device before it; restart it, or change the device with \"tarnctl "
+                         "apply\", which announces each change\n"))
+        << r.out;
+    r = tarnctl({"load", file, "--json"});
+    ASSERT_EQ(0, r.status) << r.err;
+    const nlohmann::json doc = nlohmann::json::parse(r.out);
+    EXPECT_EQ("", tarntest::tarnctl_schema_problem("load", doc)) << r.out;
+    EXPECT_EQ(nlohmann::json::array({handle_}), doc["clients_not_told"]);
+    EXPECT_EQ(0, kill(p.pid, SIGINT));
+    EXPECT_EQ(0, p.wait());
+    r = tarnctl({"load", file});
+    EXPECT_EQ(std::string::npos, r.out.find("note:")) << r.out;
+}
+
 TEST_F(TarnctlWatch, StopsAfterCount)
 {
     Proc p;

@@ -9,6 +9,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include <nlohmann/json.hpp>
 
 #include <tarn/gyre.h>
@@ -158,6 +160,16 @@ int parse_client_address(int argc, char **argv, int *i, ClientAddress *out,
         return 1;
     }
     return 0;
+}
+
+std::vector<uint32_t> live_clients()
+{
+    const BusView v = look_at_bus();
+    std::vector<uint32_t> out;
+    for (const auto &h : v.handles)
+        if (h.alive && h.pid != getpid() && registered(v, h.handle))
+            out.push_back(h.handle);
+    return out;
 }
 
 std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handle)

@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 namespace tarnctl {
 
@@ -19,6 +20,10 @@ struct ClientAddress {
 // value (with *error set).
 int parse_client_address(int argc, char **argv, int *i, ClientAddress *out,
                          std::string *error);
+
+// The handles of the libtarn clients on the device's bus now (alive and
+// registered), other than this process's.
+std::vector<uint32_t> live_clients();
 
 // The access point (and handle) of the client named; "" or why not.
 std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handle);

@@ -9,6 +9,7 @@
 #include "tools/device_loader.h"
 #include "tools/device_records.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_clients.h"
 #include "tools/tarnctl_output.h"
 
 namespace tarnctl {
@@ -65,8 +66,12 @@ int cmd_load(int argc, char **argv)
                        file, r.message.c_str(), tarndev::store_cause(r.store_status).c_str(),
                        remedy.c_str(), remedy.empty() ? "" : ", then ", file);
     }
+    // A load is a new device, not a change: the services announce nothing
+    // for it, so clients that cache keep the old device until they restart.
+    const std::vector<uint32_t> clients = live_clients();
     if (json_output()) {
         print_json({{"file", file},
+                    {"clients_not_told", clients},
                     {"device", tarnhost_root()},
                     {"rebuilt", r.rebuilt},
                     {"contexts", r.contexts},
@@ -82,6 +87,18 @@ int cmd_load(int argc, char **argv)
            counted(r.tables, "table", "tables").c_str(),
            counted(r.interfaces, "interface", "interfaces").c_str(),
            counted(r.topologies, "topology", "topologies").c_str());
+    if (!clients.empty()) {
+        std::string list;
+        for (uint32_t h : clients)
+            list += (list.empty() ? "" : ", ") + std::to_string(h);
+        printf("note: %s on the bus (handle%s %s) %s not told: a load announces nothing, so "
+               "what %s cache%s is the device before it; restart %s, or change the device "
+               "with \"tarnctl apply\", which announces each change\n",
+               counted(clients.size(), "client", "clients").c_str(),
+               clients.size() == 1 ? "" : "s", list.c_str(), clients.size() == 1 ? "was" : "were",
+               clients.size() == 1 ? "it" : "they", clients.size() == 1 ? "s" : "",
+               clients.size() == 1 ? "it" : "them");
+    }
     return kExitOk;
 }
 
