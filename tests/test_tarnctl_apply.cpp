@@ -8,11 +8,17 @@
 
 #include <thread>
 
-#include "platform/kvs.h"
-#include "support/tarnctl_process.h"
-#include "support/json_schema.h"
+#include <signal.h>
+
+#include <random>
+
 #include <nlohmann/json.hpp>
+
+#include "platform/kvs.h"
+#include "support/json_schema.h"
+#include "support/tarnctl_process.h"
 #include "test_gyre_lifecycle_support.h"
+#include "tools/announce_journal.h"
 #include "tools/device_records.h"
 
 using namespace lifecycle;
@@ -31,6 +37,7 @@ const char kDevice[] =
 
 const std::string kGyreUri = "volatile:/tarnhost/running/gyre_kvs_info";
 const std::string kTarnUri = "volatile:/tarnhost/running/tarn_global_kvs";
+const std::string kJournalUri = "volatile:/tarnhost/running/tarnctl_unannounced";
 
 bool has_key(const std::string &uri, const tarndev::Bytes &key, tarndev::Bytes *value = nullptr)
 {
@@ -416,6 +423,129 @@ TEST_F(TarnctlApply, NotificationsFollowTheirCommits)
     watcher.join();
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ("tpg vlan ftag", seen);
+}
+
+// The AS format an attribute change of kind 1 announces.
+uint32_t announced_format(const Bytes &payload)
+{
+    uint32_t f = 0;
+    if (payload.size() >= 28)
+        memcpy(&f, payload.data() + 24, 4);
+    return f;
+}
+
+// An apply that ended between a change's commit and its notification left
+// the journal's record: the next apply announces that change before its
+// own, and a load drops it.
+TEST_F(TarnctlApply, AChangeLeftUnannouncedIsAnnouncedByTheNextApply)
+{
+    tarndev::Unannounced owed;
+    owed.opcode = 51226;
+    owed.payload = Bytes(28, 0);
+    owed.payload[2] = 1;  // kind 1
+    owed.payload[20] = 28;
+    owed.payload[24] = 7;  // AS format 7
+    owed.what = "changes[3]: AS format 7";
+    const Bytes key = tarndev::journal_key(), value = tarndev::journal_value(owed);
+    ASSERT_EQ(0u, tarnhost_kvs_put(kJournalUri.c_str(), key.data(),
+                                   static_cast<uint32_t>(key.size()), value.data(),
+                                   static_cast<uint32_t>(value.size())));
+
+    const ToolRun r = apply("{\"changes\": [{\"change\": \"as_format\", \"format\": 2}]}");
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("announced the change that an earlier apply wrote and ended before announcing: "
+              "changes[3]: AS format 7 (51226 to 1 subscriber)\n"
+              "changes[0]: AS format 2 (51226 to 1 subscriber)\n"
+              "applied 1 change to " + std::string(tarnhost_root()) + "\n",
+              r.out);
+    auto first = next(), second = next();
+    EXPECT_EQ(51226u, first.first);
+    EXPECT_EQ(owed.payload, first.second);
+    EXPECT_EQ(2u, announced_format(second.second));
+    EXPECT_FALSE(has_key(kJournalUri, key));
+
+    // Owed once only.
+    EXPECT_EQ(0, apply("{\"changes\": [{\"change\": \"as_format\", \"format\": 3}]}").status);
+    EXPECT_EQ(3u, announced_format(next().second));
+    EXPECT_EQ(0u, next(200).first);
+
+    // A record that is not the journal's (cut short) owes nothing.
+    ASSERT_EQ(0u, tarnhost_kvs_put(kJournalUri.c_str(), key.data(),
+                                   static_cast<uint32_t>(key.size()), value.data(), 7));
+    ToolRun j = tarnctl("apply " + file_ + " --json");
+    EXPECT_EQ(0, j.status) << j.err;
+    const json doc = json::parse(j.out);
+    EXPECT_EQ("", tarntest::tarnctl_schema_problem("apply", doc)) << j.out;
+    EXPECT_TRUE(doc["resumed"].is_null());
+    EXPECT_EQ(3u, announced_format(next().second));
+
+    // A new device owes nothing of the old one.
+    ASSERT_EQ(0u, tarnhost_kvs_put(kJournalUri.c_str(), key.data(),
+                                   static_cast<uint32_t>(key.size()), value.data(),
+                                   static_cast<uint32_t>(value.size())));
+    tarntest::load_device_json(kDevice);
+    EXPECT_FALSE(has_key(kJournalUri, key));
+}
+
+// Killed at any instant, an apply leaves no client behind the databases
+// once the next apply has run: the last AS format a subscriber heard before
+// the next apply's own change is the one in the database.
+TEST_F(TarnctlApply, KilledAtAnyInstantTheNextApplyCatchesClientsUp)
+{
+    std::string many = "{\"changes\": [";
+    for (int i = 0; i < 400; ++i)
+        many += std::string(i ? "," : "") + "{\"change\": \"as_format\", \"format\": " +
+                std::to_string(100 + i) + "}";
+    many += "]}";
+    write_file(file_, many);
+    const std::string next_file = std::string(tarnhost_root()) + "/next.json";
+    std::mt19937 rng(20261123);
+    auto db_format = [] {
+        Bytes stored;
+        if (!has_key(kTarnUri, tarndev::tarn_key_as_format(), &stored))
+            return 0u;
+        for (uint32_t f = 1; f < 1000; ++f)
+            if (tarndev::as_format_value(f) == stored)
+                return f;
+        return 0u;
+    };
+    write_file(next_file, "{\"changes\": [{\"change\": \"as_format\", \"format\": 99}]}");
+    ASSERT_EQ(0, tarnctl("apply " + next_file).status);
+    uint32_t heard = announced_format(next().second);  // the last format heard
+    ASSERT_EQ(99u, heard);
+    ASSERT_EQ(99u, db_format());
+    int resumed = 0;
+    for (int round = 0; round < 25; ++round) {
+        const std::string dir = tarnhost_root();
+        pid_t pid = tarntest::spawn_tarnctl(TARNCTL_PATH, {"apply", file_}, {},
+                                            dir + "/killed.out", dir + "/killed.err");
+        ASSERT_GT(pid, 0);
+        usleep(std::uniform_int_distribution<int>(0, 60000)(rng));
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        for (auto n = next(50); n.first != 0; n = next(50))
+            heard = announced_format(n.second);
+        const uint32_t in_db = db_format();
+        ASSERT_NE(0u, in_db);
+
+        write_file(next_file, "{\"changes\": [{\"change\": \"as_format\", \"format\": " +
+                                  std::to_string(900 + round) + "}]}");
+        const ToolRun r = tarnctl("apply " + next_file);
+        ASSERT_EQ(0, r.status) << r.err;
+        std::vector<uint32_t> after;
+        for (auto n = next(500); n.first != 0; n = next(50))
+            after.push_back(announced_format(n.second));
+        ASSERT_FALSE(after.empty());
+        ASSERT_EQ(900u + round, after.back());
+        if (after.size() == 2) {
+            ++resumed;
+            heard = after[0];
+        }
+        ASSERT_LE(after.size(), 2u);
+        EXPECT_EQ(in_db, heard) << "round " << round << ": " << r.out;
+        heard = after.back();
+    }
+    printf("%d of 25 kills left an announcement owed\n", resumed);
 }
 
 // ---- dump-cache ---------------------------------------------------------------------

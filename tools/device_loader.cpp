@@ -34,6 +34,7 @@
 #include "host/tarnhost.h"
 #include "host/tarnhost_ifmgr.h"
 #include "platform/kvs.h"
+#include "tools/announce_journal.h"
 #include "platform/supv.h"
 
 namespace tarndev {
@@ -582,7 +583,9 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     }
     const std::string tarn_uri = device_db_uri("tarn_global_kvs");
     const std::string gyre_uri = device_db_uri("gyre_kvs_info");
-    if (tarn_uri.empty() || gyre_uri.empty()) {
+    // A new device owes no announcement of a change to the old one.
+    const std::string journal_uri = device_db_uri(kJournalDb);
+    if (tarn_uri.empty() || gyre_uri.empty() || journal_uri.empty()) {
         out.message = "cannot name the device's databases";
         out.store_status = KVS_ERR_BAD_URI;
         return out;
@@ -593,6 +596,7 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
         {kCellMgrUri, &e.cell_mgr, nullptr},
         {tarn_uri, &e.tarn, nullptr},
         {gyre_uri, &e.gyre, nullptr},
+        {journal_uri, &kNone, nullptr},
     };
     std::string what;
     // A store damaged where only reading all of it shows would make the

@@ -24,6 +24,7 @@
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
 #include "platform/kvs.h"
+#include "tools/announce_journal.h"
 #include "tools/device_records.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_output.h"
@@ -142,6 +143,19 @@ bool walk(const std::string &uri, ReadError *err, F f)
     err->text = "cannot read " + uri + ": " + store_cause(st);
     err->status = st;
     return false;
+}
+
+// The announcement an earlier apply committed and did not publish; false
+// when the journal cannot be read.
+bool read_unannounced(const std::string &uri, bool *found, tarndev::Unannounced *u,
+                      ReadError *err)
+{
+    *found = false;
+    const Bytes key = tarndev::journal_key();
+    return walk(uri, err, [&](const uint8_t *k, uint32_t klen, const uint8_t *v, uint32_t vlen) {
+        if (klen == key.size() && memcmp(k, key.data(), klen) == 0)
+            *found = tarndev::journal_decode(v, vlen, u);
+    });
 }
 
 bool read_fabric(const std::string &tarn_uri, const std::string &gyre_uri, Fabric *fab,
@@ -499,17 +513,22 @@ struct Txn {
 };
 
 // Writes one change to both databases in one transaction, so that no
-// reader sees its Tarn half without its Gyre half.  "" or what failed,
+// reader sees its Tarn half without its Gyre half, with the journal's
+// record of the announcement it owes.  "" or what failed,
 // with the store's status in *status.
-std::string commit_change(const Txn &tarn, const Txn &gyre, uint32_t *status)
+std::string commit_change(const Txn &tarn, const Txn &gyre, const Txn &journal,
+                          uint32_t *status)
 {
-    if (tarn.empty() && gyre.empty())
+    if (tarn.empty() && gyre.empty() && journal.empty())
         return "";
     uint32_t &st = *status;
-    tarnhost_kvs_txn_t *txn = tarnhost_kvs_txn_begin(tarn.uri.c_str(), &st);
+    // Every database of the device is in one store: any of them opens it.
+    const std::string &uri = !tarn.uri.empty() ? tarn.uri : !gyre.uri.empty() ? gyre.uri
+                                                                                : journal.uri;
+    tarnhost_kvs_txn_t *txn = tarnhost_kvs_txn_begin(uri.c_str(), &st);
     if (txn == nullptr)
         return "cannot open the device's store for writing: " + store_cause(st);
-    for (const Txn *t : {&tarn, &gyre}) {
+    for (const Txn *t : {&tarn, &gyre, &journal}) {
         if (st == 0 && !t->empty()) {
             st = t->write(txn);
             if (st != 0) {
@@ -522,6 +541,16 @@ std::string commit_change(const Txn &tarn, const Txn &gyre, uint32_t *status)
     if (st != 0)
         return "cannot commit the change: " + store_cause(st);
     return "";
+}
+
+// Deletes the journal's record once its notification is out.  "" or what
+// failed.
+std::string clear_unannounced(const std::string &journal_uri)
+{
+    Txn journal{journal_uri, {}, {}};
+    journal.del(tarndev::journal_key());
+    uint32_t st = 0;
+    return commit_change(Txn{}, Txn{}, journal, &st);
 }
 
 void del_ftag(Txn *gyre, uint32_t ftag, const FtagFact &f)
@@ -814,9 +843,10 @@ int cmd_apply(int argc, char **argv)
         return kExitFailed;
     const std::string tarn_uri = device_db_uri("tarn_global_kvs");
     const std::string gyre_uri = device_db_uri("gyre_kvs_info");
+    const std::string journal_uri = device_db_uri(tarndev::kJournalDb);
     Fabric fab;
     ReadError rerr;
-    if (tarn_uri.empty() || gyre_uri.empty())
+    if (tarn_uri.empty() || gyre_uri.empty() || journal_uri.empty())
         return reportf("apply", kExitFailed,
                        "the device in %s cannot be read (no databases); nothing was written, "
                        "load it again with \"tarnctl load FILE\"",
@@ -829,7 +859,10 @@ int cmd_apply(int argc, char **argv)
                        "cannot take the apply lock of the device in %s (%s); nothing was "
                        "written",
                        tarnhost_root(), strerror(errno));
-    if (!read_fabric(tarn_uri, gyre_uri, &fab, &rerr)) {
+    bool owed = false;
+    tarndev::Unannounced unannounced;
+    if (!read_fabric(tarn_uri, gyre_uri, &fab, &rerr) ||
+        !read_unannounced(journal_uri, &owed, &unannounced, &rerr)) {
         const std::string remedy = store_remedy(rerr.status);
         return reportf("apply", kExitFailed,
                        "the device in %s cannot be read (%s); nothing was written%s%s",
@@ -858,9 +891,44 @@ int cmd_apply(int argc, char **argv)
     size_t done = 0;
     json applied = json::array();
     const bool as_json = json_output();
+    json resumed = nullptr;
+    if (owed) {
+        // An earlier apply ended between a change's commit and its
+        // notification: the clients hear of that change first.
+        const size_t subscribers = tarnhost_bus_subscribers(unannounced.opcode, nullptr, 0);
+        const int rc = tarnhost_bus_publish(handle, unannounced.opcode,
+                                            unannounced.payload.data(),
+                                            static_cast<uint32_t>(unannounced.payload.size()));
+        resumed = {{"change", unannounced.what},
+                   {"opcode", unannounced.opcode},
+                   {"subscribers", subscribers},
+                   {"delivered", rc == 0}};
+        if (rc != 0) {
+            bus_unbind(handle);
+            return reportf("apply", kExitFailed,
+                           "an earlier apply wrote a change and ended before announcing it "
+                           "(%s), and its notification %u cannot be published now (%s); "
+                           "nothing was written",
+                           unannounced.what.c_str(), unannounced.opcode, strerror(rc));
+        }
+        const std::string cleared = clear_unannounced(journal_uri);
+        if (!as_json)
+            printf("announced the change that an earlier apply wrote and ended before "
+                   "announcing: %s (%u to %s)\n",
+                   unannounced.what.c_str(), unannounced.opcode,
+                   counted(subscribers, "subscriber", "subscribers").c_str());
+        if (!cleared.empty()) {
+            bus_unbind(handle);
+            return reportf("apply", kExitFailed,
+                           "%s; the next apply announces that change again, nothing else was "
+                           "written",
+                           cleared.c_str());
+        }
+    }
     for (const Change &c : changes) {
         Txn tarn{tarn_uri, {}, {}};
         Txn gyre{gyre_uri, {}, {}};
+        Txn journal{journal_uri, {}, {}};
         Planned p;
         try {
             p = plan(&fab, c, &tarn, &gyre);
@@ -868,8 +936,14 @@ int cmd_apply(int argc, char **argv)
             err = r.message;
         }
         uint32_t st = 0;
-        if (err.empty())
-            err = commit_change(tarn, gyre, &st);
+        if (err.empty()) {
+            tarndev::Unannounced owe;
+            owe.opcode = p.opcode;
+            owe.payload = p.payload;
+            owe.what = c.path + ": " + p.what;
+            journal.put(tarndev::journal_key(), tarndev::journal_value(owe));
+            err = commit_change(tarn, gyre, journal, &st);
+        }
         if (!err.empty()) {
             const std::string remedy = store_remedy(st);
             reportf("apply", kExitFailed,
@@ -895,11 +969,23 @@ int cmd_apply(int argc, char **argv)
                       {"missed", json::array()},
                       {"replies", json::array()}};
         ++done;
+        std::string cleared;
+        if (rc == 0)
+            cleared = clear_unannounced(journal_uri);
+        if (!cleared.empty()) {
+            applied.push_back(entry);
+            reportf("apply", kExitFailed,
+                    "%s: written and announced, but %s; the next apply announces it again, "
+                    "the later changes were not applied",
+                    c.path.c_str(), cleared.c_str());
+            status = kExitFailed;
+            break;
+        }
         if (rc != 0) {
             applied.push_back(entry);
             reportf("apply", kExitFailed,
                     "%s: written, but the notification %u could not be published (%s); the "
-                    "later changes were not applied",
+                    "next apply announces it, the later changes were not applied",
                     c.path.c_str(), p.opcode, strerror(rc));
             status = kExitFailed;
             break;
@@ -948,6 +1034,7 @@ int cmd_apply(int argc, char **argv)
     if (as_json)
         print_json({{"file", file},
                     {"device", tarnhost_root()},
+                    {"resumed", resumed},
                     {"changes", applied},
                     {"applied", done},
                     {"complete", status == kExitOk}});
