@@ -23,6 +23,7 @@
 
 #include "host/client/inspect.h"
 #include "host/tarnhost_client.h"
+#include "tools/tarnctl_queries.h"
 
 namespace tarnctl {
 namespace {
@@ -205,12 +206,7 @@ VerifyCount verify_answers(uint32_t requester, int32_t sap, const std::set<uint3
                            uint32_t timeout_ms)
 {
     VerifyCount count;
-    std::vector<uint32_t> tpgs;
-    tarn_table_info_t info;
-    memset(&info, 0, sizeof info);
-    for (uint32_t t = gyre_get_first_l2_tpg(&info); t != GYRE_TPG_NONE && t != 0;
-         t = gyre_get_next_l2_tpg(&info))
-        tpgs.push_back(t);
+    const std::vector<uint32_t> tpgs = all_topologies();
     const std::map<uint32_t, std::vector<DbFtag>> ftags = database_ftags(tpgs);
     std::set<uint16_t> graph_set = {1, 2};
     for (const auto &t : ftags)
