@@ -328,6 +328,23 @@ TEST_F(TarnctlBus, VerifyTellsDivergenceFromTheLibrarysDeliberateDifferences)
               r.out.find("verify: topology 7: ftags: cache 3-5, database 3-4\n"));
     EXPECT_NE(std::string::npos,
               r.out.find("verify: topology 8: ftag of graph 2: cache none, database 5: DIVERGES\n"));
+    // The same comparison as JSON: each answer with the rule that explains
+    // it, or null where it diverges.
+    r = tarnctl({"dump-cache", "--sap", std::to_string(stale_sap), "--verify", "--json"});
+    EXPECT_EQ(1, r.status) << r.err;
+    const json doc = json::parse(r.out);
+    EXPECT_EQ("", tarntest::tarnctl_schema_problem("dump_cache", doc)) << r.out;
+    EXPECT_EQ(false, doc["verify"]["agree"]);
+    bool as_format = false;
+    for (const json &d : doc["verify"]["answers"]["differences"])
+        if (d["subject"] == "AS format") {
+            as_format = true;
+            EXPECT_EQ("2", d["cache"]);
+            EXPECT_EQ("3", d["database"]);
+            EXPECT_TRUE(d["intended"].is_null());
+        }
+    EXPECT_TRUE(as_format) << r.out;
+    EXPECT_GT(doc["verify"]["answers"]["divergences"].get<int>(), 0);
 
     // A client started on the changed device agrees with it.
     uint32_t fresh_sap = 0, fresh_handle = 0;
