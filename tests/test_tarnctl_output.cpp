@@ -132,6 +132,23 @@ TEST_F(TarnctlOutput, WriteErrorsFail)
     r = tarnctl({"--help"}, {}, "/dev/full");
     EXPECT_EQ(1, r.status);
 
+    // A command that changed the device says so, or the user would run it
+    // again.
+    const std::string dev = TARN_SOURCE_DIR "/examples/device.json";
+    r = tarnctl({"load", dev}, {}, "/dev/full");
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl load: the device in " + root_ + " was loaded from " + dev +
+                  ", but cannot write the output: No space left on device; check where "
+                  "standard output goes (a full disk, a closed pipe)\n",
+              r.err);
+    const std::string changes = TARN_SOURCE_DIR "/examples/changes.json";
+    r = tarnctl({"apply", changes}, {}, "/dev/full");
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl apply: 8 changes of " + changes + " were applied to the device in " +
+                  root_ + " and announced, but cannot write the output: No space left on "
+                  "device; check where standard output goes (a full disk, a closed pipe)\n",
+              r.err);
+
     // A reader that went away: EPIPE, not a silent death by SIGPIPE.
     int p[2];
     ASSERT_EQ(0, pipe(p));

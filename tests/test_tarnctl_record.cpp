@@ -241,6 +241,11 @@ TEST_F(TarnctlRecord, ReplayRefusesABadRecordingAndPublishesNothing)
     const json err = json::parse(r.err);
     EXPECT_EQ("", tarntest::tarnctl_schema_problem("error", err)) << r.err;
     EXPECT_EQ("replay", err["error"]["command"]);
+    // A recording that cannot be written is an error at once, not at the
+    // first notification.
+    r = tarnctl({"record", "/dev/full", "--timeout", "1"});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl record: cannot write /dev/full: No space left on device\n", r.err);
     r = tarnctl({"replay", file, "--speed", "-1"});
     EXPECT_EQ(2, r.status);
     EXPECT_EQ(0, p.wait());

@@ -179,6 +179,7 @@ int main(int argc, char **argv)
 {
     // A closed pipe is a write error to report, not a silent death.
     signal(SIGPIPE, SIG_IGN);
+    tarnctl::keep_write_errors();
     for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i)
         if (strcmp(argv[i], "--json") == 0)
             tarnctl::g_json_output = true;

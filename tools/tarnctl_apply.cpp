@@ -969,6 +969,9 @@ int cmd_apply(int argc, char **argv)
                       {"missed", json::array()},
                       {"replies", json::array()}};
         ++done;
+        set_done(counted(done, "change", "changes") + " of " + escaped(file) +
+                 (done == 1 ? " was" : " were") + " applied to the device in " +
+                 escaped(tarnhost_root()) + " and announced");
         std::string cleared;
         if (rc == 0)
             cleared = clear_unannounced(journal_uri);
@@ -1039,7 +1042,8 @@ int cmd_apply(int argc, char **argv)
                     {"applied", done},
                     {"complete", status == kExitOk}});
     else if (status == kExitOk)
-        printf("applied %s to %s\n", counted(done, "change", "changes").c_str(), tarnhost_root());
+        printf("applied %s to %s\n", counted(done, "change", "changes").c_str(),
+               escaped(tarnhost_root()).c_str());
     return status;
 }
 

@@ -66,6 +66,8 @@ int cmd_load(int argc, char **argv)
                        file, r.message.c_str(), tarndev::store_cause(r.store_status).c_str(),
                        remedy.c_str(), remedy.empty() ? "" : ", then ", file);
     }
+    set_done(std::string("the device in ") + escaped(tarnhost_root()) + " was loaded from " +
+             escaped(file));
     // A load is a new device, not a change: the services announce nothing
     // for it, so clients that cache keep the old device until they restart.
     const std::vector<uint32_t> clients = live_clients();
@@ -81,8 +83,10 @@ int cmd_load(int argc, char **argv)
         return kExitOk;
     }
     if (r.rebuilt)
-        printf("the store of %s was damaged: rebuilt it from %s\n", tarnhost_root(), file);
-    printf("loaded %s into %s: %s, %s, %s, %s\n", file, tarnhost_root(),
+        printf("the store of %s was damaged: rebuilt it from %s\n",
+               escaped(tarnhost_root()).c_str(), escaped(file).c_str());
+    printf("loaded %s into %s: %s, %s, %s, %s\n", escaped(file).c_str(),
+           escaped(tarnhost_root()).c_str(),
            counted(r.contexts, "context", "contexts").c_str(),
            counted(r.tables, "table", "tables").c_str(),
            counted(r.interfaces, "interface", "interfaces").c_str(),

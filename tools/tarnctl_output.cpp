@@ -7,6 +7,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 #include <wchar.h>
 
 #include <algorithm>
@@ -74,15 +75,50 @@ int columns_of(uint32_t cp)
     return w < 0 ? 1 : w;
 }
 
+// Standard output's writes, with the reason of the first one that fails
+// kept: stdio only sets an error flag, and errno is long gone by the time
+// the command ends and reports it.
+ssize_t write_stdout(void *, const char *buf, size_t size)
+{
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = write(STDOUT_FILENO, buf + done, size - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            if (g_output_errno == 0)
+                g_output_errno = n < 0 ? errno : EIO;
+            // What was written, as a cookie stream reports a failure; never
+            // negative.
+            return static_cast<ssize_t>(done);
+        }
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(size);
+}
+
 void note_write_error()
 {
     if (ferror(stdout) && !g_output_failed) {
         g_output_failed = true;
-        g_output_errno = errno;
+        if (g_output_errno == 0)
+            g_output_errno = errno;
     }
 }
 
 }  // namespace
+
+void keep_write_errors()
+{
+    cookie_io_functions_t io;
+    memset(&io, 0, sizeof io);
+    io.write = write_stdout;
+    FILE *out = fopencookie(nullptr, "w", io);
+    if (out == nullptr)
+        return;  // stdio's own stream still works; only the reason is lost
+    setvbuf(out, nullptr, isatty(STDOUT_FILENO) ? _IOLBF : _IOFBF, BUFSIZ);
+    stdout = out;
+}
 
 std::string escaped(const std::string &raw)
 {
@@ -253,6 +289,12 @@ int reportf(const std::string &command, int status, const char *format, ...)
     return report(command, status, buf);
 }
 
+namespace {
+std::string g_done;  // what the command did, for a write error at its end
+}
+
+void set_done(const std::string &what) { g_done = what; }
+
 int finish_output(const char *command, int status)
 {
     errno = 0;
@@ -262,7 +304,8 @@ int finish_output(const char *command, int status)
         return status;
     const int err = g_output_errno != 0 ? g_output_errno : flush_errno;
     return report(command, 1,
-                  std::string("cannot write the output: ") +
+                  (g_done.empty() ? std::string() : g_done + ", but ") +
+                      "cannot write the output: " +
                       (err != 0 ? strerror(err) : "write error") +
                       "; check where standard output goes (a full disk, a closed pipe)");
 }

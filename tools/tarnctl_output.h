@@ -67,6 +67,13 @@ int report(const std::string &command, int status, const std::string &message);
 // The same with a printf format.
 int reportf(const std::string &command, int status, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
+// Makes standard output a stream that keeps the reason of its first failed
+// write (ENOSPC, EPIPE) for finish_output().  Called once, first thing.
+void keep_write_errors();
+// What a command that changes the device has done ("the device in R was
+// loaded"), so that a write error at its end does not read as if nothing
+// happened.
+void set_done(const std::string &what);
 // Flushes standard output; a write error (a full disk, a closed pipe) turns
 // `status` into a failure with a message.  Every command ends through it.
 int finish_output(const char *command, int status);

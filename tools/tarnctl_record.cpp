@@ -279,8 +279,12 @@ int cmd_record(int argc, char **argv)
         return reportf("record", kExitFailed, "%s in %s/bus", error.c_str(), tarnhost_root());
     }
     const json head = {{"recording", kFormat}, {"device", tarnhost_root()}, {"opcodes", opcodes}};
-    fprintf(out, "%s\n", head.dump(-1, ' ', true).c_str());
-    fflush(out);
+    if (fprintf(out, "%s\n", head.dump(-1, ' ', true).c_str()) < 0 || fflush(out) != 0) {
+        const int err = errno;
+        fclose(out);
+        bus_unbind(h);
+        return reportf("record", kExitFailed, "cannot write %s: %s", file, strerror(err));
+    }
     if (!json_output())
         printf("recording to %s\n", escaped(file).c_str());
 
