@@ -242,6 +242,17 @@ TEST_F(TarnctlBus, ShowClientsAndDumpCacheByAccessPointAndPid)
     EXPECT_EQ(true, c["gyre_cache"]);
     EXPECT_EQ("--sap " + std::to_string(sap), c["address"]);
 
+    // A stopped client answers nothing: what it is built on is not known.
+    ASSERT_EQ(0, kill(w.pid, SIGSTOP));
+    Result stopped = tarnctl({"show", "clients", "--json"});
+    kill(w.pid, SIGCONT);
+    ASSERT_EQ(0, stopped.status) << stopped.err;
+    const json sdoc = json::parse(stopped.out);
+    EXPECT_EQ("", tarntest::tarnctl_schema_problem("show_clients", sdoc)) << stopped.out;
+    ASSERT_EQ(1u, sdoc["clients"].size());
+    EXPECT_TRUE(sdoc["clients"][0]["helper"].is_null()) << stopped.out;
+    EXPECT_TRUE(sdoc["clients"][0]["gyre_cache"].is_null()) << stopped.out;
+
     r = tarnctl({"show", "clients"});
     ASSERT_EQ(0, r.status) << r.err;
     EXPECT_TRUE(std::regex_search(

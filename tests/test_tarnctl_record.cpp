@@ -121,7 +121,7 @@ TEST_F(TarnctlRecord, PassiveWatchEnablesNothingAndPrintsPayloads)
         << clients.out;
     const json listed = json::parse(clients.out)["clients"];
     ASSERT_EQ(1u, listed.size()) << clients.out;
-    EXPECT_EQ(false, listed[0]["helper"]);
+    EXPECT_TRUE(listed[0]["helper"].is_null());
     EXPECT_TRUE(listed[0]["access_point"].is_null());
     EXPECT_TRUE(listed[0]["gyre_cache"].is_null());
     EXPECT_TRUE(listed[0]["address"].is_null());

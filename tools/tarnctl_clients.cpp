@@ -218,10 +218,23 @@ std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handl
             *handle = found[0]->handle;
             return "";
         }
-        if (found.empty())
+        if (found.empty()) {
+            // The kernel names the owner of the caller's own sockets only.
+            size_t unseen = 0;
+            for (const auto &h : v.handles)
+                if (h.alive && h.sap >= 0 && h.pid < 0 && registered(v, h.handle))
+                    ++unseen;
+            if (unseen != 0)
+                return "process " + std::to_string(a.value) +
+                       " holds no registered client handle that this user can see on the "
+                       "device in " + tarnhost_root() + "; the owners of " +
+                       counted(unseen, "client", "clients") +
+                       " there cannot be seen (processes of another user): address one with "
+                       "--sap N (\"tarnctl show clients\" lists them)";
             return "process " + std::to_string(a.value) +
                    " holds no registered client handle with an access point on the device in " +
                    tarnhost_root() + kListHint;
+        }
         std::string list;
         for (const auto *h : found)
             list += " " + std::to_string(h->sap);
@@ -274,7 +287,10 @@ int cmd_show_clients(int argc, char **argv)
         c["access_point"] = h.sap < 0 ? json(nullptr) : json(h.sap);
         c["pid"] = h.pid < 0 ? json(nullptr) : json(h.pid);
         c["process"] = h.comm[0] == '\0' ? json(nullptr) : json(h.comm);
-        c["helper"] = false;
+        // Whether it is built on the host's client helper is known only from
+        // an answer: a client that answers nothing (stopped, busy, or without
+        // an access point to ask at) may be either.
+        c["helper"] = nullptr;
         c["tarn_cache_mode"] = nullptr;
         c["as_format_tracked"] = nullptr;
         c["as_format"] = nullptr;
@@ -293,8 +309,10 @@ int cmd_show_clients(int argc, char **argv)
                         (d.value("enabled", int64_t(0)) & TARNHOST_CLIENT_GYRE_CACHE) != 0;
                 }
             }
-            if (c["gyre_cache"].is_null() && s.gyre_dump_status >= 0)
+            if (c["gyre_cache"].is_null() && s.gyre_dump_status >= 0) {
+                c["helper"] = false;
                 c["gyre_cache"] = s.gyre_dump_status != 0;
+            }
             c["address"] = "--sap " + std::to_string(h.sap);
         } else {
             c["address"] = nullptr;
@@ -326,7 +344,8 @@ int cmd_show_clients(int argc, char **argv)
                         c["access_point"].is_null() ? "-" : text(c["access_point"]),
                         c["pid"].is_null() ? "-" : text(c["pid"]),
                         c["process"].is_null() ? "-" : text(c["process"]),
-                        c["helper"] == true ? "yes" : "no", text(c["tarn_cache_mode"]), as,
+                        c["helper"].is_null() ? "?" : c["helper"] == true ? "yes" : "no",
+                        text(c["tarn_cache_mode"]), as,
                         text(c["gyre_cache"]),
                         c["address"].is_null() ? "none (no access point)" : text(c["address"])});
     }
