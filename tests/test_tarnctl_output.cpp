@@ -445,4 +445,33 @@ TEST_F(TarnctlOutput, BashCompletion)
               tarntest::slurp(out_path));
 }
 
+// Words that are options, not arguments, are named as such.
+TEST_F(TarnctlOutput, OptionsWhereAnArgumentBelongsAreNamed)
+{
+    TarnctlRun r = tarnctl({"--version", "extra"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("tarnctl: unexpected argument \"extra\" after --version; usage: tarnctl "
+              "--version [--json]\n",
+              r.err);
+    r = tarnctl({"show", "--json"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("show", json::parse(r.err)["error"]["command"]);
+    EXPECT_EQ(0u, json::parse(r.err)["error"]["message"].get<std::string>().find(
+                      "WHAT is missing before \"--json\""));
+    r = tarnctl({"show", "bogus"});
+    EXPECT_NE(std::string::npos, r.err.find("vlan bus clients)")) << r.err;
+    r = tarnctl({"help", "--json"});
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(0u, r.out.find("usage: tarnctl COMMAND"));
+    r = tarnctl({"help", "help"});
+    EXPECT_EQ(0, r.status) << r.err;
+    r = tarnctl({"help", "record"});
+    EXPECT_NE(std::string::npos, r.out.find("[--json]")) << r.out;
+    r = tarnctl({"log", "--grep", "--json"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("--grep needs the text to look for before --json"));
+    r = tarnctl({"--help"});
+    EXPECT_NE(std::string::npos, r.out.find("the bus, the clients")) << r.out;
+}
+
 }  // namespace

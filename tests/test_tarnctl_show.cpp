@@ -389,7 +389,7 @@ TEST_F(TarnctlShow, UsageErrors)
     }
     Result r = tarnctl({"show", "nonsense"});
     EXPECT_EQ("tarnctl show: unknown WHAT \"nonsense\" (one of contexts context "
-              "tables interfaces attributes topologies ftags vlan); usage: "
+              "tables interfaces attributes topologies ftags vlan bus clients); usage: "
               "tarnctl show WHAT [ARGUMENTS] [--json] (see \"tarnctl show "
               "--help\")\n",
               r.err);

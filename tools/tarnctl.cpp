@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <string>
+#include <vector>
 
 #include <tarn/version.h>
 
@@ -135,6 +136,11 @@ int run(int argc, char **argv)
     }
     const char *name = argv[1];
     if (strcmp(name, "--version") == 0 || strcmp(name, "-V") == 0) {
+        for (int i = 2; i < argc; ++i)
+            if (strcmp(argv[i], "--json") != 0)
+                return report("", kExitUsage,
+                              std::string("unexpected argument \"") + argv[i] +
+                                  "\" after --version; usage: tarnctl --version [--json]");
         if (json_output())
             print_json({{"version", TARN_VERSION_STRING},
                         {"major", TARN_VERSION_MAJOR},
@@ -149,6 +155,18 @@ int run(int argc, char **argv)
         return kExitOk;
     }
     if (strcmp(name, "help") == 0) {
+        // --json asks for the form of errors; it is no COMMAND.
+        std::vector<char *> words;
+        for (int i = 0; i < argc; ++i)
+            if (i < 2 || strcmp(argv[i], "--json") != 0)
+                words.push_back(argv[i]);
+        words.push_back(nullptr);
+        argc = static_cast<int>(words.size()) - 1;
+        argv = words.data();
+        if (argc == 3 && strcmp(argv[2], "help") == 0) {
+            print_usage(stdout);
+            return kExitOk;
+        }
         if (argc < 3) {
             print_usage(stdout);
             return kExitOk;

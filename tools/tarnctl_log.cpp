@@ -180,10 +180,15 @@ int cmd_log(int argc, char **argv)
             follow = true;
         } else if (a == "--json") {
             filter.as_json = true;
+        } else if (a.compare(0, 7, "--grep=") == 0) {
+            filter.grep = a.substr(7);
         } else if (a == "--grep" || a == "--timeout" || a == "--since") {
             if (i + 1 >= argc)
                 return usage_error(kLog, (a + " needs a value").c_str());
             const char *v = argv[++i];
+            if (a == "--grep" && strcmp(v, "--json") == 0)
+                return usage_error(kLog, "--grep needs the text to look for before --json "
+                                         "(use --grep=--json to look for that text)");
             if (a == "--grep") {
                 filter.grep = v;
             } else if (a == "--since") {

@@ -35,14 +35,14 @@ namespace tarnctl {
 
 const Command kRecord = {
     "record",
-    "FILE [--opcode N]... [--count N] [--timeout S]",
+    "FILE [--opcode N]... [--count N] [--timeout S] [--json]",
     "write the device's notifications, timed, to FILE for replay",
     cmd_record,
 };
 
 const Command kReplay = {
     "replay",
-    "FILE [--speed X]",
+    "FILE [--speed X] [--json]",
     "publish the notifications of a recording again",
     cmd_replay,
 };
@@ -76,7 +76,7 @@ void sleep_seconds(double s)
 
 void print_record_help()
 {
-    printf("usage: tarnctl record FILE [--opcode N]... [--count N] [--timeout S]\n"
+    printf("usage: tarnctl record FILE [--opcode N]... [--count N] [--timeout S] [--json]\n"
            "\n"
            "Listens passively (no libtarn, no cache) to the notifications of the "
            "device in\n"
@@ -88,14 +88,16 @@ void print_record_help()
            "0600) or\n"
            "truncated; a symbolic link is refused.  Stops on SIGINT or SIGTERM, "
            "after N\n"
-           "notifications or after S seconds.\n"
+           "notifications or after S seconds.  With --json the closing summary is "
+           "one\n"
+           "JSON document.\n"
            "\n"
            "Exit status: 0 recorded, 1 could not start, 2 usage error.\n");
 }
 
 void print_replay_help()
 {
-    printf("usage: tarnctl replay FILE [--speed X]\n"
+    printf("usage: tarnctl replay FILE [--speed X] [--json]\n"
            "\n"
            "Publishes the notifications of a recording made by \"tarnctl "
            "record\" to the\n"
@@ -106,7 +108,8 @@ void print_replay_help()
            "first: a file with any bad line is refused, naming the line, and "
            "nothing is\n"
            "published.  One line per notification says to how many subscribers "
-           "it went.\n"
+           "it went;\n"
+           "with --json all of it is one JSON document at the end.\n"
            "\n"
            "Exit status: 0 replayed, 1 refused or a publish failed, 2 usage "
            "error.\n");

@@ -36,7 +36,8 @@ namespace tarnctl {
 const Command kShow = {
     "show",
     "WHAT [ARGUMENTS] [--json]",
-    "show contexts, tables, interfaces, attributes, topologies, ftags, a VLAN",
+    "show contexts, tables, interfaces, attributes, topologies, ftags, a VLAN, the bus, "
+    "the clients",
     cmd_show,
 };
 
@@ -1071,10 +1072,12 @@ int cmd_show(int argc, char **argv)
         }
         return s.run(s, a);
     }
+    if (what.compare(0, 2, "--") == 0)
+        return usage_error(kShow, ("WHAT is missing before \"" + what + "\"").c_str());
     std::string msg = "unknown WHAT \"" + what + "\" (one of";
     for (const Sub &s : kSubs)
         msg += std::string(" ") + (s.cmd.name + 5);
-    msg += ")";
+    msg += " bus clients)";
     return usage_error(kShow, msg.c_str());
 }
 
