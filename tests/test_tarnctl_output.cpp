@@ -435,13 +435,19 @@ TEST_F(TarnctlOutput, BashCompletion)
         "c tarnctl show ftags --a\n"
         "c tarnctl dump-cache --t\n"
         "c tarnctl help show in\n"
-        "c tarnctl show interfaces --context tenant-\n";
+        "c tarnctl show interfaces --context tenant-\n"
+        "c tarnctl re\n"
+        "c tarnctl show b\n"
+        "c tarnctl log --s\n"
+        "c tarnctl watch --pa\n"
+        "c tarnctl dump-cache --p\n";
     const std::string path = root_ + "/completion.sh";
     std::ofstream(path) << script;
     const std::string out_path = root_ + "/completion.out";
     const int st = system(("bash '" + path + "' > '" + out_path + "' 2>&1").c_str());
     ASSERT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
-    EXPECT_EQ("show\ntopologies\n--active\n--timeout\ninterfaces\ntenant-red tenant-blue\n",
+    EXPECT_EQ("show\ntopologies\n--active\n--timeout\ninterfaces\ntenant-red tenant-blue\n"
+              "record replay\nbus\n--since\n--passive\n--pid\n",
               tarntest::slurp(out_path));
 }
 
