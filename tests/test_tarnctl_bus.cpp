@@ -130,7 +130,7 @@ TEST_F(TarnctlBus, ShowBusJsonFollowsItsSchemaWithLiveAndDeadEntries)
     const json doc = json::parse(r.out);
     EXPECT_EQ("", tarntest::tarnctl_schema_problem("show_bus", doc)) << r.out;
     EXPECT_EQ(1, doc["schema"]);
-    EXPECT_EQ(root_, doc["root"]);
+    EXPECT_EQ(root_, doc["device"]);
 
     bool saw_live = false, saw_dead = false;
     for (const json &h : doc["handles"]) {

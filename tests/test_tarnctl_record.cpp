@@ -97,7 +97,7 @@ TEST_F(TarnctlRecord, WatchJsonPrintsOneObjectPerLine)
     EXPECT_EQ(std::string(40, '0') + "28000000", events[1]["payload"]);
     EXPECT_EQ(51226, events[2]["opcode"]);
     EXPECT_TRUE(std::regex_match(events[1]["time"].get<std::string>(),
-                                 std::regex("[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}")));
+                                 std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}Z")));
     EXPECT_EQ("stop", events[3]["event"]);
     EXPECT_EQ("count", events[3]["reason"]);
     EXPECT_EQ(2, events[3]["messages"]);

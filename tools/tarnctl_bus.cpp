@@ -226,7 +226,7 @@ int cmd_show_bus(int argc, char **argv)
 
     if (as_json) {
         json doc;
-        doc["root"] = tarnhost_root();
+        doc["device"] = tarnhost_root();
         json handles = json::array();
         for (const auto &h : v.handles) {
             handles.push_back({

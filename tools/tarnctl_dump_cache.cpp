@@ -308,7 +308,7 @@ int cmd_dump_cache(int argc, char **argv)
         return report("dump-cache", kExitFailed, err);
     }
     const bool as_json = json_output();
-    json doc = {{"client", handle},
+    json doc = {{"handle", handle},
                 {"access_point", sap},
                 {"caching", caching},
                 {"topologies", or_null(caching, dump_json(dump))},

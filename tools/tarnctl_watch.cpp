@@ -102,14 +102,23 @@ void print_help()
            kFirstSap, kLastSap, TARN_LIB_ALLOC_ID);
 }
 
+// The time of a line: local and short for a reader at a terminal; in JSON
+// the device log's form (UTC with microseconds), so that events and log
+// lines can be put side by side and compared with "tarnctl log --since".
 std::string now_text()
 {
     timeval tv;
     gettimeofday(&tv, nullptr);
     time_t secs = tv.tv_sec;
     tm t;
+    char buf[48];
+    if (g_json) {
+        gmtime_r(&secs, &t);
+        const size_t n = strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &t);
+        snprintf(buf + n, sizeof buf - n, ".%06ldZ", static_cast<long>(tv.tv_usec));
+        return buf;
+    }
     localtime_r(&secs, &t);
-    char buf[32];
     snprintf(buf, sizeof buf, "%02d:%02d:%02d.%03ld", t.tm_hour, t.tm_min,
              t.tm_sec, static_cast<long>(tv.tv_usec / 1000));
     return buf;
