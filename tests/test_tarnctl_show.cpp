@@ -292,35 +292,42 @@ TEST_F(TarnctlShow, Topologies)
 
 TEST_F(TarnctlShow, Ftags)
 {
-    const std::string note = "\nnote: " + std::string(kUnkeyed9) + "\n";
+    // Every ftag that a lookup by key cannot find is named, graph 2's with
+    // flags 0x06 as much as graph 1's with 0x14.
+    const std::string note4 =
+        "note: topology 7: graph-2 ftag 4 has flags 0x6; the lookup by key asks for exactly "
+        "0x2 (graph 1 unicast, other graphs multicast), so only the walks find it\n";
+    const std::string note9 = "note: " + std::string(kUnkeyed9) + "\n";
     expect_table({"ftags"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
                  "3     7         1      0x10 unicast\n"
                  "4     7         2      0x6 active,multicast\n"
                  "5     7         3      0x2 multicast\n"
-                 "9     8         1      0x14 unicast,active\n" + note);
+                 "9     8         1      0x14 unicast,active\n\n" + note4 + note9);
     expect_table({"ftags", "--active"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
                  "4     7         2      0x6 active,multicast\n"
-                 "9     8         1      0x14 unicast,active\n" + note);
+                 "9     8         1      0x14 unicast,active\n\n" + note4 + note9);
     expect_table({"ftags", "--unicast"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
                  "3     7         1      0x10 unicast\n"
-                 "9     8         1      0x14 unicast,active\n" + note);
+                 "9     8         1      0x14 unicast,active\n\n" + note9);
     expect_table({"ftags", "--multicast", "--topology", "7"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
                  "4     7         2      0x6 active,multicast\n"
-                 "5     7         3      0x2 multicast\n");
+                 "5     7         3      0x2 multicast\n\n" + note4);
     expect_table({"ftags", "--active", "--multicast", "--topology", "7"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
-                 "4     7         2      0x6 active,multicast\n");
+                 "4     7         2      0x6 active,multicast\n\n" + note4);
     expect_table({"ftags", "--topology", "8"},
                  "FTAG  TOPOLOGY  GRAPH  FLAGS\n"
-                 "9     8         1      0x14 unicast,active\n" + note);
-    expect_json({"ftags", "--multicast"}, json::parse(R"({
+                 "9     8         1      0x14 unicast,active\n\n" + note9);
+    json multicast = json::parse(R"({
       "filter": ["multicast"], "topology": null,
       "ftag_details": [{"ftag": 4, "topology": 7, "graph": 2, "flags": ["active", "multicast"], "flags_code": 6},
-                {"ftag": 5, "topology": 7, "graph": 3, "flags": ["multicast"], "flags_code": 2}]})"));
+                {"ftag": 5, "topology": 7, "graph": 3, "flags": ["multicast"], "flags_code": 2}]})");
+    multicast["notes"] = {note4.substr(6, note4.size() - 7)};
+    expect_json({"ftags", "--multicast"}, multicast);
 }
 
 TEST_F(TarnctlShow, Vlan)

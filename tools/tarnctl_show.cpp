@@ -887,7 +887,9 @@ int run_ftags(const Sub &sub, const Args &a)
         std::string flags = known ? hex(d.flags) : "-";
         if (known && d.flags != 0)
             flags += " " + flags_text(d.flags);
-        if (known && d.graph == 1 && d.flags != keyed_flags(1))
+        // The full list: every ftag that a lookup by key (by topology and
+        // graph, by VLAN and graph) cannot find.
+        if (known && d.flags != keyed_flags(d.graph))
             notes.push_back(unkeyed_note(owner, d));
         rows.push_back({num(f), owner == GYRE_TPG_NONE ? "-" : num(owner),
                         known ? num(d.graph) : "-", flags});
