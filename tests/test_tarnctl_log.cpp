@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <string>
@@ -121,8 +122,13 @@ TEST_F(TarnctlLog, SinceKeepsLaterLines)
     append("continuation nobody started\n");
     r = tarnctl({"log", "--since", "1d"});
     EXPECT_EQ("", r.out);
+    // A date alone is its midnight.
+    r = tarnctl({"log", "--since", "2026-01-02"});
+    EXPECT_NE(std::string::npos, r.out.find("early\n")) << r.out;
+    r = tarnctl({"log", "--since", "2026-01-03"});
+    EXPECT_EQ("", r.out);
     for (const char *bad : {"yesterday", "5", "5w", "2026-13-01T00:00", "2026-01-02T03:04:05x",
-                            "-5m"}) {
+                            "-5m", "2026-02-30T10:00", "2026-01-02T24:00", "2026-01-02T"}) {
         r = tarnctl({"log", "--since", bad});
         EXPECT_EQ(2, r.status) << bad;
         EXPECT_NE(std::string::npos,
@@ -141,6 +147,26 @@ TEST_F(TarnctlLog, ControlCharactersAreEscaped)
     EXPECT_EQ("name \\e[31mred\\x07 end\n", r.out);
     r = tarnctl({"log", "--json"});
     EXPECT_EQ("name \x1b[31mred\x07 end", json::parse(r.out)["text"]);
+}
+
+// A rotated log (moved away, a new file made in its place) is followed
+// into the new file.
+TEST_F(TarnctlLog, FollowsALogThatIsRotated)
+{
+    append(std::string(kLine1) + "\n");
+    Proc p;
+    p.start({"log", "-f", "--timeout", "20"});
+    ASSERT_TRUE(p.wait_for(std::string(kLine1) + "\n")) << p.err();
+    const std::string path = root_ + "/log/messages";
+    ASSERT_EQ(0, rename(path.c_str(), (path + ".1").c_str()));
+    append("after the rotation\n");
+    ASSERT_TRUE(p.wait_for("after the rotation\n")) << p.out();
+    ASSERT_EQ(0, unlink(path.c_str()));
+    append("after a delete\n");
+    ASSERT_TRUE(p.wait_for("after a delete\n")) << p.out();
+    kill(p.pid, SIGTERM);
+    EXPECT_EQ(0, p.wait());
+    EXPECT_EQ(std::string(kLine1) + "\nafter the rotation\nafter a delete\n", p.out());
 }
 
 }  // namespace

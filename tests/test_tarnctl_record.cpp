@@ -212,7 +212,8 @@ TEST_F(TarnctlRecord, ReplayRefusesABadRecordingAndPublishesNothing)
     Result r = tarnctl({"replay", file});
     EXPECT_EQ(1, r.status);
     EXPECT_EQ("tarnctl replay: " + file +
-                  ":3: \"at\" must be seconds, not before the line above; nothing was published\n",
+                  ":3: \"at\" must be seconds (at most 31536000), not before the line above; "
+                  "nothing was published\n",
               r.err);
     std::ofstream(file) << "{\"recording\":1}\n{\"at\":0,\"opcode\":51208,\"payload\":\"0g\"}\n";
     r = tarnctl({"replay", file});
@@ -241,6 +242,17 @@ TEST_F(TarnctlRecord, ReplayRefusesABadRecordingAndPublishesNothing)
     const json err = json::parse(r.err);
     EXPECT_EQ("", tarntest::tarnctl_schema_problem("error", err)) << r.err;
     EXPECT_EQ("replay", err["error"]["command"]);
+    // A key given twice, and a time beyond any recording.
+    std::ofstream(file) << "{\"recording\":1}\n{\"at\":1,\"opcode\":51208,\"payload\":\"00\","
+                           "\"at\":2}\n";
+    r = tarnctl({"replay", file});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl replay: " + file + ":2: at: given twice; nothing was published\n", r.err);
+    std::ofstream(file) << "{\"recording\":1}\n{\"at\":1e308,\"opcode\":51208,\"payload\":\"00\"}\n";
+    r = tarnctl({"replay", file});
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find(":2: \"at\" must be seconds (at most 31536000)"))
+        << r.err;
     // A recording that cannot be written is an error at once, not at the
     // first notification.
     r = tarnctl({"record", "/dev/full", "--timeout", "1"});

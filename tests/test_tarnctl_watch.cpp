@@ -324,6 +324,9 @@ TEST_F(TarnctlWatch, AppliesNotificationsAndStopsOnSigterm)
                        "GYRE_TPG_DELETE deleted: topology 8 not cached");
     publish_and_expect(&p, 51211, {},
                        "GYRE_NOTIFY_C80B nothing for the cache");
+    // A payload too short to name its topology still says so.
+    publish_and_expect(&p, BUS_OPC_GYRE_TPG_DELETE, {1},
+                       "GYRE_TPG_DELETE a payload of 1 byte, too short to say what changed");
     publish_and_expect(&p, BUS_OPC_TARN_ATTR_CHANGE, attr_change(9, 0),
                        "TARN_ATTR_CHANGE kind 9: ignored");
     // Without a payload the library leaves the message to its caller.
@@ -362,7 +365,7 @@ TEST_F(TarnctlWatch, AppliesNotificationsAndStopsOnSigterm)
 
     EXPECT_EQ(0, kill(p.pid, SIGTERM));
     EXPECT_EQ(0, p.wait());
-    expect_clean_stop(p.out(), "signal", 11);
+    expect_clean_stop(p.out(), "signal", 12);
     EXPECT_EQ("", p.err());
     expect_released();
     for (uint32_t opc : {51201u, 51208u, 51214u, 51215u, 51226u})

@@ -48,8 +48,12 @@ void print_help()
            "SIGINT or\n"
            "                 SIGTERM, or S seconds (--timeout); a log that "
            "shrinks is read\n"
-           "                 again from its start\n"
-           "  --json         one JSON object per line: \"text\" (the whole line), "
+           "                 again from its start, a rotated one (moved away or "
+           "deleted, and\n"
+           "                 made anew) in its new file\n"
+           "  --json         one JSON object per line: \"text\" (the whole line, raw "
+           "but for\n"
+           "                 bytes that are not UTF-8, which JSON cannot hold: U+FFFD), "
            "\"time\",\n"
            "                 \"host\", \"process\" and \"pid\" from its prefix, and "
            "for a\n"
@@ -58,12 +62,13 @@ void print_help()
            "                 \"severity\", \"name\" and \"message\"; null where a "
            "line has none\n"
            "  --grep TEXT    only the lines that contain TEXT\n"
-           "  --since WHEN   only the lines written at or after WHEN: a UTC time\n"
-           "                 (2026-01-02T03:04:05, seconds and Z optional) or a span "
-           "back\n"
-           "                 from now (90s, 15m, 2h, 1d); a line without a time goes "
-           "with\n"
-           "                 the line before it\n"
+           "  --since WHEN   only the lines written at or after WHEN: a UTC date and "
+           "time\n"
+           "                 (2026-01-02T03:04:05; the time, its seconds and the Z may "
+           "be\n"
+           "                 left out) or a span back from now (90s, 15m, 2h, 1d); a "
+           "line\n"
+           "                 without a time goes with the line before it\n"
            "Lines are shown with control characters escaped; --json keeps them raw.\n"
            "\n"
            "Exit status: 0 printed (also when there is no log yet), 1 the log "
@@ -90,20 +95,31 @@ std::string since_text(const char *text)
     } else {
         tm when;
         memset(&when, 0, sizeof when);
-        const char *end = strptime(t.c_str(), "%Y-%m-%dT%H:%M", &when);
+        // A date alone is its midnight.
+        const char *end = strptime(t.c_str(), "%Y-%m-%d", &when);
         if (end == nullptr)
             return "";
-        if (*end == ':') {
-            end = strptime(end, ":%S", &when);
+        if (*end == 'T') {
+            end = strptime(end, "T%H:%M", &when);
             if (end == nullptr)
                 return "";
+            if (*end == ':') {
+                end = strptime(end, ":%S", &when);
+                if (end == nullptr)
+                    return "";
+            }
+            if (*end == 'Z')
+                ++end;
         }
-        if (*end == 'Z')
-            ++end;
         if (*end != '\0')
             return "";
+        const tm asked = when;
         at = timegm(&when);
-        if (at == static_cast<time_t>(-1))
+        // timegm() moves a day that does not exist (February 30) on; such a
+        // date is a mistake, not a time.
+        if (at == static_cast<time_t>(-1) || when.tm_mday != asked.tm_mday ||
+            when.tm_mon != asked.tm_mon || when.tm_hour != asked.tm_hour ||
+            when.tm_min != asked.tm_min || when.tm_sec != asked.tm_sec)
             return "";
     }
     tm u;
@@ -161,6 +177,23 @@ void emit(const std::string &line, Filter *f)
         }
     }
     print_json_line(j);
+}
+
+// Whether log/messages is still the file open as `fd`: looked at through
+// the checked directories without following a link.
+bool same_file(int fd)
+{
+    struct stat open_now, named;
+    if (fstat(fd, &open_now) != 0)
+        return false;
+    const int dfd = tarnhost_rootfs::open_subdir("log", false);
+    if (dfd < 0)
+        return true;  // nothing to move to
+    const bool same = fstatat(dfd, "messages", &named, AT_SYMLINK_NOFOLLOW) != 0
+                          ? errno != ENOENT ? true : open_now.st_nlink != 0
+                          : named.st_ino == open_now.st_ino && named.st_dev == open_now.st_dev;
+    close(dfd);
+    return same;
 }
 
 }  // namespace
@@ -259,6 +292,14 @@ int cmd_log(int argc, char **argv)
         }
         if (!follow)
             break;
+        // A log that was moved away or deleted and made anew (rotated) is
+        // followed into its new file, from its start.
+        if (fd >= 0 && !same_file(fd)) {
+            if (!partial.empty())
+                emit(partial, &filter);
+            close(fd);
+            fd = -1;
+        }
         timespec now;
         clock_gettime(CLOCK_MONOTONIC, &now);
         if (g_stop || output_failed() || (timeout != 0 && static_cast<uint64_t>(now.tv_sec - begun.tv_sec) >= timeout))

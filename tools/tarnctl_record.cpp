@@ -26,6 +26,7 @@
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
+#include "tools/device_records.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_bus.h"
 #include "tools/tarnctl_output.h"
@@ -140,6 +141,9 @@ struct Event {
     std::vector<uint8_t> payload;
 };
 
+// A recording spans at most a year, as record's --timeout does.
+constexpr double kMaxAt = 86400.0 * 365;
+
 // The events of a recording; "" or what is wrong, naming the line.
 std::string read_recording(const char *file, std::vector<Event> *out)
 {
@@ -165,7 +169,18 @@ std::string read_recording(const char *file, std::vector<Event> *out)
         }
         ++number;
         const std::string where = std::string(file) + ":" + std::to_string(number) + ": ";
-        const json j = json::parse(line, nullptr, false);
+        // The device tools' parser: a key given twice is refused, not
+        // silently the later one.
+        json j;
+        try {
+            j = tarndev::parse_json(line, where.substr(0, where.size() - 2));
+        } catch (const tarndev::Refusal &r) {
+            const std::string source = where.substr(0, where.size() - 2) + ": ";
+            error = where + (r.message.compare(0, source.size(), source) == 0
+                                 ? r.message.substr(source.size())
+                                 : r.message);
+            break;
+        }
         line.clear();
         if (!j.is_object()) {
             error = where + "not a JSON object";
@@ -180,8 +195,10 @@ std::string read_recording(const char *file, std::vector<Event> *out)
         }
         Event e;
         if (!j.contains("at") || !j["at"].is_number() || j["at"].get<double>() < last ||
-            !std::isfinite(j["at"].get<double>())) {
-            error = where + "\"at\" must be seconds, not before the line above";
+            !(j["at"].get<double>() <= kMaxAt)) {
+            error = where + "\"at\" must be seconds (at most " +
+                    std::to_string(static_cast<long>(kMaxAt)) +
+                    "), not before the line above";
             break;
         }
         if (!j.contains("opcode") || !j["opcode"].is_number_unsigned() ||

@@ -302,6 +302,11 @@ std::string describe(const Seen &s, int32_t result)
         add("not for libtarn");
         break;
     }
+    // A payload too short to name what it is about still gets a line that
+    // says so.
+    if (out.empty())
+        add("a payload of " + std::to_string(s.bytes) + (s.bytes == 1 ? " byte" : " bytes") +
+            ", too short to say what changed");
     return out;
 }
 
