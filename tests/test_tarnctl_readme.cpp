@@ -54,16 +54,19 @@ TEST_F(TarnctlReadme, TourRunsAsWritten)
     const std::vector<std::string> code = section_code(readme, "A five-minute tour");
     ASSERT_FALSE(code.empty());
 
-    // The commands: the first block, comments dropped.
+    // The commands: every block of the section, in order, comments
+    // dropped.
     std::vector<std::string> commands;
     for (const std::string &raw : code) {
-        if (raw.empty() && !commands.empty())
-            break;
         std::string c = raw.substr(0, raw.find('#'));
         while (!c.empty() && c.back() == ' ')
             c.pop_back();
-        if (!c.empty())
-            commands.push_back(c);
+        // Commands, not the output that the section shows between them.
+        for (const char *start : {"tarnctl ", "kill ", "export "})
+            if (c.rfind(start, 0) == 0) {
+                commands.push_back(c);
+                break;
+            }
     }
     ASSERT_EQ(0u, commands[0].rfind("export TARNHOST_ROOT=", 0)) << commands[0];
 
@@ -72,24 +75,36 @@ TEST_F(TarnctlReadme, TourRunsAsWritten)
     const std::string watch_out = root_ + "/tour-watch.out";
     std::string script = "set -e\ncd '" TARN_SOURCE_DIR "'\n";
     script += "export TARNHOST_ROOT='" + root_ + "' PATH='" + tools + "':$PATH\n";
-    size_t applies = 0;
+    size_t applies = 0, watches = 0, jobs = 0;
     for (size_t i = 1; i < commands.size(); ++i) {
         std::string c = commands[i];
+        // The recording goes to this test's root, not the source tree.
+        c = std::regex_replace(c, std::regex("field\\.ndjson"), root_ + "/field.ndjson");
         if (c == "tarnctl watch &") {
             // The access point that watch prints is the N of the lines below.
-            script += "tarnctl watch > '" + watch_out + "' &\n";
-            script += "for i in $(seq 300); do grep -q '^watching' '" + watch_out +
+            const std::string o = watches++ == 0 ? watch_out : root_ + "/tour-watch2.out";
+            script += "tarnctl watch > '" + o + "' &\n";
+            script += "for i in $(seq 300); do grep -q '^watching' '" + o +
                       "' && break; sleep 0.1; done\n";
-            script += "N=$(sed -n 's/^access point \\([0-9]*\\),.*/\\1/p' '" + watch_out + "')\n";
+            script += "N=$(sed -n 's/^access point \\([0-9]*\\),.*/\\1/p' '" + o + "')\n";
+            continue;
+        }
+        if (c.size() > 2 && c.compare(c.size() - 2, 2, " &") == 0) {
+            // Started in the background as a reader would, and waited for
+            // until it has said its first line, as a reader would see.
+            const std::string o = root_ + "/tour-job" + std::to_string(++jobs) + ".out";
+            script += c.substr(0, c.size() - 2) + " > '" + o + "' 2>&1 &\n";
+            script += "for i in $(seq 300); do [ -s '" + o + "' ] && break; sleep 0.1; done\n";
             continue;
         }
         c = std::regex_replace(c, std::regex(" N( |$)"), " $$N$1");
         applies += c.rfind("tarnctl apply ", 0) == 0;
         script += "echo \"$ " + c + "\"\n" + c + "\n";
-        if (c == "kill %1")
-            script += "wait %1 || true\n";
+        if (c.rfind("kill ", 0) == 0)
+            script += "wait || true\n";
     }
-    ASSERT_EQ(1u, applies);
+    ASSERT_EQ(2u, applies);
+    ASSERT_EQ(2u, jobs);
     const std::string script_path = root_ + "/tour.sh";
     std::ofstream(script_path) << script;
     const std::string out_path = root_ + "/tour.out";
@@ -144,6 +159,32 @@ TEST_F(TarnctlReadme, TourRunsAsWritten)
     // request is one line, none twice.
     EXPECT_EQ(notifications + 2, messages) << watched;
     EXPECT_NE(std::string::npos, watched.find("stopped (signal)")) << watched;
+
+    // The passive listener printed every notification of the second apply
+    // as a JSON line, the recording holds them, and the replay gave a fresh
+    // client the cache that the first one ended with.
+    const std::string passive = slurp(root_ + "/tour-job1.out");
+    size_t events = 0;
+    for (size_t p = passive.find("\"event\":\"notification\""); p != std::string::npos;
+         p = passive.find("\"event\":\"notification\"", p + 1))
+        ++events;
+    EXPECT_EQ(notifications, events) << passive;
+    EXPECT_NE(std::string::npos,
+              out.find("replayed " + std::to_string(notifications) + " of " +
+                       std::to_string(notifications) + " notifications from " + root_ +
+                       "/field.ndjson\n"))
+        << out;
+    const size_t second = out.rfind("$ tarnctl dump-cache --sap ");
+    ASSERT_NE(std::string::npos, second);
+    const size_t last_verify = out.find("$ tarnctl dump-cache", out.find("$ tarnctl apply"));
+    ASSERT_NE(std::string::npos, last_verify);
+    std::string before_replay = out.substr(out.find('\n', last_verify) + 1);
+    before_replay = before_replay.substr(0, before_replay.find("\nverify:"));
+    std::string after_replay = out.substr(out.find('\n', second) + 1);
+    after_replay = after_replay.substr(0, after_replay.find("\n$ "));
+    EXPECT_NE(std::string::npos, before_replay.find("GYRE Cache Information")) << out;
+    EXPECT_EQ(before_replay, after_replay) << out;
+    EXPECT_NE(std::string::npos, out.find("$ tarnctl log --since 10m\n")) << out;
 }
 
 }  // namespace
