@@ -3,90 +3,28 @@
 // renewed read transaction) in the same run.  The counter "ratio" of a
 // query is its time over the raw read's.
 
-#include <arpa/inet.h>
-#include <lmdb.h>
-#include <stdlib.h>
-#include <string.h>
+#include <stdio.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "bench/query_device.h"
 #include "bench/ratio_reporter.h"
-#include "bench/raw_lmdb.h"
 
 #include <tarn/tarn.h>
 
-#include "host/tarnhost.h"
-#include "tools/device_loader.h"
-
 namespace {
 
-constexpr int kContexts = 4000;
-constexpr int kInterfaces = 16000;
+using tarnbench::key_id;
+using tarnbench::key_name;
 
-struct Device {
-    RawLmdb raw;
-    bool ok = false;
-
-    Device()
-    {
-        char tmpl[] = "/tmp/tarnbench.XXXXXX";
-        const char *root = mkdtemp(tmpl);
-        setenv("TARNHOST_ROOT", root, 1);
-        tarnhost_root_prepare();
-        std::string json = "{\"cell\": 2, \"contexts\": [";
-        for (int i = 1; i <= kContexts; ++i)
-            json += "{\"id\": " + std::to_string(i) + ", \"name\": \"vrf" + std::to_string(i) +
-                    "\", \"tables\": [{\"id\": " + std::to_string(2 * i) +
-                    ", \"af\": 1, \"name\": \"t4\"}, {\"id\": " + std::to_string(2 * i + 1) +
-                    ", \"af\": 2, \"name\": \"t6\"}]}" + (i < kContexts ? "," : "");
-        json += "], \"interfaces\": [";
-        for (int i = 1; i <= kInterfaces; ++i)
-            json += "{\"ifindex\": " + std::to_string(i) + ", \"iod\": " + std::to_string(i) +
-                    ", \"name\": \"e" + std::to_string(i) + "\", \"context\": \"vrf" +
-                    std::to_string(1 + i % kContexts) + "\"}" + (i < kInterfaces ? "," : "");
-        json += "]}";
-        if (tarndev::load_device_text(json, "bench").status != 0 || tarn_api_init() != 1)
-            return;
-        if (!raw.open("tarn_global_kvs"))
-            return;
-        ok = true;
-    }
-
-    // The raw read the queries are measured against.
-    bool raw_read(const uint8_t *key) { return raw.read(key, 48); }
-};
-
-Device &device()
-{
-    static Device d;
-    return d;
-}
-
-std::vector<uint8_t> key_id(uint32_t kind, uint32_t id)
-{
-    std::vector<uint8_t> key(48, 0);
-    const uint32_t k = htonl(kind), v = htonl(id);
-    memcpy(&key[0], &k, 4);
-    memcpy(&key[4], &v, 4);
-    return key;
-}
-
-std::vector<uint8_t> key_name(uint32_t kind, const std::string &name)
-{
-    std::vector<uint8_t> key(48, 0);
-    const uint32_t k = htonl(kind);
-    memcpy(&key[0], &k, 4);
-    memcpy(&key[4], name.data(), name.size());
-    return key;
-}
+tarnbench::QueryDevice &device() { return tarnbench::query_device(); }
 
 void BM_RawReadContextName(benchmark::State &state)
 {
-    Device &d = device();
+    tarnbench::QueryDevice &d = device();
     std::vector<std::vector<uint8_t>> keys;
     for (int i = 1; i <= 256; ++i)
         keys.push_back(key_name(1, "vrf" + std::to_string(i * 13)));
@@ -110,7 +48,7 @@ void BM_ContextId(benchmark::State &state)
 
 void BM_RawReadContextInfo(benchmark::State &state)
 {
-    Device &d = device();
+    tarnbench::QueryDevice &d = device();
     std::vector<std::vector<uint8_t>> keys;
     for (int i = 1; i <= 256; ++i)
         keys.push_back(key_id(3, static_cast<uint32_t>(i * 13)));
@@ -132,7 +70,7 @@ void BM_ContextInfo(benchmark::State &state)
 
 void BM_RawReadIfContext(benchmark::State &state)
 {
-    Device &d = device();
+    tarnbench::QueryDevice &d = device();
     std::vector<std::vector<uint8_t>> keys;
     for (int i = 1; i <= 256; ++i)
         keys.push_back(key_id(5, static_cast<uint32_t>(i * 61)));
