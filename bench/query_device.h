@@ -5,12 +5,12 @@
 #define TARN_BENCH_QUERY_DEVICE_H
 
 #include <arpa/inet.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
 
+#include "bench/bench_root.h"
 #include "bench/raw_lmdb.h"
 
 #include <tarn/tarn.h>
@@ -26,17 +26,12 @@ constexpr int kInterfaces = 16000;
 // Contexts "vrf1" to "vrf4000" with ids 1 to 4000; interface i (ifindex i)
 // in context "vrf<1 + i % 4000>".
 struct QueryDevice {
+    BenchRoot root;  // removed at exit
     RawLmdb raw;
     bool ok = false;
 
     QueryDevice()
     {
-        char tmpl[] = "/tmp/tarnbench.XXXXXX";
-        const char *root = mkdtemp(tmpl);
-        if (root == nullptr)
-            return;
-        setenv("TARNHOST_ROOT", root, 1);
-        tarnhost_root_prepare();
         std::string json = "{\"cell\": 2, \"contexts\": [";
         for (int i = 1; i <= kContexts; ++i)
             json += "{\"id\": " + std::to_string(i) + ", \"name\": \"vrf" + std::to_string(i) +

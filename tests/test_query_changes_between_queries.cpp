@@ -13,6 +13,7 @@
 #include "support/device.h"
 #include "support/fixture.h"
 #include "support/library.h"
+#include "support/tool_process.h"
 #include "tools/device_loader.h"
 
 using json = nlohmann::json;
@@ -35,16 +36,7 @@ protected:
 
     static std::string read_fixture(const char *name)
     {
-        std::string text;
-        FILE *f = fopen(tarntest::fixture(name).c_str(), "r");
-        if (f == nullptr)
-            return text;
-        char buf[4096];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, f)) > 0)
-            text.append(buf, n);
-        fclose(f);
-        return text;
+        return tarntest::slurp(tarntest::fixture(name));
     }
 
     static json &interface(json &device, uint32_t ifindex)
