@@ -20,11 +20,6 @@ const char kEmptySet[] = "--";
 // The longest item of either notation: ",4095-4095" or "4095-4095 ".
 constexpr size_t kLongestItem = 10;
 
-inline uint32_t decimal_length(uint32_t v)
-{
-    return 1u + (v > 9) + (v > 99) + (v > 999);
-}
-
 // One item of either notation, exactly: [lead]first[-last][tail]; returns
 // the end.
 inline char *put_item(char *p, char lead, uint32_t first, uint32_t last, char tail)
@@ -166,7 +161,8 @@ TARN_API int32_t gyre_sprintf_vlan_range(const void *vlans, char *buf, uint32_t 
         char *at = buf + written;
         const uint32_t room = size - static_cast<uint32_t>(written);
         if (static_cast<uint32_t>(written) < roomy) {
-            const uint32_t length = decimal_length(b) + (b != e ? 1 + decimal_length(e) : 0) + 1;
+            const uint32_t length =
+                gyre::decimal_length(b) + (b != e ? 1 + gyre::decimal_length(e) : 0) + 1;
             spare = at + length + 1;
             spare_value = *spare;
             char *p = gyre::put_decimal_wide(at, b);
