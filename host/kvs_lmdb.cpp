@@ -711,7 +711,10 @@ uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len, const vo
     if (rd->cache == nullptr && key_len <= tarnhost::KvsValueCache::kKeyMax)
         rd->cache = new (std::nothrow) tarnhost::KvsValueCache;  // else read uncached
     tarnhost::KvsValueCache::Answer kept;
-    if (rd->cache != nullptr && rd->cache->find(key, key_len, generation, &kept)) {
+    tarnhost::KvsValueCache::Place place{0, 0};
+    if (rd->cache != nullptr && key_len <= tarnhost::KvsValueCache::kKeyMax)
+        place = tarnhost::KvsValueCache::place_of(key, key_len);
+    if (rd->cache != nullptr && rd->cache->find(key, key_len, place, generation, &kept)) {
         if (!kept.found)
             return KVS_ERR_NOT_FOUND;
         *data = kept.value;
@@ -730,8 +733,8 @@ uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len, const vo
     const void *copy = nullptr;
     if (rc == 0 || rc == MDB_NOTFOUND) {
         if (rd->cache != nullptr)
-            copy = rd->cache->keep(key, key_len, snapshot, rc == 0 ? v.mv_data : nullptr,
-                                   static_cast<uint32_t>(v.mv_size));
+            copy = rd->cache->keep(key, key_len, place, snapshot,
+                                   rc == 0 ? v.mv_data : nullptr, static_cast<uint32_t>(v.mv_size));
         if (rc == 0)
             st = copy != nullptr || keep_value(rd, v) ? KVS_OK : KVS_ERR_IO;
         else

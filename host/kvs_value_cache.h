@@ -37,13 +37,26 @@ public:
         uint32_t len;
     };
 
+    // Where a key's answer is kept, found once for both calls below.
+    struct Place {
+        uint32_t set;
+        uint32_t tag;  // never 0
+    };
+    static Place place_of(const void *key, uint32_t key_len)
+    {
+        Place p;
+        p.set = set_of(key, key_len, &p.tag);
+        return p;
+    }
+
     // The answer kept for `key` at `generation`; false when there is none.
-    bool find(const void *key, uint32_t key_len, uint64_t generation, Answer *out) const
+    bool find(const void *key, uint32_t key_len, Place place, uint64_t generation,
+              Answer *out) const
     {
         if (key_len > kKeyMax || generation == 0)
             return false;
-        uint32_t tag;
-        const Set &s = sets_[set_of(key, key_len, &tag)];
+        const uint32_t tag = place.tag;
+        const Set &s = sets_[place.set];
         for (uint32_t i = 0; i < kWays; ++i) {
             if (s.tags[i] != tag)
                 continue;
@@ -60,13 +73,13 @@ public:
     // Keeps the answer read for `key` in the snapshot of `generation`
     // (found with `value`, or absent when `value` is null); returns the
     // kept copy of the value, or null when it is not kept.
-    const void *keep(const void *key, uint32_t key_len, uint64_t generation, const void *value,
-                     uint32_t len)
+    const void *keep(const void *key, uint32_t key_len, Place place, uint64_t generation,
+                     const void *value, uint32_t len)
     {
         if (key_len > kKeyMax || generation == 0 || (value != nullptr && len > kValueMax))
             return nullptr;
-        uint32_t tag;
-        Set &s = sets_[set_of(key, key_len, &tag)];
+        const uint32_t tag = place.tag;
+        Set &s = sets_[place.set];
         // The way holding the key already, else an empty one, else the
         // one filled longest ago.
         uint32_t way = kWays;
