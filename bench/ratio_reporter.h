@@ -25,12 +25,18 @@ public:
     {
         per_item_.push_back({std::move(measured), std::move(baseline), factor});
     }
+    // Compares wall-clock times instead of CPU times: for operations that
+    // wait for another process or the kernel, whose work the caller's CPU
+    // time leaves out.
+    void use_real_time() { real_time_ = true; }
     // Times are kept in nanoseconds whatever unit a benchmark reports in.
     void ReportRuns(const std::vector<Run> &runs) override
     {
         for (const Run &r : runs)
-            times_[r.benchmark_name()] =
-                r.GetAdjustedCPUTime() * 1e9 / benchmark::GetTimeUnitMultiplier(r.time_unit);
+            if (!r.error_occurred)  // a skipped run has no time to compare
+                times_[r.benchmark_name()] =
+                    (real_time_ ? r.GetAdjustedRealTime() : r.GetAdjustedCPUTime()) * 1e9 /
+                    benchmark::GetTimeUnitMultiplier(r.time_unit);
         ConsoleReporter::ReportRuns(runs);
     }
     void Finalize() override
@@ -59,6 +65,7 @@ private:
     std::vector<std::pair<std::string, std::string>> pairs_;
     std::vector<PerItem> per_item_;
     std::map<std::string, double> times_;
+    bool real_time_ = false;
 };
 
 #endif

@@ -74,74 +74,78 @@ inline uint32_t count_set(const uint8_t *bits, uint32_t nbits)
 }
 
 // The maximal runs of set bits of a map of `nbits` bits (a multiple of 64),
-// ascending, found with whole-word operations: a run costs a few
-// instructions however long it is.  The map is read as big-endian 64-bit
-// words, in which bit i is bit 63 - i % 64 of word i / 64, so the lowest
-// element is the word's leading bit.
+// ascending.
+//
+// Each 64-bit word is read with element i at bit i % 64 (the bits of every
+// byte reversed), so that x ^ (x << 1 | carry) has a bit exactly where a
+// run starts or where the element before was the last of a run.  Those
+// edges come in start/end pairs, taken lowest first with a count of
+// trailing zeros and cleared with x & (x - 1): a run costs a few
+// independent instructions, whatever its length and position.  Words
+// without an edge (all clear outside a run, all set inside one) are passed
+// over before any of that.
 class SetRuns {
 public:
-    SetRuns(const uint8_t *bits, uint32_t nbits)
-        : bits_(bits), words_(nbits / 64), w_(0), rest_(words_ > 0 ? word(0) : 0)
-    {
-    }
+    SetRuns(const uint8_t *bits, uint32_t nbits) : bits_(bits), words_(nbits / 64) {}
 
     // The next run [*first, *last]; false when no set bit is left.
-    bool next(uint32_t *first, uint32_t *last)
+    inline __attribute__((always_inline)) bool next(uint32_t *first, uint32_t *last)
     {
-        // rest_ holds the bits of word w_ not yet handed out.
-        while (rest_ == 0) {
-            if (++w_ >= words_)
-                return false;
-            rest_ = word(w_);
-        }
-        const uint32_t lead = static_cast<uint32_t>(__builtin_clzll(rest_));
-        const uint32_t start = w_ * 64 + lead;
-        // The clear bits after the start, moved up to the top; bits before
-        // it were handed out already and are shifted away.
-        uint64_t clear = ~rest_ << lead;
-        if (clear != 0) {
-            // The run ends inside this word, before bit lead + length.
-            const uint32_t length = static_cast<uint32_t>(__builtin_clzll(clear));
-            rest_ &= ~0ull >> (lead + length);
+        for (;;) {
+            while (edges_ == 0) {
+                if (w_ >= words_) {
+                    if (carry_ == 0)
+                        return false;
+                    carry_ = 0;  // a run up to the last element
+                    *first = start_;
+                    *last = words_ * 64 - 1;
+                    return true;
+                }
+                uint64_t x;
+                memcpy(&x, bits_ + 8u * w_, sizeof x);
+                base_ = 64 * w_++;
+                if (x == 0 - carry_)
+                    continue;  // no edge: carry_ stays
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+                x = __builtin_bswap64(x);  // byte 0 in the low bits
+#endif
+                x = ((x >> 1) & 0x5555555555555555ull) | ((x & 0x5555555555555555ull) << 1);
+                x = ((x >> 2) & 0x3333333333333333ull) | ((x & 0x3333333333333333ull) << 2);
+                x = ((x >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((x & 0x0F0F0F0F0F0F0F0Full) << 4);
+                edges_ = x ^ ((x << 1) | carry_);
+                const uint64_t open = carry_;
+                carry_ = x >> 63;
+                if (open != 0) {
+                    // The first edge ends the run open since an earlier word.
+                    const uint32_t end = base_ + static_cast<uint32_t>(__builtin_ctzll(edges_));
+                    edges_ &= edges_ - 1;
+                    *first = start_;
+                    *last = end - 1;
+                    return true;
+                }
+            }
+            const uint32_t start = base_ + static_cast<uint32_t>(__builtin_ctzll(edges_));
+            edges_ &= edges_ - 1;
+            if (edges_ == 0) {
+                start_ = start;  // runs on into the next word (carry_ is 1)
+                continue;
+            }
+            const uint32_t end = base_ + static_cast<uint32_t>(__builtin_ctzll(edges_));
+            edges_ &= edges_ - 1;
             *first = start;
-            *last = start + length - 1;
+            *last = end - 1;
             return true;
         }
-        // The run goes on into the following words.
-        for (;;) {
-            if (++w_ >= words_) {
-                rest_ = 0;
-                *first = start;
-                *last = words_ * 64 - 1;
-                return true;
-            }
-            rest_ = word(w_);
-            clear = ~rest_;
-            if (clear != 0)
-                break;
-        }
-        const uint32_t end = static_cast<uint32_t>(__builtin_clzll(clear));  // in word w_
-        rest_ &= ~0ull >> end;
-        *first = start;
-        *last = w_ * 64 + end - 1;
-        return true;
     }
 
 private:
-    uint64_t word(uint32_t w) const
-    {
-        uint64_t x;
-        memcpy(&x, bits_ + 8u * w, sizeof x);
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-        x = __builtin_bswap64(x);
-#endif
-        return x;
-    }
-
     const uint8_t *bits_;
     uint32_t words_;
-    uint32_t w_;
-    uint64_t rest_;
+    uint32_t w_ = 0;      // the next word to read
+    uint32_t base_ = 0;   // the first element of the word of edges_
+    uint32_t start_ = 0;  // of the run open at the end of the last word
+    uint64_t carry_ = 0;  // 1 when the last element read is set
+    uint64_t edges_ = 0;  // edges of the last word not yet handed out
 };
 
 }  // namespace gyre

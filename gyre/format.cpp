@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "gyre/bits.h"
+#include "gyre/decimal.h"
 #include "gyre/internal.h"
 #include "platform/dbgwrap.h"
 #include "platform/kpipe.h"
@@ -19,73 +20,36 @@ const char kEmptySet[] = "--";
 // The longest item of either notation: ",4095-4095" or "4095-4095 ".
 constexpr size_t kLongestItem = 10;
 
-// "00" to "99", so that a number takes one table read per two digits.
-struct DigitPairs {
-    char d[200];
-    constexpr DigitPairs() : d()
-    {
-        for (int i = 0; i < 100; ++i) {
-            d[2 * i] = static_cast<char>('0' + i / 10);
-            d[2 * i + 1] = static_cast<char>('0' + i % 10);
-        }
-    }
-};
-constexpr DigitPairs kDigitPairs;
-
-// Writes v (below 10000: elements go up to 4095) in decimal as "%d" does;
-// returns the end.
-inline __attribute__((always_inline)) char *put_number(char *p, uint32_t v)
-{
-    const char *pairs = kDigitPairs.d;
-    if (v < 10) {
-        *p++ = static_cast<char>('0' + v);
-    } else if (v < 100) {
-        memcpy(p, pairs + 2 * v, 2);
-        p += 2;
-    } else if (v < 1000) {
-        *p++ = static_cast<char>('0' + v / 100);
-        memcpy(p, pairs + 2 * (v % 100), 2);
-        p += 2;
-    } else {
-        memcpy(p, pairs + 2 * (v / 100), 2);
-        memcpy(p + 2, pairs + 2 * (v % 100), 2);
-        p += 4;
-    }
-    return p;
-}
-
-// The same as put_number, but may write up to four bytes whatever the
-// number's length: for a string whose bytes past the text are written
-// again afterwards.  Branch-free on little-endian hosts.
-inline __attribute__((always_inline)) char *put_number_wide(char *p, uint32_t v)
-{
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    uint16_t hi, lo;
-    memcpy(&hi, kDigitPairs.d + 2 * (v / 100), 2);
-    memcpy(&lo, kDigitPairs.d + 2 * (v % 100), 2);
-    const uint32_t skip = (v < 1000) + (v < 100) + (v < 10);  // leading zeros
-    const uint32_t digits = (hi | static_cast<uint32_t>(lo) << 16) >> (8 * skip);
-    memcpy(p, &digits, 4);
-    return p + 4 - skip;
-#else
-    return put_number(p, v);
-#endif
-}
-
-// One item of either notation: [lead]first[-last][tail]; returns the end.
-inline __attribute__((always_inline)) char *put_item(char *p, char lead, uint32_t first, uint32_t last,
-                                                  char tail)
+// One item of either notation, exactly: [lead]first[-last][tail]; returns
+// the end.
+inline char *put_item(char *p, char lead, uint32_t first, uint32_t last, char tail)
 {
     if (lead != '\0')
         *p++ = lead;
-    p = put_number(p, first);
+    p = gyre::put_decimal(p, first);
     if (last != first) {
         *p++ = '-';
-        p = put_number(p, last);
+        p = gyre::put_decimal(p, last);
     }
     if (tail != '\0')
         *p++ = tail;
     return p;
+}
+
+// A comma item written with whole 4-byte numbers, its lead written always
+// and its range part written always but kept only when there is one: no
+// branch on the item's shape.  Writes up to kLongestItem bytes from p;
+// the bytes past the item's end are left to be written again.  Returns
+// the end.
+inline __attribute__((always_inline)) char *put_comma_item_wide(char *p, size_t lead,
+                                                             uint32_t first, uint32_t last)
+{
+    *p = ',';  // overwritten by the number when there is no lead
+    p += lead;
+    p = gyre::put_decimal_wide(p, first);
+    *p = '-';
+    char *range_end = gyre::put_decimal_wide(p + 1, last);
+    return last != first ? range_end : p;
 }
 
 // Comma notation ("1-3,5,10-11") of a map of `nbits` bits, cut after the
@@ -99,50 +63,49 @@ const char *comma_notation(const uint8_t *bits, uint32_t nbits, char *out, size_
 {
     gyre::SetRuns runs(bits, nbits);
     uint32_t first = 0, last = 0;
-    if (!runs.next(&first, &last)) {
-        memset(out, 0, size);
-        printf_curr_idx = 0;
-        return kEmptySet;
-    }
-    size_t pos = 0;
+    size_t lead = 0;  // 1 once an item was written: later ones begin with ','
     uint32_t last_written = 0;
-    bool whole = true;
-    do {
-        const char lead = pos == 0 ? '\0' : ',';
-        const size_t room = size - pos;
-        if (room > kLongestItem) {
-            // Bytes written past the item are written again by the next
-            // item or by the clearing below.
-            char *p = out + pos;
-            if (lead != '\0')
-                *p++ = lead;
-            p = put_number_wide(p, first);
-            if (last != first) {
-                *p++ = '-';
-                p = put_number_wide(p, last);
-            }
-            pos = static_cast<size_t>(p - out);
-        } else {
-            char item[kLongestItem];
-            const size_t n = static_cast<size_t>(put_item(item, lead, first, last, '\0') - item);
-            if (n >= room) {
-                memcpy(out + pos, item, room - 1);
-                out[size - 1] = '\0';
-                whole = false;
-                break;
-            }
-            memcpy(out + pos, item, n);
-            pos += n;
-        }
+    // Items that start before `roomy` fit however long they are: they are
+    // written without looking at the room left, and the bytes written past
+    // each are written again by the next item or by the clearing below.
+    char *p = out;
+    char *const roomy = out + size - kLongestItem - 1;
+    bool more = runs.next(&first, &last);
+    if (more && p < roomy) {
+        p = put_comma_item_wide(p, 0, first, last);
+        lead = 1;
         last_written = last;
-    } while (runs.next(&first, &last));
+        while ((more = runs.next(&first, &last)) && p < roomy) {
+            p = put_comma_item_wide(p, 1, first, last);
+            last_written = last;
+        }
+    }
+    // Near the end, each item is made apart and written only as far as it
+    // fits.
+    bool whole = true;
+    for (; more; more = runs.next(&first, &last)) {
+        char item[kLongestItem];
+        const size_t n =
+            static_cast<size_t>(put_item(item, lead ? ',' : '\0', first, last, '\0') - item);
+        const size_t room = size - static_cast<size_t>(p - out);
+        if (n >= room) {
+            memcpy(p, item, room - 1);
+            out[size - 1] = '\0';
+            whole = false;
+            break;
+        }
+        memcpy(p, item, n);
+        p += n;
+        lead = 1;
+        last_written = last;
+    }
     if (whole) {
-        memset(out + pos, 0, size - pos);
+        memset(p, 0, size - static_cast<size_t>(p - out));
     } else {
-        out[pos] = '\0';
+        *p = '\0';
     }
     printf_curr_idx = whole ? 0 : static_cast<int>(last_written);
-    return out;
+    return lead != 0 ? out : kEmptySet;
 }
 
 }  // namespace
@@ -170,7 +133,8 @@ TARN_API const char *gyre_ftag2str(const void *ftags)
 // Space notation ("1-3 5 10-11 "), each item followed by one space.  The
 // written count adds up what the bounded print returns for each item, so a
 // cut item counts whole; nothing follows once the buffer is full.  Items
-// that fit are written here directly, as the print would write them.
+// that fit are written here directly, as the print would write them, and
+// the caller's bytes past the text are left as they were.
 TARN_API int32_t gyre_sprintf_vlan_range(const void *vlans, char *buf, uint32_t size)
 {
     if (buf == nullptr || size == 0)
@@ -179,24 +143,45 @@ TARN_API int32_t gyre_sprintf_vlan_range(const void *vlans, char *buf, uint32_t 
     if (vlans == nullptr)
         return 0;
     const uint8_t *bits = static_cast<const uint8_t *>(vlans) + 4;
-    gyre::SetRuns runs(bits, GYRE_VLAN_COUNT);
     int32_t written = 0;
+    // Items that start before this position fit with their terminator and
+    // the byte after it, however long they are.
+    const uint32_t roomy = size > kLongestItem + 2 ? size - kLongestItem - 2 : 0;
+    // A number written whole overwrites up to two bytes past its item: the
+    // first is the next item's or the terminator's; the second is the next
+    // item's too, or, after the last item, the caller's byte kept here.
+    char *spare = nullptr;
+    char spare_value = 0;
+    gyre::SetRuns runs(bits, GYRE_VLAN_COUNT);
     uint32_t b = 0, e = 0;
     while (runs.next(&b, &e)) {
         // Past the end of the buffer nothing more can be written.
         if (written < 0 || static_cast<uint32_t>(written) >= size)
             break;
-        const uint32_t room = size - static_cast<uint32_t>(written);
         char *at = buf + written;
-        if (room > kLongestItem) {
-            char *end = put_item(at, '\0', b, e, ' ');
-            *end = '\0';
-            written += static_cast<int32_t>(end - at);
+        const uint32_t room = size - static_cast<uint32_t>(written);
+        if (static_cast<uint32_t>(written) < roomy) {
+            const uint32_t length =
+                gyre::decimal_length(b) + (b != e ? 1 + gyre::decimal_length(e) : 0) + 1;
+            spare = at + length + 1;
+            spare_value = *spare;
+            char *p = gyre::put_decimal_wide(at, b);
+            if (b != e) {
+                *p++ = '-';
+                p = gyre::put_decimal_wide(p, e);
+            }
+            *p = ' ';
+            written += static_cast<int32_t>(length);
         } else {
             written += (b == e) ? kpipe_snprintf(at, room, "%d ", static_cast<int>(b))
                                 : kpipe_snprintf(at, room, "%d-%d ", static_cast<int>(b),
                                                  static_cast<int>(e));
+            spare = nullptr;  // the print wrote its terminator and no more
         }
+    }
+    if (spare != nullptr) {
+        spare[-1] = '\0';
+        *spare = spare_value;
     }
     return written;
 }

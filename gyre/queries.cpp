@@ -56,12 +56,32 @@ auto with_graph(uint16_t graph)
 // The unicast variants' test: any flags at all.
 bool with_flags(const gyre_cache_ftag_entry_t &e) { return e.flags != 0; }
 
+// Reads `key` as gyre::read_key does, but makes the description of what
+// was read only for a failure that is reported: `describe(buf, size)`
+// writes it.  A query that finds its record prints nothing.
+template <class Describe>
+bool read_described(const uint8_t *key, const void **value, uint32_t *len, const char *fn,
+                    Describe describe)
+{
+    uint32_t status = 0;
+    if (gyre::read_key(key, value, len, nullptr, fn, &status))
+        return true;
+    // Not reported: an absent key, and no read at all without a handle.
+    if (status != KVS_ERR_NOT_FOUND && gyre_kvs_handle != nullptr) {
+        char what[64];
+        describe(what, sizeof what);
+        gyre::report_read_error(what, status, fn);
+    }
+    return false;
+}
+
 // The first 16-bit field of a topology-ftag record, read with `key`.
-bool read_tpg_ftag(const uint8_t *key, uint16_t *ftag, const char *what, const char *fn)
+template <class Describe>
+bool read_tpg_ftag(const uint8_t *key, uint16_t *ftag, const char *fn, Describe describe)
 {
     const void *value = nullptr;
-    uint32_t len = 0, status = 0;
-    if (!gyre::read_key(key, &value, &len, what, fn, &status) || len < 2)
+    uint32_t len = 0;
+    if (!read_described(key, &value, &len, fn, describe) || len < 2)
         return false;
     *ftag = load16(value);
     return true;
@@ -188,11 +208,11 @@ TARN_API uint32_t gyre_get_ftag_l2_tpg(uint16_t ftag)
         return gyre_cache_get_ftag_l2_tpg(ftag);
     uint8_t key[GYRE_KEY_SIZE];
     gyre_make_ftag_tpg_key(key, ftag);
-    char what[32];
-    snprintf(what, sizeof what, "ftag %d", ftag);
     const void *value = nullptr;
-    uint32_t len = 0, status = 0;
-    if (!gyre::read_key(key, &value, &len, what, "gyre_get_ftag_l2_tpg", &status))
+    uint32_t len = 0;
+    if (!read_described(key, &value, &len, "gyre_get_ftag_l2_tpg", [ftag](char *what, size_t n) {
+            snprintf(what, n, "ftag %d", ftag);
+        }))
         return GYRE_TPG_NONE;
     gyre_ftag_info_t info;
     memset(&info, 0, sizeof info);
@@ -209,11 +229,11 @@ TARN_API uint32_t gyre_get_vlan_l2_tpg(uint32_t vlan)
         return gyre_cache_get_vlan_l2_tpg(vlan);
     uint8_t key[GYRE_KEY_SIZE];
     gyre_make_vlan_tpg_key(key, vlan);
-    char what[32];
-    snprintf(what, sizeof what, "vlan %d", static_cast<int>(vlan));
     const void *value = nullptr;
-    uint32_t len = 0, status = 0;
-    if (!gyre::read_key(key, &value, &len, what, "gyre_get_vlan_l2_tpg", &status))
+    uint32_t len = 0;
+    if (!read_described(key, &value, &len, "gyre_get_vlan_l2_tpg", [vlan](char *what, size_t n) {
+            snprintf(what, n, "vlan %d", static_cast<int>(vlan));
+        }))
         return GYRE_TPG_NONE;
     gyre_kvs_vlan_info_t info;
     memset(&info, 0, sizeof info);
@@ -231,10 +251,12 @@ TARN_API uint32_t gyre_get_l2_tpg_ftag(uint32_t tpg, uint16_t graph, uint16_t *f
         return gyre_cache_get_l2_tpg_ftag(tpg, graph, ftag);
     uint8_t key[GYRE_KEY_SIZE];
     gyre_make_tpg_ftag_key(key, tpg | GYRE_TPG_STORED_BITS, graph);
-    char what[64];
-    snprintf(what, sizeof what, "topology 0x%lx, graph id %d",
-             static_cast<unsigned long>(tpg), graph);
-    return read_tpg_ftag(key, ftag, what, fn) ? 1 : 0;
+    return read_tpg_ftag(key, ftag, fn, [tpg, graph](char *what, size_t n) {
+               snprintf(what, n, "topology 0x%lx, graph id %d", static_cast<unsigned long>(tpg),
+                        graph);
+           })
+               ? 1
+               : 0;
 }
 
 TARN_API uint32_t gyre_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag)
@@ -246,9 +268,11 @@ TARN_API uint32_t gyre_get_l2_tpg_unicast_ftag(uint32_t tpg, uint16_t *ftag)
         return gyre_cache_get_l2_tpg_unicast_ftag(tpg, ftag);
     uint8_t key[GYRE_KEY_SIZE];
     gyre_make_tpg_ftag_key_new(key, tpg | GYRE_TPG_STORED_BITS, GYRE_FTAG_FLAG_UNICAST, 1);
-    char what[32];
-    snprintf(what, sizeof what, "topology 0x%lx", static_cast<unsigned long>(tpg));
-    return read_tpg_ftag(key, ftag, what, fn) ? 1 : 0;
+    return read_tpg_ftag(key, ftag, fn, [tpg](char *what, size_t n) {
+               snprintf(what, n, "topology 0x%lx", static_cast<unsigned long>(tpg));
+           })
+               ? 1
+               : 0;
 }
 
 TARN_API uint32_t gyre_get_ftag_vlans(uint16_t ftag, gyre_vlan_bmp_t *vlans)

@@ -22,7 +22,10 @@
 //    buffer and resets the transaction before it returns, so no snapshot
 //    outlives the call: an idle or stopped reader never keeps the writer
 //    from reusing pages.  The value stays valid, as promised, until the
-//    thread's next read through the same Link.
+//    thread's next read through the same Link.  Small answers are also
+//    kept per Link and thread (kvs_value_cache.h) and given again without
+//    a snapshot while the store's last committed transaction is the one
+//    they were read in.
 //
 // kvs_close must not race with reads of the same database in other threads:
 // closing aborts their read transactions.
@@ -41,6 +44,7 @@
 
 #include "host/kvs_internal.h"
 #include "host/kvs_store.h"
+#include "host/kvs_value_cache.h"
 #include "host/nomem.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
@@ -150,7 +154,17 @@ struct Reader {
     bool active;  // renewed, holding a snapshot (only inside a call)
     void *buf;
     size_t cap;
+    tarnhost::KvsValueCache *cache;  // made on first read; null without memory
 };
+
+// A reader's buffer and cache given back.
+void free_reader_memory(Reader &rd)
+{
+    free(rd.buf);
+    delete rd.cache;
+    rd.buf = nullptr;
+    rd.cache = nullptr;
+}
 
 struct ThreadReaders {
     Reader *v;
@@ -206,7 +220,7 @@ void fork_child()
     r.envs.clear();  // leaked on purpose, see above
     r.replaced.clear();
     for (uint32_t i = 0; i < tl_readers.n; ++i)
-        free(tl_readers.v[i].buf);
+        free_reader_memory(tl_readers.v[i]);
     tl_readers.n = 0;
     r.mu.unlock();
 }
@@ -231,7 +245,7 @@ void thread_exit(void *p)
         std::lock_guard<std::mutex> lock(r.mu);
         for (uint32_t i = 0; i < t->n; ++i) {
             Reader &rd = t->v[i];
-            free(rd.buf);
+            free_reader_memory(rd);
             if (rd.link->live.load(std::memory_order_relaxed) != 0)
                 drop_reader_txn_locked(rd);  // else aborted by kvs_close
         }
@@ -500,7 +514,7 @@ Reader *reader_slow(const char *uri, uint32_t *status)
         if (t.v[i].link->live.load(std::memory_order_acquire) != 0)
             t.v[kept++] = t.v[i];
         else
-            free(t.v[i].buf);
+            free_reader_memory(t.v[i]);
     }
     t.n = kept;
     for (uint32_t i = 0; i < t.n; ++i)
@@ -563,6 +577,7 @@ Reader *reader_slow(const char *uri, uint32_t *status)
     rd.active = false;
     rd.buf = nullptr;
     rd.cap = 0;
+    rd.cache = nullptr;
     return &rd;
 }
 
@@ -687,6 +702,25 @@ uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len, const vo
         if (st != KVS_OK)
             return st;
     }
+    // Answered again without a snapshot while nothing was committed since
+    // the answer was read (kvs_value_cache.h).
+    MDB_env *env = l->env->env;
+    MDB_envinfo info;
+    const uint64_t generation =
+        mdb_env_info(env, &info) == 0 ? static_cast<uint64_t>(info.me_last_txnid) : 0;
+    if (rd->cache == nullptr && key_len <= tarnhost::KvsValueCache::kKeyMax)
+        rd->cache = new (std::nothrow) tarnhost::KvsValueCache;  // else read uncached
+    tarnhost::KvsValueCache::Answer kept;
+    tarnhost::KvsValueCache::Place place{0, 0};
+    if (rd->cache != nullptr && key_len <= tarnhost::KvsValueCache::kKeyMax)
+        place = tarnhost::KvsValueCache::place_of(key, key_len);
+    if (rd->cache != nullptr && rd->cache->find(key, key_len, place, generation, &kept)) {
+        if (!kept.found)
+            return KVS_ERR_NOT_FOUND;
+        *data = kept.value;
+        *len = kept.len;
+        return KVS_OK;
+    }
     if (!rd->active) {
         int rc = mdb_txn_renew(rd->txn);
         if (rc != 0)
@@ -695,18 +729,27 @@ uint32_t kvs_lookup(const char *uri, const void *key, uint32_t key_len, const vo
     MDB_val k{key_len, const_cast<void *>(key)};
     MDB_val v{0, nullptr};
     int rc = mdb_get(rd->txn, dbi, &k, &v);
-    if (rc == 0)
-        st = keep_value(rd, v) ? KVS_OK : KVS_ERR_IO;
-    else if (rc == MDB_BAD_VALSIZE)
+    const uint64_t snapshot = static_cast<uint64_t>(mdb_txn_id(rd->txn));
+    const void *copy = nullptr;
+    if (rc == 0 || rc == MDB_NOTFOUND) {
+        if (rd->cache != nullptr)
+            copy = rd->cache->keep(key, key_len, place, snapshot,
+                                   rc == 0 ? v.mv_data : nullptr, static_cast<uint32_t>(v.mv_size));
+        if (rc == 0)
+            st = copy != nullptr || keep_value(rd, v) ? KVS_OK : KVS_ERR_IO;
+        else
+            st = KVS_ERR_NOT_FOUND;
+    } else if (rc == MDB_BAD_VALSIZE) {
         st = KVS_ERR_NOT_FOUND;  // an empty or oversized key: no record
-    else
+    } else {
         st = store_status(rc);
+    }
     // The value is ours now: let go of the snapshot before returning.
     mdb_txn_reset(rd->txn);
     rd->active = false;
     if (st == KVS_OK) {
         static const unsigned char kEmpty = 0;
-        *data = rd->buf != nullptr ? rd->buf : &kEmpty;
+        *data = copy != nullptr ? copy : rd->buf != nullptr ? rd->buf : &kEmpty;
         *len = static_cast<uint32_t>(v.mv_size);
     }
     return st;
