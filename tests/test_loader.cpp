@@ -619,14 +619,14 @@ TEST_F(loader, refuses_bad_names)
     refused(R"({"contexts": [{"id": 1, "name": "a"}, {"id": 2, "name": "b"},
               {"id": 3, "name": "c", "tables": [{"id": 4, "af": 1, "name": ")" +
                 n33 + R"("}]}]})",
-            "contexts[2].tables[0].name: text longer than 32 characters");
+            "contexts[2].tables[0].name: text longer than 32 bytes");
     refused(R"({"contexts": [{"id": 1, "name": ""}]})", "contexts[0].name: text is empty");
     refused(R"({"contexts": [{"id": 1, "name": "a\u0000b"}]})",
             "contexts[0].name: text contains a NUL character");
     refused(R"({"interfaces": [{"ifindex": 1, "iod": 1, "name": "e", "short_name": ")" +
                 n33 + R"("}]})",
-            "interfaces[0].short_name: text longer than 32 characters");
-    // 32 characters are fine.
+            "interfaces[0].short_name: text longer than 32 bytes");
+    // 32 bytes are fine.
     const std::string n32(32, 'y');
     EXPECT_EQ("", tarndev::check_device_text(R"({"contexts": [{"id": 1, "name": ")" +
                                              n32 + R"("}]})"));

@@ -124,7 +124,7 @@ std::string name_text(const json &v, const std::string &path)
     if (s.find('\0') != std::string::npos)
         refuse(path, "text contains a NUL character");
     if (s.size() > kNameMax)
-        refuse(path, "text longer than 32 characters");
+        refuse(path, "text longer than 32 bytes");
     return s;
 }
 

@@ -55,7 +55,7 @@ def test_refused_description_raises_and_writes_nothing(device):
     with pytest.raises(tarn.DeviceError) as err:
         device.load(bad)
     assert err.value.status == 1
-    assert "contexts[0].name: text longer than 32 characters" in err.value.message
+    assert "contexts[0].name: text longer than 32 bytes" in err.value.message
     assert "nothing was written" in err.value.message
     with tarn.open() as lib:
         assert lib.context_id("red") == 3
