@@ -39,7 +39,6 @@ namespace {
 
 constexpr unsigned kMaxReaders = 510;  // reader slots of the environment
 constexpr unsigned kMaxDbs = 256;      // named databases of one device
-constexpr char kEnvName[] = "env";
 
 // ---- LMDB's file layout (0.9, this build's word size) ------------------------
 //
@@ -347,7 +346,7 @@ uint32_t store_locate(const char *uri, char *dir, size_t dir_size, char *name,
     const char *rel = path + rl + 5;
     if (strlen(rel) > kStoreNameMax || strlen(rel) >= name_size)
         return KVS_ERR_BAD_URI;
-    if (snprintf(dir, dir_size, "%s/kvs/%s", root, kEnvName) >= static_cast<int>(dir_size))
+    if (snprintf(dir, dir_size, "%s/%s", root, TARNHOST_KVS_STORE_DIR) >= static_cast<int>(dir_size))
         return KVS_ERR_BAD_URI;
     memcpy(name, rel, strlen(rel) + 1);
     return KVS_OK;

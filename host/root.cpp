@@ -49,20 +49,32 @@ const char kForeignSharedText[] =
 const char kForeignLinkText[] =
     "%s is reached through the link %s, which belongs to uid %u, not to you "
     "or root; choose a root whose path has no link of another user";
+const char kUnnamedGroupText[] =
+    "%s is shared with the group %s (owner uid %u, mode %04o), and "
+    "TARNHOST_GROUP does not name it; set TARNHOST_GROUP=%s to use the "
+    "device with that group, or set TARNHOST_ROOT to a directory of your own";
 const char kSocketText[] =
     "%s is not a socket of the bus; remove it";
 
 thread_local char g_problem[1024];
 
-// The default root: private to the user, in a sticky directory where
-// nobody else can remove or replace it.
-const char *default_root()
+}  // namespace
+
+extern "C" {
+
+// Private to the user, in a sticky directory where nobody else can remove
+// or replace it.
+const char *tarnhost_default_root(void)
 {
     static thread_local char buf[64];
     snprintf(buf, sizeof buf, "/dev/shm/tarnhost-%u",
              static_cast<unsigned>(geteuid()));
     return buf;
 }
+
+}  // extern "C"
+
+namespace {
 
 std::string join(const std::string &dir, const char *name)
 {
@@ -249,6 +261,14 @@ int check_stat(const struct stat &st, const char *shown)
     if (err != 0)
         return err;
     bool in_group = share.on && st.st_gid == share.gid;
+    std::string group;
+    // Someone else's group device, or one's own, met without TARNHOST_GROUP:
+    // naming the group is the fix, not removing what the group shares.
+    if (!share.on && (st.st_uid != geteuid() || (st.st_mode & 022) != 0) &&
+        shared_with_caller(st, &group))
+        return refuse(st.st_uid != geteuid() ? EPERM : EACCES, kUnnamedGroupText,
+                      shown, group.c_str(), static_cast<unsigned>(st.st_uid),
+                      static_cast<unsigned>(st.st_mode & 07777), group.c_str());
     if (st.st_uid != geteuid() && !in_group) {
         if (share.on)
             return refuse(EPERM, kForeignSharedText, shown,
@@ -537,7 +557,7 @@ const char *tarnhost_root(void)
 {
     // Read on every call: tests move the root between cases.
     const char *root = getenv("TARNHOST_ROOT");
-    return (root != nullptr && root[0] != '\0') ? root : default_root();
+    return (root != nullptr && root[0] != '\0') ? root : tarnhost_default_root();
 }
 
 int tarnhost_root_prepare(void)

@@ -84,6 +84,18 @@ bool resolve(const std::string &text, gid_t *gid, std::string *name)
 
 }  // namespace
 
+bool shared_with_caller(const struct stat &st, std::string *name)
+{
+    const bool shared = S_ISDIR(st.st_mode) ? (st.st_mode & S_ISGID) != 0
+                                            : (st.st_mode & 060) == 060;
+    if (!shared || (st.st_mode & 002) != 0 || !member_of(st.st_gid))
+        return false;
+    gid_t gid = 0;
+    if (!resolve(std::to_string(st.st_gid), &gid, name))
+        *name = std::to_string(st.st_gid);
+    return true;
+}
+
 int device_group(Sharing *out)
 {
     *out = Sharing{};

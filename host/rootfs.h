@@ -90,6 +90,11 @@ struct Sharing {
 // 0 with *out filled (on = false without TARNHOST_GROUP), or a refusal: a
 // group that does not exist (EINVAL), a caller not in it (EPERM).
 int device_group(Sharing *out);
+// Whether what `st` describes was shared with a group the caller is in, as
+// the host shares a device (a set-group-id directory, a file the group may
+// read and write) and nobody outside the group can write it; *name is the
+// group's name (or number).
+bool shared_with_caller(const struct stat &st, std::string *name);
 // Gives a directory or file that the caller owns to the device's group,
 // with `mode`, when there is such a group.
 void share_new(int fd, mode_t mode);

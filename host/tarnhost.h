@@ -34,6 +34,9 @@ extern "C" {
 
 /* The root directory in force (TARNHOST_ROOT or the default). */
 const char *tarnhost_root(void);
+/* The default root of this process's effective user,
+ * /dev/shm/tarnhost-<uid>. */
+const char *tarnhost_default_root(void);
 /* Create the root and its subdirectories (kvs/, log/, bus/, supervisor/),
  * accessible to the owner only, or check the ones that exist.  0 or an
  * errno value: ELOOP for a symbolic link, EPERM for a directory of another
@@ -50,6 +53,11 @@ const char *tarnhost_root_strerror(int err);
  * KVS_ERR_BAD_URI for a URI the root cannot hold (empty, no scheme, a ".."
  * component, or too long). */
 uint32_t tarnhost_kvs_path(const char *uri, char *out, size_t size);
+
+/* Where the device's store lives below the root: every database of the
+ * device is kept in the one file TARNHOST_KVS_STORE_FILE of this directory. */
+#define TARNHOST_KVS_STORE_DIR "kvs/env"
+#define TARNHOST_KVS_STORE_FILE "data.mdb"
 
 /* The store status of an errno value met on the host root's files:
  * KVS_ERR_DENIED for a permission error, KVS_ERR_FULL for a full file
