@@ -11,6 +11,7 @@
 
 #include <tarn/version.h>
 
+#include "host/tarnhost.h"
 #include "tools/tarnctl_output.h"
 
 namespace tarnctl {
@@ -36,10 +37,10 @@ void print_usage(FILE *out)
             "       tarnctl help [COMMAND]    (or: tarnctl COMMAND --help)\n"
             "       tarnctl --version\n"
             "\n"
-            "Works on the simulated device in $TARNHOST_ROOT "
-            "(default /dev/shm/tarnhost).\n"
+            "Works on the simulated device in $TARNHOST_ROOT (default %s).\n"
             "\n"
-            "Commands:\n");
+            "Commands:\n",
+            tarnhost_default_root());
     for (const Command *c : kCommands)
         fprintf(out, "  %-10s %s\n", c->name, c->summary);
     fprintf(out,
