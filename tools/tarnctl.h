@@ -49,8 +49,13 @@ bool device_reachable(const std::string &command);
 // device_reachable(), or a device directory still to be made in a parent
 // that exists (what "tarnctl load" needs).
 bool device_creatable(const std::string &command);
-// device_reachable() and the device loaded (brought up); reports otherwise.
+// device_reachable(), the device loaded (brought up) and its store still
+// there; reports otherwise.
 bool device_up(const std::string &command);
+// Reports why libtarn could not be initialised for the device (another
+// cell, a damaged or missing store, or else where the library's report
+// is) for `command`; returns kExitFailed.
+int report_library_failure(const std::string &command);
 
 // tarnctl load FILE [--json]
 int cmd_load(int argc, char **argv);

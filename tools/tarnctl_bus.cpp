@@ -38,7 +38,7 @@ std::vector<T> list_all(size_t (*lister)(T *, size_t), std::string *error)
         if (n <= out.size()) {
             out.resize(n);
             if (err != 0 && error->empty())
-                *error = strerror(err);
+                *error = tarnhost_root_strerror(err);
             return out;
         }
         out.resize(n + 16);  // grew while we looked: look again
@@ -119,7 +119,7 @@ BusView look_at_bus()
             if (n <= hs.size()) {
                 hs.resize(n);
                 if (err != 0 && v.error.empty())
-                    v.error = strerror(err);
+                    v.error = tarnhost_root_strerror(err);
                 break;
             }
             hs.resize(n + 16);

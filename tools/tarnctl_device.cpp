@@ -1,8 +1,10 @@
 // Whether the device that tarnctl is to work on can be reached, told before
 // the library gets a chance to fail with a less telling report: a missing
-// directory, one that another user keeps closed, or a device never loaded.
+// directory, one the host refuses, a device never loaded or one whose
+// store is gone, and why the library could not start.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -10,7 +12,10 @@
 
 #include <string>
 
+#include "host/rootfs.h"
 #include "host/tarnhost.h"
+#include "host/tarnhost_ifmgr.h"
+#include "platform/kvs.h"
 #include "platform/supv.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_output.h"
@@ -63,9 +68,18 @@ int check_environment()
 bool device_reachable(const std::string &command)
 {
     const std::string root = tarnhost_root();
-    struct stat st;
-    if (stat(root.c_str(), &st) != 0) {
+    // The host's own check first: what it refuses (a link, a root of
+    // another user or open to others, a group it cannot use) no process of
+    // the device will use, and its text says why and what to do.
+    const int fd = tarnhost_rootfs::open_root(false);
+    if (fd >= 0) {
+        close(fd);
+    } else {
         const int err = errno;
+        if (*tarnhost_root_problem() != '\0') {
+            report(command, kExitFailed, tarnhost_root_problem());
+            return false;
+        }
         if (err == ENOENT) {
             const std::string parent = parent_of(root);
             struct stat pst;
@@ -87,18 +101,13 @@ bool device_reachable(const std::string &command)
                    "; set TARNHOST_ROOT to a device directory of yours");
         return false;
     }
-    if (!S_ISDIR(st.st_mode)) {
-        report(command, kExitFailed,
-               root + " is not a directory; set TARNHOST_ROOT to the device's directory");
-        return false;
-    }
     if (access(root.c_str(), R_OK | W_OK | X_OK) != 0) {
         const int err = errno;
         report(command, kExitFailed,
                "cannot use the device in " + root + ": " + strerror(err) +
-                   " (it belongs to uid " + std::to_string(st.st_uid) +
-                   "); run as its owner or set TARNHOST_ROOT to a device directory of "
-                   "yours");
+                   "; check the mode of " + root +
+                   ": its owner (or the device's group) must be able to read, write "
+                   "and enter it");
         return false;
     }
     return true;
@@ -106,13 +115,70 @@ bool device_reachable(const std::string &command)
 
 bool device_creatable(const std::string &command)
 {
-    struct stat st;
-    const std::string root = tarnhost_root();
-    if (stat(root.c_str(), &st) != 0 && errno == ENOENT &&
-        stat(parent_of(root).c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-        return true;
+    // A root still to be made: the host checks its parent and the group as
+    // it will when it makes it, so a refusal is told before anything is
+    // written.
+    const int fd = tarnhost_rootfs::open_root(false);
+    if (fd >= 0) {
+        close(fd);
+    } else if (errno == ENOENT && *tarnhost_root_problem() == '\0') {
+        struct stat st;
+        const std::string parent = parent_of(tarnhost_root());
+        if (stat(parent.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+            return true;
+    }
     return device_reachable(command);
 }
+
+namespace {
+
+// Whether the store of a device that was brought up is still there: it is
+// removed or cut to nothing only from outside the host, and a library
+// opening the device then would make a new, empty store and show an empty
+// device.  Looked at through the root's checked directories, never
+// creating anything; "" when the store file is there and not empty, else
+// what is wrong with it.
+std::string store_missing()
+{
+    const std::string root = tarnhost_root();
+    std::string shown = root;
+    int dfd = tarnhost_rootfs::open_root(false);
+    const std::string dirs = TARNHOST_KVS_STORE_DIR;
+    size_t at = 0;
+    while (dfd >= 0 && at < dirs.size()) {
+        size_t end = dirs.find('/', at);
+        if (end == std::string::npos)
+            end = dirs.size();
+        const std::string name = dirs.substr(at, end - at);
+        at = end + 1;
+        shown += "/" + name;
+        const int next = tarnhost_rootfs::open_dir(dfd, name.c_str(), shown.c_str(), false);
+        const int err = errno;
+        close(dfd);
+        dfd = next;
+        errno = err;
+    }
+    const std::string file = shown + "/" + TARNHOST_KVS_STORE_FILE;
+    int fd = -1;
+    if (dfd >= 0) {
+        fd = tarnhost_rootfs::open_file(dfd, TARNHOST_KVS_STORE_FILE, file.c_str(), O_RDONLY);
+        const int err = errno;
+        close(dfd);
+        errno = err;
+    }
+    if (fd < 0) {
+        const int err = errno;
+        if (err == ENOENT)
+            return "missing (" + std::string(dfd < 0 ? shown : file) + " does not exist)";
+        return std::string("not readable (") + tarnhost_root_strerror(err) + ")";
+    }
+    struct stat st;
+    const bool empty = fstat(fd, &st) == 0 && st.st_size == 0;
+    close(fd);
+    return empty ? "empty (" + file + " holds nothing)" : "";
+}
+
+}  // namespace
 
 bool device_up(const std::string &command)
 {
@@ -124,7 +190,38 @@ bool device_up(const std::string &command)
                    " is not up; load one with \"tarnctl load FILE\"");
         return false;
     }
+    const std::string missing = store_missing();
+    if (!missing.empty()) {
+        report(command, kExitFailed,
+               std::string("the store of the device in ") + tarnhost_root() + " is " +
+                   missing + "; load the device again with \"tarnctl load FILE\"");
+        return false;
+    }
     return true;
+}
+
+int report_library_failure(const std::string &command)
+{
+    const std::string root = tarnhost_root();
+    const char *cell = getenv("TARNHOST_CELL");
+    if (cell != nullptr && *cell != '\0' && strtoull(cell, nullptr, 0) != 1)
+        return report(command, kExitFailed,
+                      "libtarn could not be initialised for the device in " + root +
+                          ": it serves cell 1 only and this process is in cell " + cell +
+                          " (TARNHOST_CELL); unset TARNHOST_CELL or set it to 1");
+    // Read in a child process: a damaged store may kill what reads it.
+    if (tarnhost_kvs_check(TARNHOST_IFMGR_URI) == KVS_ERR_DAMAGED)
+        return report(command, kExitFailed,
+                      "the store of the device in " + root +
+                          " is damaged; rebuild it with \"tarnctl load FILE\"");
+    const std::string missing = store_missing();
+    if (!missing.empty())
+        return report(command, kExitFailed,
+                      "the store of the device in " + root + " is " + missing +
+                          "; load the device again with \"tarnctl load FILE\"");
+    return report(command, kExitFailed,
+                  "libtarn could not be initialised for the device in " + root +
+                      "; the library's report is in " + root + "/log/messages");
 }
 
 }  // namespace tarnctl

@@ -328,10 +328,7 @@ int cmd_dump_cache(int argc, char **argv)
         } else if (!device_up("dump-cache")) {
             status = kExitFailed;
         } else if (tarn_api_init() != TARN_SUCCESS) {
-            status = reportf("dump-cache", kExitFailed,
-                             "libtarn cannot read the device in %s; the library's report is "
-                             "in %s/log/messages",
-                             tarnhost_root(), tarnhost_root());
+            status = report_library_failure("dump-cache");
         } else {
             const std::vector<json> diffs = verify(dump);
             std::set<uint32_t> cached;

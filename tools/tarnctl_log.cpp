@@ -267,7 +267,7 @@ int cmd_log(int argc, char **argv)
             }
             if (fd < 0 && errno != ENOENT)
                 return reportf("log", kExitFailed, "cannot read %s: %s", path.c_str(),
-                               strerror(errno));
+                               tarnhost_root_strerror(errno));
             offset = 0;
             partial.clear();
         }

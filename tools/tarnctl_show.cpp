@@ -205,13 +205,7 @@ public:
             return false;
         opened_ = true;
         if (tarn_api_init() != TARN_SUCCESS) {
-            const char *cell = getenv("TARNHOST_CELL");
-            report(sub_.cmd.name, kExitFailed,
-                   std::string("libtarn could not be initialised for the device in ") +
-                       tarnhost_root() + ": it serves cell 1 only and this process is in cell " +
-                       (cell != nullptr && *cell != '\0' ? cell : "1") +
-                       " (TARNHOST_CELL); the library's report is in " + tarnhost_root() +
-                       "/log/messages");
+            report_library_failure(sub_.cmd.name);
             return false;
         }
         if (tarn_clt == nullptr || tarn_clt->initialized == 0) {
@@ -467,7 +461,7 @@ int run_context(const Sub &sub, const Args &a)
         return status;
     const std::string &name = a.positional[0];
     if (name.empty() || name.size() >= TARN_NAME_SIZE)
-        return sub_usage(sub, "a context name has 1 to 32 characters");
+        return sub_usage(sub, "a context name has 1 to 32 bytes");
     Session s(sub);
     if (!s.open())
         return kExitFailed;

@@ -573,15 +573,8 @@ int cmd_watch(int argc, char **argv)
     }
     if (!device_up("watch"))
         return kExitFailed;
-    if (tarn_api_init() != TARN_SUCCESS || tarn_clt == nullptr || tarn_clt->initialized == 0) {
-        const char *cell = getenv("TARNHOST_CELL");
-        return reportf("watch", kExitFailed,
-                       "libtarn could not be initialised for the device in %s (it serves cell 1 "
-                       "only, this process is in cell %s); the library's report is in "
-                       "%s/log/messages",
-                       tarnhost_root(), cell != nullptr && *cell != '\0' ? cell : "1",
-                       tarnhost_root());
-    }
+    if (tarn_api_init() != TARN_SUCCESS || tarn_clt == nullptr || tarn_clt->initialized == 0)
+        return report_library_failure("watch");
 
     int32_t bound_sap = 0;
     uint32_t h = bind_access_point(static_cast<int32_t>(sap), &bound_sap);
