@@ -293,6 +293,31 @@ TEST_F(TarnctlDevice, RootOfAnotherUser)
     rmdir(foreign.c_str());
 }
 
+TEST_F(TarnctlDevice, StoreFilesOfAnotherUser)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "a file of another user can only be made by root here";
+    load();
+    const std::string kvs = root_ + "/kvs";
+    for (const std::string &path : {store_, kvs}) {
+        ASSERT_EQ(0, chown(path.c_str(), kNobody, kNobody));
+        const std::string why = path +
+                                " belongs to uid 65534, not to you (uid 0); remove it, or "
+                                "set TARNHOST_ROOT to a directory of your own\n";
+        TarnctlRun r = tarnctl({"load", kDevice});
+        EXPECT_EQ(1, r.status);
+        EXPECT_EQ(std::string("tarnctl load: ") + kDevice + " was not loaded: " + why, r.err);
+        r = tarnctl({"show", "contexts"});
+        EXPECT_EQ(1, r.status);
+        EXPECT_EQ("tarnctl show contexts: the store of the device in " + root_ +
+                      " cannot be used: " + why,
+                  r.err);
+        ASSERT_EQ(0, chown(path.c_str(), 0, 0));
+    }
+    TarnctlRun r = tarnctl({"show", "contexts"});
+    EXPECT_EQ(0, r.status) << r.err;
+}
+
 TEST_F(TarnctlDevice, GroupDeviceWithoutTheGroupNamed)
 {
     if (geteuid() != 0)

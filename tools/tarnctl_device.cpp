@@ -137,7 +137,8 @@ namespace {
 // opening the device then would make a new, empty store and show an empty
 // device.  Looked at through the root's checked directories, never
 // creating anything; "" when the store file is there and not empty, else
-// what is wrong with it.
+// what is wrong with it and what to do, as the end of "the store of the
+// device in R ...".
 std::string store_missing()
 {
     const std::string root = tarnhost_root();
@@ -166,16 +167,23 @@ std::string store_missing()
         close(dfd);
         errno = err;
     }
+    const std::string reload = "; load the device again with \"tarnctl load FILE\"";
     if (fd < 0) {
         const int err = errno;
         if (err == ENOENT)
-            return "missing (" + std::string(dfd < 0 ? shown : file) + " does not exist)";
-        return std::string("not readable (") + tarnhost_root_strerror(err) + ")";
+            return "is missing (" + std::string(dfd < 0 ? shown : file) + " does not exist)" +
+                   reload;
+        // A refusal of the host names its own fix; loading again would
+        // meet the same refusal.
+        if (*tarnhost_root_problem() != '\0')
+            return std::string("cannot be used: ") + tarnhost_root_problem();
+        return "cannot be read: " + file + ": " + strerror(err) + "; check the owner and mode of " +
+               file + " and the directories above it";
     }
     struct stat st;
     const bool empty = fstat(fd, &st) == 0 && st.st_size == 0;
     close(fd);
-    return empty ? "empty (" + file + " holds nothing)" : "";
+    return empty ? "is empty (" + file + " holds nothing)" + reload : "";
 }
 
 }  // namespace
@@ -193,8 +201,7 @@ bool device_up(const std::string &command)
     const std::string missing = store_missing();
     if (!missing.empty()) {
         report(command, kExitFailed,
-               std::string("the store of the device in ") + tarnhost_root() + " is " +
-                   missing + "; load the device again with \"tarnctl load FILE\"");
+               std::string("the store of the device in ") + tarnhost_root() + " " + missing);
         return false;
     }
     return true;
@@ -216,9 +223,7 @@ int report_library_failure(const std::string &command)
                           " is damaged; rebuild it with \"tarnctl load FILE\"");
     const std::string missing = store_missing();
     if (!missing.empty())
-        return report(command, kExitFailed,
-                      "the store of the device in " + root + " is " + missing +
-                          "; load the device again with \"tarnctl load FILE\"");
+        return report(command, kExitFailed, "the store of the device in " + root + " " + missing);
     return report(command, kExitFailed,
                   "libtarn could not be initialised for the device in " + root +
                       "; the library's report is in " + root + "/log/messages");

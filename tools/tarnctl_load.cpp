@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/tarnhost.h"
+#include "platform/kvs.h"
 #include "tools/device_loader.h"
 #include "tools/device_records.h"
 #include "tools/tarnctl.h"
@@ -57,6 +58,12 @@ int cmd_load(int argc, char **argv)
                        "%s; nothing was written, correct %s and run \"tarnctl load %s\" "
                        "again",
                        r.message.c_str(), file, file);
+    // A file below the root that the host refuses: its text names the
+    // cause and the fix, and loading again would meet it again.
+    if (r.status != 0 && (r.store_status == KVS_ERR_DENIED || r.store_status == KVS_ERR_IO) &&
+        *tarnhost_root_problem() != '\0')
+        return reportf("load", kExitFailed, "%s was not loaded: %s", file,
+                       tarnhost_root_problem());
     if (r.status != 0) {
         // The description is fine: the store or the system refused it.
         const std::string remedy = tarndev::store_remedy(r.store_status);
