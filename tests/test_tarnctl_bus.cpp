@@ -27,6 +27,7 @@
 #include "platform/bus.h"
 #include "support/fixture.h"
 #include "support/json_schema.h"
+#include "support/tarnctl_process.h"
 #include "support/tool_process.h"
 
 namespace {
@@ -410,6 +411,38 @@ TEST_F(TarnctlBus, VerifyOfAClientWithoutTheHelperSaysWhatItCouldNotCompare)
     EXPECT_NE(std::string::npos, r.out.find("verify: cache and database agree on 2 topologies\n"));
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
+}
+
+TEST_F(TarnctlBus, VerifyTellsWhyTheLibraryCouldNotStart)
+{
+    Proc client;
+    uint32_t sap = 0, handle = 0;
+    watch(&client, &sap, &handle);
+    const std::vector<std::string> args = {"dump-cache", "--sap", std::to_string(sap),
+                                           "--verify"};
+    // Another cell: the dump is shown, the comparison cannot be made.
+    tarntest::TarnctlRun run = tarntest::run_tarnctl(TARNCTL_PATH, args, {"TARNHOST_CELL=2"});
+    EXPECT_EQ(1, run.status);
+    EXPECT_NE(std::string::npos, run.out.find("10-20,30")) << run.out;
+    EXPECT_EQ("tarnctl dump-cache: libtarn could not be initialised for the device in " +
+                  root_ +
+                  ": it serves cell 1 only and this process is in cell 2 (TARNHOST_CELL); "
+                  "unset TARNHOST_CELL or set it to 1\n",
+              run.err);
+    // A damaged store: the cache is dumped from the client, the store is
+    // not read.
+    {
+        std::fstream f(root_ + "/kvs/env/data.mdb",
+                       std::ios::in | std::ios::out | std::ios::binary);
+        const std::string noise(8192, '\x5a');
+        f.seekp(4096);
+        f.write(noise.data(), static_cast<std::streamsize>(noise.size()));
+    }
+    Result r = tarnctl(args);
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl dump-cache: the store of the device in " + root_ +
+                  " is damaged; rebuild it with \"tarnctl load FILE\"\n",
+              r.err);
 }
 
 // A process name is the process's own choice: it may hold an escape
