@@ -50,14 +50,7 @@ MemberRun start_as(uid_t uid, const std::vector<std::string> &args, const std::s
             _exit(126);
         dup2(fd, STDOUT_FILENO);
         dup2(fd, STDERR_FILENO);
-        std::vector<std::string> cmd = tarntest::program_command(TARNCTL_PATH);
-        cmd.insert(cmd.end(), args.begin(), args.end());
-        std::vector<char *> argv;
-        for (std::string &a : cmd)
-            argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        tarntest::exec_tarnctl(TARNCTL_PATH, args);
     }
     close(fd);
     return r;

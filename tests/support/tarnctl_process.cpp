@@ -39,6 +39,11 @@ pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
     dup2(e, 2);
     for (const std::string &kv : env)
         putenv(const_cast<char *>(kv.c_str()));
+    exec_tarnctl(path, args);
+}
+
+void exec_tarnctl(const char *path, const std::vector<std::string> &args)
+{
     std::vector<std::string> cmd = program_command(path);
     cmd.insert(cmd.end(), args.begin(), args.end());
     std::vector<char *> argv;

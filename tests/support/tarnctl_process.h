@@ -21,6 +21,10 @@ pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
                     const std::vector<std::string> &env, const std::string &out_path,
                     const std::string &err_path);
 
+// Replaces this (forked) process by tarnctl with `args`, through the
+// emulator when there is one; exit status 127 when it cannot.
+[[noreturn]] void exec_tarnctl(const char *path, const std::vector<std::string> &args);
+
 // The whole content of a file ("" when it cannot be read).
 std::string slurp(const std::string &path);
 
