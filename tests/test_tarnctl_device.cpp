@@ -140,6 +140,25 @@ TEST_F(TarnctlDevice, DamagedStoreIsToldAsSuch)
                                             root_ + " is damaged; rebuild it with"))
         << r.err;
 
+    // Damaged further in, where the library starts and a walk would read
+    // nonsense or die: the damage is found before anything reads it.
+    r = tarnctl({"load", kDevice});
+    ASSERT_EQ(0, r.status) << r.err;
+    {
+        std::fstream f(store_, std::ios::in | std::ios::out | std::ios::binary);
+        f.seekp(32768);
+        f.write(noise.data(), static_cast<std::streamsize>(noise.size()));
+    }
+    for (const char *what : {"contexts", "topologies", "ftags"}) {
+        r = tarnctl({"show", what});
+        EXPECT_EQ(1, r.status) << what;
+        EXPECT_EQ("", r.out) << what;
+        EXPECT_EQ("tarnctl show " + std::string(what) + ": " + damaged, r.err);
+    }
+    r = tarnctl({"apply", TARN_SOURCE_DIR "/examples/changes.json"});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl apply: " + damaged, r.err);
+
     // The fix the message names works.
     r = tarnctl({"load", kDevice});
     EXPECT_EQ(0, r.status) << r.err;

@@ -56,6 +56,9 @@ bool device_up(const std::string &command);
 // cell, a damaged or missing store, or else where the library's report
 // is) for `command`; returns kExitFailed.
 int report_library_failure(const std::string &command);
+// Whether the device's store is damaged, read through in a child process;
+// reports it for `command` when it is.
+bool store_damaged(const std::string &command);
 
 // tarnctl load FILE [--json]
 int cmd_load(int argc, char **argv);

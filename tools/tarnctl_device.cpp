@@ -204,6 +204,21 @@ bool device_up(const std::string &command)
                std::string("the store of the device in ") + tarnhost_root() + " " + missing);
         return false;
     }
+    // LMDB trusts the pages it maps: a process that reads a damaged store
+    // may read nonsense or die.  The whole store is read first in a child
+    // process (a few milliseconds for a device of thousands of records), so
+    // that damage is told, not met.
+    return !store_damaged(command);
+}
+
+bool store_damaged(const std::string &command)
+{
+    // Read in a child process: a damaged store may kill what reads it.
+    if (tarnhost_kvs_check(TARNHOST_IFMGR_URI) != KVS_ERR_DAMAGED)
+        return false;
+    report(command, kExitFailed,
+           std::string("the store of the device in ") + tarnhost_root() +
+               " is damaged; rebuild it with \"tarnctl load FILE\"");
     return true;
 }
 
@@ -216,11 +231,8 @@ int report_library_failure(const std::string &command)
                       "libtarn could not be initialised for the device in " + root +
                           ": it serves cell 1 only and this process is in cell " + cell +
                           " (TARNHOST_CELL); unset TARNHOST_CELL or set it to 1");
-    // Read in a child process: a damaged store may kill what reads it.
-    if (tarnhost_kvs_check(TARNHOST_IFMGR_URI) == KVS_ERR_DAMAGED)
-        return report(command, kExitFailed,
-                      "the store of the device in " + root +
-                          " is damaged; rebuild it with \"tarnctl load FILE\"");
+    if (store_damaged(command))
+        return kExitFailed;
     const std::string missing = store_missing();
     if (!missing.empty())
         return report(command, kExitFailed, "the store of the device in " + root + " " + missing);
