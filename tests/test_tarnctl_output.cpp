@@ -358,6 +358,11 @@ TEST_F(TarnctlOutput, DiagnosesNameTheCause)
     r = tarnctl({"show", "contexts"}, {"TARNHOST_KVS_MAPSIZE=12"});
     EXPECT_EQ(2, r.status);
     EXPECT_NE(std::string::npos, r.err.find("TARNHOST_KVS_MAPSIZE")) << r.err;
+    r = tarnctl({"show", "contexts"}, {"TARNHOST_ROOT=tour"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("tarnctl: TARNHOST_ROOT=\"tour\" is not an absolute path, so processes started "
+              "elsewhere would use another device; give the whole path\n",
+              r.err);
 }
 
 TEST_F(TarnctlOutput, VersionHelpAndCounts)

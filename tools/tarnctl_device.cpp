@@ -62,6 +62,14 @@ int check_environment()
                        "TARNHOST_KVS_MAPSIZE=\"%s\" is not a size in bytes of at least "
                        "65536; unset it for the default",
                        map);
+    // Every process of a device must name the same directory, wherever it
+    // runs from.
+    const char *root = getenv("TARNHOST_ROOT");
+    if (root != nullptr && *root != '\0' && *root != '/')
+        return reportf("", kExitUsage,
+                       "TARNHOST_ROOT=\"%s\" is not an absolute path, so processes started "
+                       "elsewhere would use another device; give the whole path",
+                       root);
     return -1;
 }
 
