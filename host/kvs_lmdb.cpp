@@ -59,9 +59,11 @@ using tarnhost::StoreId;
 constexpr unsigned kMaxLinks = 128;   // URIs open at once in a process
 constexpr unsigned kMaxIdleEnvs = 4;  // environments kept for the writer
 
-// Where the iterator of a database stands.  The Done states come after the
-// walk has reached the end: its snapshot is released then, the last record
-// (if any) kept as a copy, and the position stays put until the next init.
+// Where the iterator of a database stands.  On a record (kIterOn), the
+// record is kept as a copy and no snapshot is held between calls: each step
+// takes a fresh snapshot, finds its way back to the kept key and moves on
+// from there.  The Done states come after the walk has reached the end; the
+// position stays put until the next init.
 enum IterState { kIterNone, kIterBeforeFirst, kIterOn, kIterDoneOn, kIterDoneEmpty };
 
 // Bytes that must outlive the snapshot they were read from.
@@ -99,8 +101,9 @@ struct Db {
     std::atomic<MDB_dbi> dbi{0};
     unsigned links = 0;  // Links open on it (registry mutex)
 
-    // The process's one iterator position on this database.  While a walk
-    // goes on it holds its own read transaction, a snapshot.
+    // The process's one iterator position on this database: a read
+    // transaction renewed for each step and reset before the step returns,
+    // and the record the position stands on, copied.
     std::mutex iter_mu;
     MDB_txn *iter_txn = nullptr;
     MDB_cursor *iter_cur = nullptr;
@@ -831,20 +834,33 @@ uint32_t position(MDB_env *env, Db *d, const void *key, uint32_t key_len)
     return store_status(rc);
 }
 
-// The walk has reached the end of its snapshot: keep the record it stands
-// on, if any, and give the snapshot back.
+// The cursor stands on a record: keep a copy of it as the position and give
+// the snapshot back, so that nothing is pinned between calls (a walk that a
+// caller leaves before its end would otherwise keep every page the writer
+// frees from then on).
+uint32_t iter_settle(Db *d)
+{
+    MDB_val k{0, nullptr}, v{0, nullptr};
+    int rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_GET_CURRENT);
+    uint32_t st = KVS_OK;
+    if (rc != 0) {
+        st = store_status(rc);
+        d->iter_state = kIterNone;
+    } else if (!hold(&d->held_key, k) || !hold(&d->held_value, v)) {
+        st = KVS_ERR_IO;
+        d->iter_state = kIterNone;
+    } else {
+        d->iter_state = kIterOn;
+    }
+    iter_release(d);
+    return st;
+}
+
+// The walk has reached the end: the position stays on the record it stood
+// on, if any.
 void iter_finish(Db *d)
 {
-    if (d->iter_state == kIterOn) {
-        MDB_val k{0, nullptr}, v{0, nullptr};
-        if (mdb_cursor_get(d->iter_cur, &k, &v, MDB_GET_CURRENT) == 0 &&
-            hold(&d->held_key, k) && hold(&d->held_value, v))
-            d->iter_state = kIterDoneOn;
-        else
-            d->iter_state = kIterDoneEmpty;
-    } else {
-        d->iter_state = kIterDoneEmpty;
-    }
+    d->iter_state = d->iter_state == kIterOn ? kIterDoneOn : kIterDoneEmpty;
     iter_release(d);
 }
 
@@ -967,19 +983,18 @@ uint32_t kvs_iterator_init(const char *uri, const kvs_datum_t *key, uint32_t fro
         return st;
     if (!from_start) {
         st = position(l->env->env, d, key->data, key->len);
-        if (st != KVS_OK)
-            iter_release(d);
+        if (st == KVS_OK && d->iter_state == kIterOn)
+            return iter_settle(d);
+        iter_release(d);
         return st;
     }
     MDB_val k{0, nullptr}, v{0, nullptr};
     int rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_FIRST);
-    if (rc == 0) {
-        d->iter_state = kIterOn;
-        return KVS_OK;
-    }
+    if (rc == 0)
+        return iter_settle(d);
     if (rc == MDB_NOTFOUND) {
         // An empty database: positioned before its (absent) first record,
-        // and no walk left to hold a snapshot for.
+        // and no walk left.
         iter_finish(d);
         return KVS_OK;
     }
@@ -999,21 +1014,11 @@ uint32_t kvs_getkey(const char *uri, kvs_datum_t *key, kvs_datum_t *value)
         return st;
     Db *d = l->db;
     std::lock_guard<std::mutex> lock(d->iter_mu);
-    if (d->iter_state == kIterDoneOn) {
-        fill(key, d->held_key.data, d->held_key.len);
-        fill(value, d->held_value.data, d->held_value.len);
-        return KVS_OK;
-    }
-    if (d->iter_state != kIterOn)
+    if (d->iter_state != kIterOn && d->iter_state != kIterDoneOn)
         return KVS_ERR_NO_POSITION;
-    MDB_val k{0, nullptr}, v{0, nullptr};
-    int rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_GET_CURRENT);
-    if (rc == MDB_NOTFOUND)
-        return KVS_ERR_NO_POSITION;
-    if (rc != 0)
-        return store_status(rc);
-    fill(key, k.mv_data, k.mv_size);
-    fill(value, v.mv_data, v.mv_size);
+    // The record as the step that reached it read it.
+    fill(key, d->held_key.data, d->held_key.len);
+    fill(value, d->held_value.data, d->held_value.len);
     return KVS_OK;
 }
 
@@ -1039,18 +1044,37 @@ uint32_t kvs_getnext(const char *uri, kvs_datum_t *key, kvs_datum_t *value)
     case kIterOn:
         break;
     }
+    const MDB_dbi dbi = d->dbi.load(std::memory_order_acquire);
+    st = iter_begin(l->env->env, d, dbi);
+    if (st != KVS_OK)
+        return st;
     MDB_val k{0, nullptr}, v{0, nullptr};
-    int rc = mdb_cursor_get(d->iter_cur, &k, &v,
-                            d->iter_state == kIterBeforeFirst ? MDB_FIRST : MDB_NEXT);
+    int rc;
+    if (d->iter_state == kIterBeforeFirst) {
+        rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_FIRST);
+    } else {
+        // Back to the kept key in this step's snapshot, then past it: a
+        // record added or removed since shows as it is now, each key is
+        // met once, in order.
+        k.mv_size = d->held_key.len;
+        k.mv_data = d->held_key.data;
+        rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_SET_RANGE);
+        if (rc == 0 && compare_keys(k, d->held_key.data, d->held_key.len) == 0)
+            rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_NEXT);
+    }
     if (rc == MDB_NOTFOUND) {
         iter_finish(d);  // the position stays where it was
         return KVS_ERR_END;
     }
-    if (rc != 0)
+    if (rc != 0) {
+        iter_release(d);
         return store_status(rc);
-    d->iter_state = kIterOn;
-    fill(key, k.mv_data, k.mv_size);
-    fill(value, v.mv_data, v.mv_size);
+    }
+    st = iter_settle(d);
+    if (st != KVS_OK)
+        return st;
+    fill(key, d->held_key.data, d->held_key.len);
+    fill(value, d->held_value.data, d->held_value.len);
     return KVS_OK;
 }
 

@@ -31,11 +31,13 @@
  *         current (non-zero at the end, the position then stays put).
  *     Key and value descriptors so returned stay valid until the next
  *     iterator call of the process on that database.  Walks over one
- *     database must not be interleaved.  A walk reads one snapshot from
- *     its init until kvs_getnext reports the end, which gives the snapshot
- *     back (kvs_getkey still reads the record the position stays on); a
- *     walk left open before its end keeps the snapshot until the next
- *     init, and with it every page the writer frees meanwhile.
+ *     database must not be interleaved.  Each step reads the database as
+ *     it is when the step is taken and holds no snapshot once it has
+ *     returned: a walk meets its keys in order, each at most once, sees a
+ *     record added ahead of its position and not one removed, and a walk
+ *     left before its end (the library's walks stop where their kind of
+ *     record ends) keeps nothing from the writer.  kvs_getkey reads the
+ *     record at the position as the step that reached it read it.
  *
  *  5. The client library never writes.  Publishers, tools and tests write
  *     through the host's writer interface (host/tarnhost.h).

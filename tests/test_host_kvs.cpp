@@ -493,17 +493,26 @@ TEST_F(host_kvs_iter, key_longer_than_any_record_sorts_after_its_prefix)
     EXPECT_EQ("after", text(v));
 }
 
-TEST_F(host_kvs_iter, walk_reads_one_snapshot_until_the_next_init)
+// Each step reads the database as it is then: a record added ahead of the
+// position is met, one removed is not, and the record at the position is
+// the one the step that reached it read.
+TEST_F(host_kvs_iter, each_step_reads_the_database_as_it_is_now)
 {
     fill({10, 20});
     ASSERT_EQ(0u, kvs_iterator_init(kUri, nullptr, 1));
     fill({15});
     ASSERT_EQ(0u, tarnhost_kvs_del(kUri, be32(20).data(), 4));
     EXPECT_EQ(10, current());
-    EXPECT_EQ(20, next());  // the snapshot still has 20 and not 15
-    EXPECT_EQ(-1, next());
-    ASSERT_EQ(0u, init_at(10));
     EXPECT_EQ(15, next());
+    EXPECT_EQ(-1, next());
+    EXPECT_EQ(15, current());  // the position stays on the last record
+    // The position's own record removed: the next step goes on from where
+    // it stood.
+    fill({30});
+    ASSERT_EQ(0u, init_at(15));
+    ASSERT_EQ(0u, tarnhost_kvs_del(kUri, be32(15).data(), 4));
+    EXPECT_EQ(15, current());
+    EXPECT_EQ(30, next());
     EXPECT_EQ(-1, next());
 }
 
@@ -697,19 +706,23 @@ TEST_F(host_kvs, reader_process_never_sees_a_torn_record)
                 if (p[i] != p[0])
                     return 22;
             ++reads;
-            // A walk sees both records of one transaction together.
+            // A walk reads each record whole; its steps may fall in
+            // different transactions, whose sequence only moves on.
             if (reads % 8 == 0) {
                 kvs_datum_t k{nullptr, 0}, big{nullptr, 0}, seq{nullptr, 0};
                 if (kvs_iterator_init(kUri, nullptr, 1) != 0 ||
-                    kvs_getkey(kUri, &k, &big) != 0 || text(k) != "big" ||
-                    kvs_getnext(kUri, &k, &seq) != 0 || text(k) != "seq" ||
-                    big.len != kSize || seq.len != 4)
+                    kvs_getkey(kUri, &k, &big) != 0 || text(k) != "big" || big.len != kSize)
+                    return 23;
+                // Valid until the next iterator call: kept before it.
+                const std::string big_copy(static_cast<const char *>(big.data), big.len);
+                if (kvs_getnext(kUri, &k, &seq) != 0 || text(k) != "seq" || seq.len != 4)
                     return 23;
                 uint32_t s = from_be32(seq.data);
                 const unsigned char *b =
-                    static_cast<const unsigned char *>(big.data);
-                if (b[0] != (s & 0xFF) || b[kSize - 1] != (s & 0xFF))
-                    return 24;
+                    reinterpret_cast<const unsigned char *>(big_copy.data());
+                for (uint32_t i = 1; i < kSize; ++i)
+                    if (b[i] != b[0])
+                        return 24;
                 if (s < last_seq)
                     return 25;  // time never runs backwards
                 last_seq = s;
@@ -745,6 +758,51 @@ TEST_F(host_kvs, dead_reader_does_not_pin_the_database)
         value.assign(value.size(), static_cast<char>('a' + i % 26));
         ASSERT_EQ(0u, put(uri, "k", value)) << "write " << i;
     }
+    unsetenv("TARNHOST_KVS_MAPSIZE");
+}
+
+// A walk that its caller leaves before the end (the client library's walks
+// stop where their kind of record ends) must not keep the writer from
+// reusing space either: a long-lived client would fill the store.
+TEST_F(host_kvs, a_walk_left_open_does_not_pin_the_database)
+{
+    setenv("TARNHOST_KVS_MAPSIZE", "4194304", 1);
+    const char *uri = "volatile:/small/walked";
+    std::string value(64 * 1024, 'a');
+    ASSERT_EQ(0u, put(uri, "k", value));
+    ASSERT_EQ(0u, put(uri, "m", "other"));
+    int ready[2], done[2];
+    ASSERT_EQ(0, pipe(ready));
+    ASSERT_EQ(0, pipe(done));
+    pid_t walker = fork();
+    ASSERT_GE(walker, 0);
+    if (walker == 0) {
+        close(ready[0]);
+        close(done[1]);
+        kvs_datum_t k{nullptr, 0}, v{nullptr, 0};
+        // On the first record, the rest of the walk never taken.
+        const char ok = kvs_open(uri, 1, 0, 0, 0) == 0 &&
+                                kvs_iterator_init(uri, nullptr, 1) == 0 &&
+                                kvs_getkey(uri, &k, &v) == 0
+                            ? 1
+                            : 0;
+        (void)!write(ready[1], &ok, 1);
+        char c;
+        (void)!read(done[0], &c, 1);  // alive, the walk open, until the end
+        _exit(0);
+    }
+    close(ready[1]);
+    close(done[0]);
+    char ok = 0;
+    ASSERT_EQ(1, read(ready[0], &ok, 1));
+    ASSERT_EQ(1, ok);
+    for (int i = 0; i < 300; ++i) {
+        value.assign(value.size(), static_cast<char>('a' + i % 26));
+        ASSERT_EQ(0u, put(uri, "k", value)) << "write " << i;
+    }
+    close(done[1]);
+    close(ready[0]);
+    waitpid(walker, nullptr, 0);
     unsetenv("TARNHOST_KVS_MAPSIZE");
 }
 

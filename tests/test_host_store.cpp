@@ -248,7 +248,7 @@ TEST_F(host_store, a_reader_waiting_after_a_whole_walk_does_not_make_the_store_g
 
 // A walk left open keeps its snapshot, as documented: the record it
 // stands on and the ones after it are those of its start.
-TEST_F(host_store, an_open_walk_reads_its_snapshot_and_the_end_keeps_the_last_record)
+TEST_F(host_store, a_walk_step_reads_the_store_as_it_is_and_the_end_keeps_the_last_record)
 {
     ASSERT_EQ(0u, write(kA, "a", "1"));
     ASSERT_EQ(0u, write(kA, "b", "2"));
@@ -257,19 +257,19 @@ TEST_F(host_store, an_open_walk_reads_its_snapshot_and_the_end_keeps_the_last_re
     ASSERT_EQ(0u, write(kA, "b", "changed"));
     kvs_datum_t k{nullptr, 0}, v{nullptr, 0};
     ASSERT_EQ(0u, kvs_getnext(kA, &k, &v));
-    EXPECT_EQ("2", std::string(static_cast<const char *>(v.data), v.len));
+    EXPECT_EQ("changed", std::string(static_cast<const char *>(v.data), v.len));
     EXPECT_EQ(KVS_ERR_END, kvs_getnext(kA, &k, &v));
-    // The position stays on the last record, readable after the snapshot
-    // has been given back.
+    // The position stays on the last record, as that step read it.
     ASSERT_EQ(0u, write(kA, "c", "3"));
+    ASSERT_EQ(0u, write(kA, "b", "again"));
     ASSERT_EQ(0u, kvs_getkey(kA, &k, &v));
     EXPECT_EQ("b", std::string(static_cast<const char *>(k.data), k.len));
-    EXPECT_EQ("2", std::string(static_cast<const char *>(v.data), v.len));
+    EXPECT_EQ("changed", std::string(static_cast<const char *>(v.data), v.len));
     EXPECT_EQ(KVS_ERR_END, kvs_getnext(kA, &k, &v));
     // A new walk sees the new state.
     ASSERT_EQ(0u, kvs_iterator_init(kA, nullptr, 1));
     ASSERT_EQ(0u, kvs_getnext(kA, &k, &v));
-    EXPECT_EQ("changed", std::string(static_cast<const char *>(v.data), v.len));
+    EXPECT_EQ("again", std::string(static_cast<const char *>(v.data), v.len));
 }
 
 // ---- damaged files --------------------------------------------------------------------
