@@ -15,6 +15,7 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -362,6 +363,27 @@ protected:
         });
     }
 };
+
+// A record whose size field was damaged to point past the end of the file:
+// LMDB finds the record, and whoever copies its value faults.  The check
+// reads every byte of every record, in its child, and tells the damage.
+TEST_F(host_store, a_record_whose_length_points_past_the_file_is_damage)
+{
+    const std::string key = "needle-key-0123456789";
+    ASSERT_EQ(0u, write(kA, key, std::string(100, 'v')));
+    ASSERT_EQ(0u, tarnhost_kvs_check(kA));
+    std::fstream f(data_file(), std::ios::in | std::ios::out | std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    const size_t at = bytes.find(key);
+    ASSERT_NE(std::string::npos, at);
+    ASSERT_GE(at, 8u);
+    // The node header before the key: size low and high halves, flags, key
+    // size.  A high half of 0x7fff makes the value about 2 GiB long.
+    f.seekp(static_cast<std::streamoff>(at - 6));
+    f.write("\xff\x7f", 2);
+    f.close();
+    EXPECT_EQ(KVS_ERR_DAMAGED, tarnhost_kvs_check(kA));
+}
 
 TEST_F(host_store_damage, a_data_file_cut_short_is_refused_and_rebuilt)
 {
