@@ -451,7 +451,8 @@ TEST_F(TarnctlApply, AChangeLeftUnannouncedIsAnnouncedByTheNextApply)
 
     const ToolRun r = apply("{\"changes\": [{\"change\": \"as_format\", \"format\": 2}]}");
     EXPECT_EQ(0, r.status) << r.err;
-    EXPECT_EQ("announced the change that an earlier apply wrote and ended before announcing: "
+    EXPECT_EQ("announced the change that an earlier apply wrote and ended before it could say "
+              "it was announced (it may have been already): "
               "changes[3]: AS format 7 (51226 to 1 subscriber)\n"
               "changes[0]: AS format 2 (51226 to 1 subscriber)\n"
               "applied 1 change to " + std::string(tarnhost_root()) + "\n",

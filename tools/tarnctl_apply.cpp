@@ -913,8 +913,8 @@ int cmd_apply(int argc, char **argv)
         }
         const std::string cleared = clear_unannounced(journal_uri);
         if (!as_json)
-            printf("announced the change that an earlier apply wrote and ended before "
-                   "announcing: %s (%u to %s)\n",
+            printf("announced the change that an earlier apply wrote and ended before it "
+                   "could say it was announced (it may have been already): %s (%u to %s)\n",
                    unannounced.what.c_str(), unannounced.opcode,
                    counted(subscribers, "subscriber", "subscribers").c_str());
         if (!cleared.empty()) {

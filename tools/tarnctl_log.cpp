@@ -107,6 +107,11 @@ std::string since_text(const char *text)
                 end = strptime(end, ":%S", &when);
                 if (end == nullptr)
                     return "";
+                // The log's own form has microseconds: whole seconds
+                // compare the same way, so the fraction is passed over.
+                if (*end == '.' && end[1] >= '0' && end[1] <= '9')
+                    for (++end; *end >= '0' && *end <= '9'; ++end) {
+                    }
             }
             if (*end == 'Z')
                 ++end;

@@ -337,6 +337,9 @@ int cmd_record(int argc, char **argv)
     if (fclose(out) != 0)
         write_failed = true;
     const int write_errno = errno;
+    if (!write_failed)
+        set_done("the recording " + escaped(file) + " holds " +
+                 counted(n, "notification", "notifications"));
     if (json_output())
         print_json({{"file", file}, {"recorded", n}, {"stopped", why}});
     else
@@ -421,6 +424,9 @@ int cmd_replay(int argc, char **argv)
         if (err != 0)
             status = kExitFailed;
         ++done;
+        set_done(counted(done, "notification", "notifications") + " of " + escaped(file) +
+                 (done == 1 ? " was" : " were") + " published to the device in " +
+                 escaped(tarnhost_root()));
     }
     bus_unbind(h);
     if (json_output())
