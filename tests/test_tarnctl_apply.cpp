@@ -634,6 +634,33 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
     EXPECT_EQ(0, c.stop());
 }
 
+// A change that is in the databases but may not have been announced is
+// named by --verify, with what sends it.
+TEST_F(TarnctlApply, VerifyNamesAnAnnouncementStillOwed)
+{
+    Client c;
+    ASSERT_TRUE(c.start(kSap));
+    tarndev::Unannounced owed;
+    owed.opcode = 51226;
+    owed.payload = Bytes(28, 0);
+    owed.what = "changes[3]: AS format 7";
+    const Bytes key = tarndev::journal_key(), value = tarndev::journal_value(owed);
+    ASSERT_EQ(0u, tarnhost_kvs_put(kJournalUri.c_str(), key.data(),
+                                   static_cast<uint32_t>(key.size()), value.data(),
+                                   static_cast<uint32_t>(value.size())));
+    ToolRun r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify");
+    EXPECT_NE(std::string::npos,
+              r.out.find("verify: an earlier apply ended before it could say it announced "
+                         "changes[3]: AS format 7; \"tarnctl apply\" with any change file "
+                         "(even {\"changes\": []}) announces it first\n"))
+        << r.out;
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --json");
+    const json doc = json::parse(r.out);
+    EXPECT_EQ("", tarntest::tarnctl_schema_problem("dump_cache", doc)) << r.out;
+    EXPECT_EQ("changes[3]: AS format 7", doc["verify"]["owed"]);
+    EXPECT_EQ(0, c.stop());
+}
+
 // A client that does not answer in time, and one whose process is gone,
 // are told apart, each with what to do.
 TEST_F(TarnctlApply, DumpCacheNamesAStoppedOrGoneClient)

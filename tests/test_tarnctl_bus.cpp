@@ -253,6 +253,26 @@ TEST_F(TarnctlBus, ShowClientsAndDumpCacheByAccessPointAndPid)
     ASSERT_EQ(1u, sdoc["clients"].size());
     EXPECT_TRUE(sdoc["clients"][0]["helper"].is_null()) << stopped.out;
     EXPECT_TRUE(sdoc["clients"][0]["gyre_cache"].is_null()) << stopped.out;
+    ASSERT_EQ(0, kill(w.pid, SIGSTOP));
+    stopped = tarnctl({"show", "clients"});
+    kill(w.pid, SIGCONT);
+    EXPECT_NE(std::string::npos,
+              stopped.out.find("note: \"?\" marks what a client did not say: it did not "
+                               "answer within 1000 ms (stopped or busy)\n"))
+        << stopped.out;
+
+    // A process that is not running is named as such.
+    pid_t gone = fork();
+    if (gone == 0)
+        _exit(0);
+    ASSERT_GT(gone, 0);
+    waitpid(gone, nullptr, 0);
+    Result dead = tarnctl({"dump-cache", "--pid", std::to_string(gone)});
+    EXPECT_EQ(1, dead.status);
+    EXPECT_EQ("tarnctl dump-cache: process " + std::to_string(gone) +
+                  " is not running; \"tarnctl show clients\" lists the clients and their "
+                  "addresses\n",
+              dead.err);
 
     r = tarnctl({"show", "clients"});
     ASSERT_EQ(0, r.status) << r.err;

@@ -5,6 +5,7 @@
 #include "tools/tarnctl_clients.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -208,6 +209,9 @@ std::string resolve_client(const ClientAddress &a, int32_t *sap, uint32_t *handl
         return "nobody serves access point " + std::to_string(a.value) + " on the device in " +
                tarnhost_root() + kListHint;
     case ClientAddress::kPid: {
+        if (a.value > 0x7FFFFFFF ||
+            (kill(static_cast<pid_t>(a.value), 0) != 0 && errno == ESRCH))
+            return "process " + std::to_string(a.value) + " is not running" + kListHint;
         std::vector<const tarnhost_bus_handle_info_t *> found;
         for (const auto &h : v.handles)
             if (h.alive && h.sap >= 0 && static_cast<uint64_t>(h.pid) == a.value &&
@@ -354,6 +358,13 @@ int cmd_show_clients(int argc, char **argv)
                 rows);
     if (clients.empty())
         printf("(no clients)\n");
+    bool unanswered = false;
+    for (const json &c : clients)
+        unanswered = unanswered || (c["helper"].is_null() && !c["address"].is_null());
+    if (unanswered)
+        printf("\nnote: \"?\" marks what a client did not say: it did not answer within %u ms "
+               "(stopped or busy)\n",
+               kProbeMs);
     return kExitOk;
 }
 

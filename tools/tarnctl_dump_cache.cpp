@@ -24,6 +24,9 @@
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
+#include "platform/kvs.h"
+#include "tools/announce_journal.h"
+#include "tools/device_records.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_clients.h"
 #include "tools/tarnctl_output.h"
@@ -230,6 +233,25 @@ void print_dump(const std::map<uint32_t, Dumped> &dump)
                d.second.in_sync ? "" : "Out of Sync!");
 }
 
+// The change an apply committed and may not have announced (the record of
+// tools/announce_journal.h); "" when none is owed.
+std::string owed_announcement()
+{
+    const std::string uri = tarndev::device_db_uri(tarndev::kJournalDb);
+    if (uri.empty())
+        return "";
+    const uint32_t st = kvs_open(uri.c_str(), 1, 0, 0, 0);
+    if (st != 0 && st != KVS_ERR_ALREADY_OPEN)
+        return "";
+    const tarndev::Bytes key = tarndev::journal_key();
+    kvs_datum_t k{key.data(), static_cast<uint32_t>(key.size())}, v{nullptr, 0};
+    tarndev::Unannounced u;
+    if (kvs_read(uri.c_str(), &k, &v) != 0 ||
+        !tarndev::journal_decode(static_cast<const uint8_t *>(v.data), v.len, &u))
+        return "";
+    return u.what;
+}
+
 json dump_json(const std::map<uint32_t, Dumped> &dump)
 {
     json list = json::array();
@@ -376,6 +398,15 @@ int cmd_dump_cache(int argc, char **argv)
                            handle, counted(missed, "notification", "notifications").c_str());
                 status = kExitFailed;
             }
+            // A change in the databases that no client has heard of yet
+            // explains a divergence: say so, and how to send it.
+            const std::string owed = owed_announcement();
+            doc["verify"]["owed"] = or_null(!owed.empty(), owed);
+            if (!owed.empty() && !as_json)
+                printf("verify: an earlier apply ended before it could say it announced %s; "
+                       "\"tarnctl apply\" with any change file (even {\"changes\": []}) "
+                       "announces it first\n",
+                       escaped(owed).c_str());
             gyre_api_close();
             tarn_api_close();
         }
