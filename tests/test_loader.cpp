@@ -485,6 +485,11 @@ TEST_F(loader, refuses_unknown_keys)
 {
     load_ok(fixture("device_basic.json"));
     refused(R"({"colour": 1})", "colour: unknown key");
+    // A key with a control character is named as JSON writes it: the
+    // message stays one line.
+    refused(R"({"a\nb": 1})", "a\\nb: unknown key");
+    refused("{\"contexts\": [{\"id\": 2, \"name\": \"a\", \"x\\u0007\": 1}]}",
+            "contexts[0].x\\u0007: unknown key");
     refused(R"({"contexts": [{"id": 1, "name": "a", "tables": [
               {"id": 2, "af": 1, "name": "b", "colour": 1}]}]})",
             "contexts[0].tables[0].colour: unknown key");

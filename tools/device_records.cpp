@@ -25,7 +25,16 @@ namespace tarndev {
 
 std::string member(const std::string &path, const std::string &key)
 {
-    return path.empty() ? key : path + "." + key;
+    // A key is the file's own text: one with a control character is written
+    // as JSON writes it ("\n"), so that a message stays on one line.
+    std::string shown = key;
+    for (unsigned char c : key)
+        if (c < 0x20 || c == 0x7f) {
+            shown = json(key).dump(-1, ' ', false, json::error_handler_t::replace);
+            shown = shown.substr(1, shown.size() - 2);
+            break;
+        }
+    return path.empty() ? shown : path + "." + shown;
 }
 
 std::string item(const std::string &path, size_t i)
