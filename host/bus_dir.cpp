@@ -355,11 +355,14 @@ int add_record(Bus *bus, uint32_t opcode, uint32_t id)
     std::string ds = shown(*bus, "sub", dir.c_str());
     std::string fs = ds + "/" + name;
     // A sweep may remove an empty opcode directory between our mkdir and
-    // our create: make it again.
+    // our open, or our open and our create: make it again.
     for (int attempt = 0;; ++attempt) {
         int dfd = open_dir(bus->subfd, dir.c_str(), ds.c_str(), true);
-        if (dfd < 0)
-            return errno;
+        if (dfd < 0) {
+            if (errno != ENOENT || attempt == 3)
+                return errno;
+            continue;
+        }
         int fd = open_file(dfd, name.c_str(), fs.c_str(), O_WRONLY | O_CREAT);
         int err = fd < 0 ? errno : 0;
         close(dfd);
