@@ -28,16 +28,6 @@ using tarntest::Proc;
 using tarntest::Result;
 using tarntest::tarnctl;
 
-std::vector<std::string> lines(const std::string &s)
-{
-    std::vector<std::string> out;
-    std::istringstream in(s);
-    std::string line;
-    while (std::getline(in, line))
-        out.push_back(line);
-    return out;
-}
-
 class TarnctlRecord : public tarntest::HostTest {
 protected:
     void SetUp() override
@@ -71,7 +61,7 @@ TEST_F(TarnctlRecord, WatchJsonPrintsOneObjectPerLine)
     ASSERT_TRUE(w.wait_for("\"event\":\"start\"")) << w.err();
     apply();
     ASSERT_EQ(0, w.wait()) << w.err();
-    const std::vector<std::string> out = lines(w.out());
+    const std::vector<std::string> out = tarntest::split_lines(w.out());
     std::vector<json> events;
     for (const std::string &l : out) {
         json j = json::parse(l, nullptr, false);
@@ -127,7 +117,7 @@ TEST_F(TarnctlRecord, PassiveWatchEnablesNothingAndPrintsPayloads)
     EXPECT_TRUE(listed[0]["address"].is_null());
     apply();
     ASSERT_EQ(0, p.wait()) << p.err();
-    const std::vector<std::string> out = lines(p.out());
+    const std::vector<std::string> out = tarntest::split_lines(p.out());
     ASSERT_EQ(4u, out.size()) << p.out();
     EXPECT_TRUE(std::regex_match(out[0], std::regex("passive listener, bus handle [0-9]+, device " +
                                                     root_)))

@@ -51,16 +51,6 @@ Result tarnctl(const std::vector<std::string> &args,
     return r;
 }
 
-std::vector<std::string> split(const std::string &s)
-{
-    std::vector<std::string> out;
-    std::istringstream in(s);
-    std::string line;
-    while (std::getline(in, line))
-        out.push_back(line);
-    return out;
-}
-
 size_t lines(const std::string &s)
 {
     size_t n = 0;
@@ -472,7 +462,7 @@ TEST_F(TarnctlShow, ManualCoversEveryCommand)
         page.erase(at, 1);
     // Headings and item lines (".SS", ".B", ".BI"), without their quotes.
     std::string marks;
-    for (const std::string &line : split(page)) {
+    for (const std::string &line : tarntest::split_lines(page)) {
         if (line.rfind(".SS ", 0) == 0 || line.rfind(".B ", 0) == 0 ||
             line.rfind(".BI ", 0) == 0) {
             std::string t = line.substr(line.find(' ') + 1);

@@ -45,16 +45,6 @@ size_t count_lines(const std::string &s)
     return n;
 }
 
-std::vector<std::string> split_lines(const std::string &s)
-{
-    std::vector<std::string> out;
-    std::istringstream in(s);
-    std::string line;
-    while (std::getline(in, line))
-        out.push_back(line);
-    return out;
-}
-
 void sleep_ms(long ms)
 {
     timespec ts{ms / 1000, (ms % 1000) * 1000000L};
@@ -164,7 +154,7 @@ protected:
         p->start(args);
         ASSERT_TRUE(p->wait_for("watching\n")) << p->out() << p->err();
         std::smatch m;
-        const std::string first = split_lines(p->out()).at(0);
+        const std::string first = tarntest::split_lines(p->out()).at(0);
         ASSERT_TRUE(std::regex_match(
             first, m,
             std::regex("access point ([0-9]+), bus handle ([0-9]+), device (.*)")))
@@ -205,7 +195,7 @@ protected:
     void expect_clean_stop(const std::string &out, const std::string &why,
                            size_t messages) const
     {
-        std::vector<std::string> l = split_lines(out);
+        std::vector<std::string> l = tarntest::split_lines(out);
         ASSERT_GE(l.size(), 2u);
         EXPECT_EQ("stopped (" + why + ") after " + std::to_string(messages) +
                       (messages == 1 ? " message" : " messages") + "; access point " +
@@ -230,7 +220,7 @@ protected:
                                           static_cast<uint32_t>(payload.size())));
         for (int i = 0; i < 1500 && count_lines(p->out()) == before; ++i)
             sleep_ms(20);
-        std::vector<std::string> l = split_lines(p->out());
+        std::vector<std::string> l = tarntest::split_lines(p->out());
         ASSERT_EQ(before + 1, l.size()) << p->out();
         EXPECT_TRUE(std::regex_match(l.back(), std::regex(kTime + pattern)))
             << l.back() << "\n  expected: " << pattern;
@@ -297,7 +287,7 @@ TEST_F(TarnctlWatch, AppliesNotificationsAndStopsOnSigterm)
 {
     Proc p;
     start(&p);
-    std::vector<std::string> l = split_lines(p.out());
+    std::vector<std::string> l = tarntest::split_lines(p.out());
     ASSERT_EQ(5u, l.size()) << p.out();
     EXPECT_EQ("AS format 2", l[1]);
     EXPECT_EQ("cached topology 7 vlans 10-20,30 ftags 3-4", l[2]);
@@ -397,7 +387,7 @@ TEST_F(TarnctlWatch, JsonLines)
                                       attr_change(1, 6).data(),
                                       static_cast<uint32_t>(attr_change(1, 6).size())));
     EXPECT_EQ(0, p.wait());
-    std::vector<std::string> l = split_lines(p.out());
+    std::vector<std::string> l = tarntest::split_lines(p.out());
     ASSERT_EQ(3u, l.size()) << p.out();
     const char *defs[] = {"watch_start", "watch_notification", "watch_stop"};
     for (size_t i = 0; i < 3; ++i) {
@@ -451,7 +441,7 @@ TEST_F(TarnctlWatch, StopsAfterCount)
                                       vlan_change(8, 100, 101).data(),
                                       static_cast<uint32_t>(vlan_change(8, 100, 101).size())));
     EXPECT_EQ(0, p.wait());
-    std::vector<std::string> l = split_lines(p.out());
+    std::vector<std::string> l = tarntest::split_lines(p.out());
     ASSERT_GE(l.size(), 3u);
     EXPECT_TRUE(std::regex_match(
         l[l.size() - 3], std::regex(std::string(kTime) +
@@ -467,7 +457,7 @@ TEST_F(TarnctlWatch, StopsAfterTimeout)
     p.start({"watch", "--timeout=1"});
     EXPECT_EQ(0, p.wait());
     std::smatch m;
-    const std::string first = split_lines(p.out()).at(0);
+    const std::string first = tarntest::split_lines(p.out()).at(0);
     ASSERT_TRUE(std::regex_match(
         first, m, std::regex("access point ([0-9]+), bus handle ([0-9]+), .*")));
     sap_ = static_cast<uint32_t>(std::stoul(m[1]));

@@ -20,6 +20,7 @@
 #include "tools/log_lines.h"
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_output.h"
+#include "tools/tarnctl_passive.h"
 
 namespace tarnctl {
 
@@ -32,9 +33,7 @@ const Command kLog = {
 
 namespace {
 
-volatile sig_atomic_t g_stop = 0;
 
-void on_signal(int) { g_stop = 1; }
 
 void print_help()
 {
@@ -243,13 +242,7 @@ int cmd_log(int argc, char **argv)
     if (timeout != 0 && !follow)
         return usage_error(kLog, "--timeout goes with --follow");
 
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    struct sigaction sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sa_handler = on_signal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    stop_on_signals();
 
     const std::string path = std::string(tarnhost_root()) + "/log/messages";
     timespec begun;
@@ -307,7 +300,7 @@ int cmd_log(int argc, char **argv)
         }
         timespec now;
         clock_gettime(CLOCK_MONOTONIC, &now);
-        if (g_stop || output_failed() || (timeout != 0 && static_cast<uint64_t>(now.tv_sec - begun.tv_sec) >= timeout))
+        if (stop_requested() || output_failed() || (timeout != 0 && static_cast<uint64_t>(now.tv_sec - begun.tv_sec) >= timeout))
             break;
         timespec pause{0, 100 * 1000000L};
         nanosleep(&pause, nullptr);

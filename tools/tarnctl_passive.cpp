@@ -3,6 +3,10 @@
 
 #include "tools/tarnctl_passive.h"
 
+#include <stdio.h>
+
+#include <signal.h>
+
 #include <errno.h>
 #include <string.h>
 
@@ -13,6 +17,24 @@
 #include "platform/bus.h"
 
 namespace tarnctl {
+
+namespace {
+volatile sig_atomic_t g_stop_requested = 0;
+void on_stop_signal(int) { g_stop_requested = 1; }
+}  // namespace
+
+void stop_on_signals()
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_stop_signal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+bool stop_requested() { return g_stop_requested != 0; }
 
 std::vector<uint32_t> notification_opcodes()
 {

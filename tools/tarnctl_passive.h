@@ -28,6 +28,12 @@ bool from_hex(const std::string &text, std::vector<uint8_t> *out);
 // this option, -1 bad value.
 int parse_opcode_option(int argc, char **argv, int *i, std::vector<uint32_t> *out);
 
+// Makes SIGINT and SIGTERM ask a long-running command to stop (they only
+// set a flag, read with stop_requested()) and makes standard output line
+// buffered, so that every line reaches a pipe as it is printed.
+void stop_on_signals();
+bool stop_requested();
+
 // Why a listener that has handled `handled` messages, `elapsed` seconds
 // after its start, stops now ("signal", "count", "timeout"); null to go on.
 // A count or timeout of 0 is no limit.

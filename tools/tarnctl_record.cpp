@@ -54,9 +54,7 @@ using json = nlohmann::json;
 
 constexpr int kFormat = 1;
 
-volatile sig_atomic_t g_stop = 0;
 
-void on_signal(int) { g_stop = 1; }
 
 double monotonic_seconds()
 {
@@ -67,7 +65,7 @@ double monotonic_seconds()
 
 void sleep_seconds(double s)
 {
-    while (s > 0 && !g_stop) {
+    while (s > 0 && !stop_requested()) {
         const double step = s > 0.2 ? 0.2 : s;  // stay responsive to signals
         timespec ts{static_cast<time_t>(step), static_cast<long>((step - floor(step)) * 1e9)};
         nanosleep(&ts, nullptr);
@@ -226,16 +224,6 @@ std::string read_recording(const char *file, std::vector<Event> *out)
     return error;
 }
 
-void install_signals()
-{
-    struct sigaction sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sa_handler = on_signal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-}
-
 }  // namespace
 
 int cmd_record(int argc, char **argv)
@@ -289,8 +277,7 @@ int cmd_record(int argc, char **argv)
         close(fd);
         return reportf("record", kExitFailed, "cannot write %s: %s", file, strerror(err));
     }
-    install_signals();
-    setvbuf(stdout, nullptr, _IOLBF, 0);
+    stop_on_signals();
     const std::vector<uint32_t> opcodes = only.empty() ? notification_opcodes() : only;
     std::string error;
     const uint32_t h = listen_passively("tarnctl record", opcodes, &error);
@@ -313,7 +300,7 @@ int cmd_record(int argc, char **argv)
     const char *why = nullptr;
     bool write_failed = false;
     for (;;) {
-        why = stop_reason(g_stop != 0, n, count, monotonic_seconds() - start, timeout);
+        why = stop_reason(stop_requested(), n, count, monotonic_seconds() - start, timeout);
         if (why != nullptr)
             break;
         bus_msg_t *msg = tarnhost_bus_recv_ms(h, 200);
@@ -387,8 +374,7 @@ int cmd_replay(int argc, char **argv)
     const std::string error = read_recording(file, &events);
     if (!error.empty())
         return reportf("replay", kExitFailed, "%s; nothing was published", error.c_str());
-    install_signals();
-    setvbuf(stdout, nullptr, _IOLBF, 0);
+    stop_on_signals();
     const uint32_t h = bus_bind(0, -1, nullptr, "tarnctl replay");
     if (h == BUS_HANDLE_NONE)
         return reportf("replay", kExitFailed,
@@ -402,7 +388,7 @@ int cmd_replay(int argc, char **argv)
     for (const Event &e : events) {
         if (speed > 0)
             sleep_seconds(start + e.at / speed - monotonic_seconds());
-        if (g_stop)
+        if (stop_requested())
             break;
         const int err = tarnhost_bus_publish(h, e.opcode, e.payload.data(),
                                              static_cast<uint32_t>(e.payload.size()));

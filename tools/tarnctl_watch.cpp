@@ -44,7 +44,6 @@ constexpr int32_t kFirstSap = 1000;
 constexpr int32_t kLastSap = 1099;
 constexpr int32_t kMaxSap = 0x7FFFFFFF;
 
-volatile sig_atomic_t g_stop = 0;
 bool g_json = false;
 std::vector<uint32_t> g_only;  // the opcodes to print; empty: all
 
@@ -59,7 +58,6 @@ bool wanted(uint32_t opcode)
     return g_only.empty() || std::find(g_only.begin(), g_only.end(), opcode) != g_only.end();
 }
 
-void on_signal(int) { g_stop = 1; }
 
 void print_help()
 {
@@ -468,7 +466,7 @@ int listen(uint64_t count, uint64_t timeout)
     uint64_t handled = 0;
     const char *why = nullptr;
     for (;;) {
-        why = stop_reason(g_stop != 0, handled, count, monotonic_seconds() - start, timeout);
+        why = stop_reason(stop_requested(), handled, count, monotonic_seconds() - start, timeout);
         if (why == nullptr && output_failed())
             why = "write error";
         if (why != nullptr)
@@ -558,13 +556,7 @@ int cmd_watch(int argc, char **argv)
         return usage_error(kWatch, msg.c_str());
     }
 
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    struct sigaction sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sa_handler = on_signal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    stop_on_signals();
 
     if (passive) {
         if (sap != 0)
@@ -630,7 +622,7 @@ int cmd_watch(int argc, char **argv)
     ro.flags = 0;
     ro.timeout_s = 1;
     for (;;) {
-        if (g_stop) {
+        if (stop_requested()) {
             why = "signal";
             break;
         }

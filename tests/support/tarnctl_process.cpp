@@ -54,6 +54,16 @@ void exec_tarnctl(const char *path, const std::vector<std::string> &args)
     _exit(127);
 }
 
+std::vector<std::string> split_lines(const std::string &s)
+{
+    std::vector<std::string> out;
+    std::istringstream in(s);
+    std::string line;
+    while (std::getline(in, line))
+        out.push_back(line);
+    return out;
+}
+
 std::string slurp(const std::string &path)
 {
     std::ifstream in(path);

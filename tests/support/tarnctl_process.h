@@ -25,6 +25,9 @@ pid_t spawn_tarnctl(const char *path, const std::vector<std::string> &args,
 // emulator when there is one; exit status 127 when it cannot.
 [[noreturn]] void exec_tarnctl(const char *path, const std::vector<std::string> &args);
 
+// The lines of `s`, without their newlines.
+std::vector<std::string> split_lines(const std::string &s);
+
 // The whole content of a file ("" when it cannot be read).
 std::string slurp(const std::string &path);
 
