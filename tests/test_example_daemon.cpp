@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <string.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -18,7 +19,10 @@
 
 #include <gtest/gtest.h>
 
+#include <tarn/tarn.h>
+
 #include "host/tarnhost.h"
+#include "host/tarnhost_bus.h"
 #include "platform/bus.h"
 #include "support/fixture.h"
 #include "support/tarnctl_process.h"
@@ -194,6 +198,12 @@ TEST_F(ExampleDaemon, FollowsEveryChangeIsVerifiedAndStopsOnSigterm)
     // The dump's page request is a notification the daemon applies too;
     // the inspection request is answered without a line.
     EXPECT_EQ("cache dump page 1 answered", d.line());
+    // It says itself which caches it keeps.
+    const TarnctlRun clients = run_tarnctl(TARNCTL_PATH, {"show", "clients", "--json"});
+    EXPECT_EQ(0, clients.status) << clients.err;
+    for (const char *fact : {"\"helper\": true", "\"gyre_cache\": true", "\"tarn_cache_mode\": true",
+                             "\"as_format_tracked\": true", "\"as_format\": 1,"})
+        EXPECT_NE(std::string::npos, clients.out.find(fact)) << fact << "\n" << clients.out;
 
     ASSERT_EQ(0, kill(d.pid(), SIGTERM));
     EXPECT_EQ("daemon: stopping (SIGTERM)", d.line());
@@ -203,6 +213,63 @@ TEST_F(ExampleDaemon, FollowsEveryChangeIsVerifiedAndStopsOnSigterm)
     EXPECT_FALSE(exists(root_ + "/bus/ap/1200"));
     EXPECT_FALSE(exists(root_ + "/bus/h/" + std::to_string(handle)));
     EXPECT_FALSE(exists(root_ + "/bus/state/" + std::to_string(handle)));
+}
+
+// A payload of `len` zero bytes with the 16-bit `kind` at offset 2 (an
+// attribute change's kind) and, when `at` is not 0, `word` at `at`.
+std::vector<uint8_t> payload(size_t len, uint16_t kind = 0, size_t at = 0, uint32_t word = 0)
+{
+    std::vector<uint8_t> p(len, 0);
+    if (len >= 4)
+        memcpy(&p[2], &kind, sizeof kind);
+    if (at != 0 && at + 4 <= len)
+        memcpy(&p[at], &word, sizeof word);
+    return p;
+}
+
+int publish(uint32_t opcode, const std::vector<uint8_t> &p)
+{
+    return tarnhost_bus_publish(BUS_HANDLE_NONE, opcode, p.empty() ? nullptr : p.data(),
+                                static_cast<uint32_t>(p.size()));
+}
+
+// The Gyre notifications that the cache does not use get a line each; what
+// the library does not take gets none (the next line is the marker that
+// follows it); after the service flushed the Gyre cache, a topology's
+// creation changes nothing and gets no line.
+TEST_F(ExampleDaemon, NothingToChangeNotTakenAndFlushed)
+{
+    Daemon d(root_, {});
+    ASSERT_NE(BUS_HANDLE_NONE, ready(d));
+    for (uint32_t opcode : {51205u, 51209u, 51211u, 51212u, 51213u}) {
+        ASSERT_EQ(0, publish(opcode, payload(24)));
+        EXPECT_EQ("notification " + std::to_string(opcode) + ": nothing to change", d.line());
+    }
+    // Not the library's: an opcode it does not know, sent to the daemon's
+    // access point, and an attribute change too short to have a kind.
+    const uint32_t sender = bus_bind(0, -1, nullptr, "sender");
+    ASSERT_NE(BUS_HANDLE_NONE, sender);
+    bus_send_opts_t opts;
+    memset(&opts, 0, sizeof opts);
+    opts.w[0] = 1;
+    const std::vector<uint8_t> odd = payload(8);
+    ASSERT_EQ(0, bus_send(sender, BUS_NODE_LOCAL, 1200, 40000, odd.data(),
+                          static_cast<uint32_t>(odd.size()), nullptr, nullptr, &opts));
+    EXPECT_EQ(0u, bus_unbind(sender));
+    ASSERT_EQ(0, publish(BUS_OPC_TARN_ATTR_CHANGE, payload(2)));
+    ASSERT_EQ(0, publish(51209, payload(24)));
+    EXPECT_EQ("notification 51209: nothing to change", d.line());
+
+    ASSERT_EQ(0, publish(BUS_OPC_TARN_ATTR_CHANGE, payload(28, 3)));
+    EXPECT_EQ("gyre cache flushed", d.line());
+    ASSERT_EQ(0, publish(51208, payload(24, 0, 20, 50)));
+    ASSERT_EQ(0, publish(51212, payload(24)));
+    EXPECT_EQ("notification 51212: nothing to change", d.line());
+
+    ASSERT_EQ(0, kill(d.pid(), SIGTERM));
+    EXPECT_EQ("daemon: stopping (SIGTERM)", d.line());
+    EXPECT_EQ(0, d.wait());
+    EXPECT_EQ("", d.err());
 }
 
 TEST_F(ExampleDaemon, StopsOnSigintAtTheAccessPointGiven)

@@ -53,6 +53,15 @@ std::vector<std::string> section_code(const std::string &readme, const std::stri
 
 class TarnctlReadme : public tarntest::HostTest {};
 
+const std::string kTargetFlags =
+#if defined(__i386__)
+    "-m32 "
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+    "-fsanitize=address,undefined "
+#endif
+    "";
+
 TEST_F(TarnctlReadme, TourRunsAsWritten)
 {
     const std::string readme = slurp(TARN_SOURCE_DIR "/README.md");
@@ -260,9 +269,13 @@ TEST_F(TarnctlReadme, DaemonSectionRunsAsWritten)
         c = std::regex_replace(c, std::regex("/tmp/tour"), root_);
         c = std::regex_replace(c, std::regex("\\$PWD/build/prefix"), root_ + "/prefix");
         c = std::regex_replace(c, std::regex("build/daemon"), root_ + "/daemon");
-        if (!in_tree)
+        if (!in_tree) {
             c = std::regex_replace(c, std::regex("^cmake --install build/demo "),
                                    "cmake --install '" TARN_BINARY_DIR "' ");
+            // The section's compiler builds for this machine, without
+            // sanitizers; this build's libraries may need either.
+            c = std::regex_replace(c, std::regex("^cc "), "cc " + kTargetFlags);
+        }
         if (c == root_ + "/daemon &") {
             script += c.substr(0, c.size() - 2) + " > '" + out_path + "' 2>&1 &\n";
             script += "for i in $(seq 300); do grep -q '^daemon: ready' '" + out_path +
