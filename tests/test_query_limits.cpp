@@ -138,6 +138,51 @@ TEST_F(Limits, ContextRecordUnderIdZeroEndsTheWalk)
     EXPECT_TRUE(captured().empty());
 }
 
+// The id records of contexts and tables hold a TLV array whose first TLV
+// carries the id.  A TLV whose length runs past the value, however far
+// (up to the length where offset plus length would pass 32 bits), is no
+// id: the answer is 0, as for an absent record.  A TLV of 4 bytes or more
+// gives its first 4.
+TEST_F(Limits, IdRecordsWhoseTlvLengthRunsPastTheValue)
+{
+    load(R"({"contexts": [{"id": 3, "name": "red", "tables": [{"id": 30, "af": 1, "name": "m"}]}]})");
+    std::vector<uint8_t> key(48, 0);
+    key[3] = 1;
+    memcpy(&key[4], "x", 1);
+    auto put_id_value = [&](uint32_t tlv_len, size_t bytes) {
+        std::vector<uint8_t> v = {0, 0, 0, 1};
+        const uint32_t be = htonl(tlv_len);
+        v.insert(v.end(), reinterpret_cast<const uint8_t *>(&be),
+                 reinterpret_cast<const uint8_t *>(&be) + 4);
+        for (size_t i = 0; i < bytes; ++i)
+            v.push_back(static_cast<uint8_t>(i == 3 ? 9 : 0));
+        ASSERT_EQ(0u, tarnhost_kvs_put(tarntest::tarn_kvs_uri().c_str(), key.data(), 48,
+                                       v.data(), static_cast<uint32_t>(v.size())));
+    };
+    put_id_value(4, 4);
+    EXPECT_EQ(9u, tarn_get_context_id("x"));
+    put_id_value(5, 5);
+    EXPECT_EQ(9u, tarn_get_context_id("x"));
+    put_id_value(3, 3);
+    EXPECT_EQ(0u, tarn_get_context_id("x")) << "too short for an id";
+    for (uint32_t len : {5u, 8u, 0x7FFFFFFFu, 0xFFFFFFF8u, 0xFFFFFFFCu, 0xFFFFFFFFu}) {
+        SCOPED_TRACE(len);
+        put_id_value(len, 4);
+        EXPECT_EQ(0u, tarn_get_context_id("x"));
+    }
+    // The table id records are read the same way.
+    key = key_with_id(TARN_KVS_KIND_TABLE_ID, 3);
+    const uint32_t af = htonl(1);
+    memcpy(&key[8], &af, 4);
+    memcpy(&key[12], "x", 1);
+    put_id_value(4, 4);
+    EXPECT_EQ(9u, tarn_get_table_id(3, 1, "x"));
+    put_id_value(0xFFFFFFF8u, 4);
+    EXPECT_EQ(0u, tarn_get_table_id(3, 1, "x"));
+    EXPECT_EQ(30u, tarn_get_table_id(3, 1, "m"));
+    EXPECT_TRUE(captured().empty());
+}
+
 // ---- names that share a prefix -----------------------------------------------------------
 
 // Only the whole name "l2-vrf" is hidden: neither a name it begins with nor
