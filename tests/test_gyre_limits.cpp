@@ -257,6 +257,37 @@ TEST_F(GyreLimits, LargestVlanUpdateIsAppliedWhole)
     EXPECT_EQ("", invariant_violation());
 }
 
+// ---- attribute kinds ----------------------------------------------------------------------------
+
+// Kinds 1 to 4 act; 0, 5 and the largest are dropped as handled and change
+// nothing, neither the AS format nor the cache.
+TEST_F(GyreLimits, AttributeKindsOneToFourAndTheKindsAroundThem)
+{
+    load(R"({"topologies": [{"id": 7, "ftags": [{"ftag": 5, "graph": 2}]}]})");
+    ASSERT_EQ(1u, enable_cache());
+    ASSERT_EQ(1u, tarn_enable_cache_mode(1));
+    ASSERT_EQ(1u, tarn_get_as_format());
+    for (uint32_t kind : {0u, 5u, 0xFFFFu}) {
+        SCOPED_TRACE(kind);
+        Bytes p = attr_payload(static_cast<uint16_t>(kind), 7, {5});
+        put32(p, 24, 9);
+        EXPECT_EQ(1, attr(p));
+        EXPECT_EQ(1u, tarn_get_as_format());
+        ASSERT_NE(nullptr, gyre_cache);
+        EXPECT_EQ(7u, owner_of_ftag(5));
+    }
+    Bytes p = attr_payload(1);
+    put32(p, 24, 9);
+    EXPECT_EQ(1, attr(p));
+    EXPECT_EQ(9u, tarn_get_as_format());
+    EXPECT_EQ(1, attr(attr_payload(2, 7, {5})));
+    EXPECT_EQ(GYRE_TPG_NONE, owner_of_ftag(5));
+    EXPECT_EQ(1, attr(attr_payload(3)));
+    EXPECT_EQ(nullptr, gyre_cache);
+    EXPECT_EQ(1u, gyre_cache_enabled);
+    EXPECT_TRUE(syslog_lines().empty());
+}
+
 // ---- dump pages at the edge of 32 bits ----------------------------------------------------------
 
 // The first record of page i is (i - 1) x 16: for an iteration from
@@ -321,8 +352,9 @@ TEST_F(GyreLimits, TopologyNamesThatShareAPrefixAreDifferentRecords)
                             {"id": 100, "active_vlans": "100"}]})");
     for (int cached = 0; cached < 2; ++cached) {
         SCOPED_TRACE(cached ? "cache" : "database");
-        if (cached)
+        if (cached) {
             ASSERT_EQ(1u, enable_cache());
+        }
         for (uint32_t t : {1u, 10u, 100u}) {
             gyre_vlan_bmp_t out = vlan_bmp({});
             ASSERT_EQ(1u, gyre_get_l2_tpg_act_vlans(t, &out)) << t;

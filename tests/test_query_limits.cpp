@@ -17,11 +17,14 @@
 #include "core/state.h"
 #include "host/tarnhost_bus.h"
 #include "platform/bus.h"
+#include "platform/kvs.h"
 #include "support/device.h"
 #include "support/fixture.h"
 #include "support/library.h"
 
 using tarntest::captured;
+
+extern "C" uint32_t tarn_read_cell_mgr_record(void **copy);
 
 namespace {
 
@@ -180,6 +183,31 @@ TEST_F(Limits, IdRecordsWhoseTlvLengthRunsPastTheValue)
     put_id_value(0xFFFFFFF8u, 4);
     EXPECT_EQ(0u, tarn_get_table_id(3, 1, "x"));
     EXPECT_EQ(30u, tarn_get_table_id(3, 1, "m"));
+    EXPECT_TRUE(captured().empty());
+}
+
+// The cell manager's list: a count whose 2-byte entries would pass 32 bits
+// (from 0x80000000 on, twice the count wraps to a small number) is as much
+// a count past the record's end as one just past it.
+TEST_F(Limits, CellManagerCountWhoseSizePasses32Bits)
+{
+    load();
+    std::vector<uint8_t> rec(532, 0);
+    rec[521] = 1;
+    for (uint32_t count : {4u, 0x7FFFFFFFu, 0x80000000u, 0x80000001u, 0xFFFFFFFEu}) {
+        SCOPED_TRACE(count);
+        const uint32_t be = htonl(count);
+        memcpy(&rec[522], &be, 4);
+        tarntest::write_cell_mgr_bytes(rec);
+        void *copy = nullptr;
+        EXPECT_EQ(KVS_ERR_INVALID, tarn_read_cell_mgr_record(&copy));
+        EXPECT_EQ(nullptr, copy);
+        EXPECT_EQ(0u, tarn_get_cell_type());
+    }
+    const uint32_t three = htonl(3);
+    memcpy(&rec[522], &three, 4);
+    tarntest::write_cell_mgr_bytes(rec);
+    EXPECT_EQ(1u, tarn_get_cell_type());
     EXPECT_TRUE(captured().empty());
 }
 
