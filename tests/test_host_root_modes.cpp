@@ -6,6 +6,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -130,6 +131,7 @@ protected:
         std::error_code ec;
         std::filesystem::remove_all(outside_, ec);
         setenv("TARNHOST_ROOT", root_.c_str(), 1);
+        unsetenv("TARNHOST_GROUP");
         tarntest::HostTest::TearDown();
         if (had_group_)
             setenv("TARNHOST_GROUP", group_.c_str(), 1);
@@ -226,6 +228,40 @@ TEST_F(host_root_modes, each_write_bit_of_each_subdirectory)
         }
         ASSERT_EQ(0, chmod(dir.c_str(), 0700));
     }
+}
+
+// On a device shared with a group on purpose, group members may write:
+// only a write bit for others refuses a directory, with or without the
+// sticky bit.  (The group here is the caller's own primary group.)
+TEST_F(host_root_modes, each_bit_of_a_group_device)
+{
+    group *g = getgrgid(getegid());
+    ASSERT_NE(nullptr, g);
+    setenv("TARNHOST_GROUP", g->gr_name, 1);
+    const std::string dev = root_ + "/shared";
+    setenv("TARNHOST_ROOT", dev.c_str(), 1);
+    ASSERT_EQ(0, tarnhost_root_prepare()) << tarnhost_root_problem();
+    const std::string bus = dev + "/bus";
+    for (const std::string &dir : {dev, bus}) {
+        struct stat st;
+        ASSERT_EQ(0, stat(dir.c_str(), &st));
+        const mode_t base = st.st_mode & 07777 & ~mode_t{077};
+        for (mode_t sticky : {mode_t{0}, mode_t{01000}}) {
+            for (mode_t bit : kOtherBits) {
+                const mode_t mode = base | bit | sticky;
+                SCOPED_TRACE(dir + " " + mode_text(mode));
+                ASSERT_EQ(0, chmod(dir.c_str(), mode));
+                if ((bit & 002) != 0) {
+                    EXPECT_EQ(EACCES, tarnhost_root_prepare());
+                    EXPECT_EQ(open_text(dir, mode), tarnhost_root_problem());
+                } else {
+                    EXPECT_EQ(0, tarnhost_root_prepare()) << tarnhost_root_problem();
+                }
+            }
+        }
+        ASSERT_EQ(0, chmod(dir.c_str(), st.st_mode & 07777));
+    }
+    unsetenv("TARNHOST_GROUP");
 }
 
 // An ancestor, at any depth: a group or other write bit refuses the root
