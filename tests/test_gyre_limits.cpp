@@ -113,6 +113,43 @@ TEST_F(GyreLimits, FtagUpdateTakes1023AndPassesOver1024)
     EXPECT_EQ("", invariant_violation());
 }
 
+// Every query keyed by a VLAN or a ftag answers for VLAN 4095 and ftag 1023
+// and refuses 4096 and 1024, on the database path and on the cache path.
+TEST_F(GyreLimits, EveryKeyedQueryAtTheHighestVlanAndFtagOnBothPaths)
+{
+    load(R"({"topologies": [{"id": 7, "active_vlans": "4094-4095",
+                             "ftags": [{"ftag": 1023, "graph": 1}, {"ftag": 1022, "graph": 2}]}]})");
+    for (int cached = 0; cached < 2; ++cached) {
+        SCOPED_TRACE(cached ? "cache" : "database");
+        if (cached) {
+            ASSERT_EQ(1u, enable_cache());
+        }
+        uint16_t ftag = 0;
+        EXPECT_EQ(7u, gyre_get_vlan_l2_tpg(4095));
+        EXPECT_EQ(GYRE_TPG_NONE, gyre_get_vlan_l2_tpg(4096));
+        EXPECT_EQ(7u, gyre_get_ftag_l2_tpg(1023));
+        EXPECT_EQ(GYRE_TPG_NONE, gyre_get_ftag_l2_tpg(1024));
+        ftag = 0;
+        ASSERT_EQ(1u, gyre_get_vlan_ftag(4095, 1, &ftag));
+        EXPECT_EQ(1023u, ftag);
+        ASSERT_EQ(1u, gyre_get_vlan_ftag(4095, 2, &ftag));
+        EXPECT_EQ(1022u, ftag);
+        EXPECT_EQ(0u, gyre_get_vlan_ftag(4096, 1, &ftag));
+        ftag = 0;
+        ASSERT_EQ(1u, gyre_get_unicast_ftag_by_vlan(4095, &ftag));
+        EXPECT_EQ(cached ? 1022u : 1023u, ftag)
+            << "the cache takes the lowest ftag with any flags, deliberately";
+        EXPECT_EQ(0u, gyre_get_unicast_ftag_by_vlan(4096, &ftag));
+        gyre_vlan_bmp_t out = vlan_bmp({});
+        ASSERT_EQ(1u, gyre_get_ftag_vlans(1023, &out));
+        EXPECT_EQ((Set{4094, 4095}), bits_of(out.bits, GYRE_VLAN_COUNT));
+        out = vlan_bmp({1});
+        EXPECT_EQ(0u, gyre_get_ftag_vlans(1024, &out));
+        EXPECT_EQ((Set{1}), bits_of(out.bits, GYRE_VLAN_COUNT));
+    }
+    EXPECT_TRUE(syslog_lines().empty());
+}
+
 TEST_F(GyreLimits, VlanUpdateCarriesVlans0And4095)
 {
     load(R"({"topologies": [{"id": 7}, {"id": 8}]})");
