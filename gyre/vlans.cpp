@@ -1,5 +1,6 @@
 // Interface and topology VLAN sets, and the walks over topologies.
 
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -165,7 +166,14 @@ TARN_API uint32_t gyre_get_l2_tpg_vlans(const char *name, gyre_vlan_bmp_t *vlans
             tarn_debug("Invalid Arguments in %s()", "gyre_cache_get_l2_tpg_vlans");
             return 0;
         }
-        const uint32_t tpg = static_cast<uint32_t>(strtol(name, nullptr, 10));
+        // Read as the 32-bit device's strtol reads it: beyond the signed
+        // 32-bit range the number saturates instead of wrapping.
+        long long wide = strtoll(name, nullptr, 10);
+        if (wide > INT32_MAX)
+            wide = INT32_MAX;
+        else if (wide < INT32_MIN)
+            wide = INT32_MIN;
+        const uint32_t tpg = static_cast<uint32_t>(static_cast<int32_t>(wide));
         const gyre_cache_tpg_node_t *node = gyre_cache_find_topo_by_id(tpg);
         if (node == nullptr) {
             tarn_debug("No tpg id %lu information in %s()", static_cast<unsigned long>(tpg),

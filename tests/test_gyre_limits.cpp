@@ -403,6 +403,28 @@ TEST_F(GyreLimits, TopologyNamesThatShareAPrefixAreDifferentRecords)
     }
 }
 
+// On the cache path a topology name is read as the device's 32-bit strtol
+// reads it: a number beyond the 32-bit signed range saturates and names no
+// topology, on every build, instead of wrapping round to a small id.
+TEST_F(GyreLimits, CachedTopologyNamesBeyond32BitsSaturate)
+{
+    load(R"({"topologies": [{"id": 7, "active_vlans": "70"}]})");
+    ASSERT_EQ(1u, enable_cache());
+    gyre_vlan_bmp_t out = vlan_bmp({});
+    for (const char *name : {"7", "0007", "7abc", "+7"}) {
+        SCOPED_TRACE(name);
+        out = vlan_bmp({});
+        ASSERT_EQ(1u, gyre_get_l2_tpg_act_vlans_by_name(name, &out));
+        EXPECT_EQ((Set{70}), bits_of(out.bits, GYRE_VLAN_COUNT));
+    }
+    // 2^32 + 7, -(2^32) + 7, and the first numbers past the signed range.
+    for (const char *name : {"4294967303", "-4294967289", "2147483648", "-2147483649",
+                             "18446744073709551623", "2147483647", "-1", "0", "abc"}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(0u, gyre_get_l2_tpg_act_vlans_by_name(name, &out));
+    }
+}
+
 // A name keyed in 33 bytes: 32 characters are kept and the rest cut, on
 // the database path; names are decimal ids on the cache path.
 TEST_F(GyreLimits, TopologyVlanNamesAreKeyedByTheir32FirstCharacters)
