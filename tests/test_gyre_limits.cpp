@@ -482,6 +482,34 @@ TEST_F(GyreLimits, BuildPassesOverFtagsPast1023AndShortValues)
     EXPECT_EQ((std::vector<uint32_t>{1, 1023, 1024, 0xFFFF, 2}), seen);
 }
 
+// A ftag in two topologies, which no description may hold: the build gives
+// the ftag's entry to the topology walked last and leaves the bit in both,
+// and the dump tells the first topology out of sync.  The database path
+// answers from the ftag's own record.
+TEST_F(GyreLimits, FtagStoredInTwoTopologies)
+{
+    load(R"({"topologies": [{"id": 7, "ftags": [{"ftag": 5, "graph": 2}]}, {"id": 8}]})");
+    ASSERT_EQ(1u, gyre_api_init());
+    put_tpg_ftag(8, 3, 0x02, 5);
+    EXPECT_EQ(7u, gyre_get_ftag_l2_tpg(5));
+    ASSERT_EQ(1u, enable_cache());
+    EXPECT_EQ((std::map<uint32_t, Set>{{7, {5}}, {8, {5}}}), ftags_by_node());
+    EXPECT_EQ(8u, gyre_get_ftag_l2_tpg(5));
+    EXPECT_EQ(3u, gyre_cache->ftags[5].graph_id);
+    uint32_t size = 0;
+    uint8_t *page = static_cast<uint8_t *>(gyre_cache_build_resp_info(1, &size));
+    ASSERT_NE(nullptr, page);
+    ASSERT_EQ(12u + 2u * 656u, size);
+    uint32_t w = 0;
+    memcpy(&w, page + 12, 4);
+    EXPECT_EQ(7u, w);
+    memcpy(&w, page + 12 + 652, 4);
+    EXPECT_EQ(0u, w) << "topology 7 holds a ftag owned elsewhere";
+    memcpy(&w, page + 12 + 656 + 652, 4);
+    EXPECT_EQ(1u, w);
+    free(page);
+}
+
 // A notification's flags are a 32-bit word: the cache keeps what the
 // byte of a record could not hold.  The unicast answers take any non-zero
 // flags, deliberately, and no flags at all is not unicast.
