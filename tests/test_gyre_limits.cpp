@@ -294,6 +294,39 @@ TEST_F(GyreLimits, LargestVlanUpdateIsAppliedWhole)
     EXPECT_EQ("", invariant_violation());
 }
 
+// ---- cells -------------------------------------------------------------------------------------
+
+// The Gyre side serves cell 1 only: cells 0 and 5 are invalid, 4 is out of
+// range, and only the low 16 bits name the cell.
+TEST_F(GyreLimits, CellsAroundTheServedCell)
+{
+    load(R"({"topologies": [{"id": 7}]})");
+    ASSERT_EQ(1u, enable_cache());
+    for (uint32_t cell : {0u, 4u, 5u, 0x10000u}) {
+        SCOPED_TRACE(cell);
+        tarnhost_cell_set(cell);
+        tarnhost_log_throttle_reset();
+        tarnhost_capture_clear();
+        tarn_table_info_t info;
+        EXPECT_EQ(0u, gyre_get_first_l2_tpg(&info));
+        EXPECT_EQ(0u, gyre_ftag_converge());
+        EXPECT_EQ(0, apply(kCreate, tpg_payload(9)));
+        const char *what = cell == 4 ? "ctx range" : "IS_CELL_IS_VALID()";
+        EXPECT_EQ((std::vector<std::string>{cell_line(what, "gyre_get_first_l2_tpg"),
+                                            cell_line(what, "gyre_ftag_converge"),
+                                            cell_line(what, "gyre_dispatch_internal")}),
+                  syslog_lines());
+        EXPECT_EQ(0u, cache_nodes().count(9));
+    }
+    tarnhost_cell_set(0x50001);
+    tarnhost_capture_clear();
+    tarn_table_info_t info;
+    EXPECT_EQ(7u, gyre_get_first_l2_tpg(&info));
+    EXPECT_EQ(0, apply(kCreate, tpg_payload(9)));
+    EXPECT_EQ(1u, cache_nodes().count(9));
+    EXPECT_TRUE(syslog_lines().empty());
+}
+
 // ---- attribute kinds ----------------------------------------------------------------------------
 
 // Kinds 1 to 4 act; 0, 5 and the largest are dropped as handled and change
