@@ -99,13 +99,15 @@ class Gyre:
 
     def _ftag_out(self, what: str, fn: Callable[..., int], *args: int
                   ) -> Optional[int]:
-        self._lib.require_open()
-        out = ctypes.c_uint16(0)
+        lib = self._lib
+        if lib._token is not STATE.token:
+            lib._revalidate()
         with LOCK:
-            if fn(*args, ctypes.byref(out)) != 1:
+            out = _FTAG_OUT
+            if fn(*args, out) != 1:
                 self._miss(what)
                 return None
-        return out.value
+            return out.value
 
     def topology_ftag(self, topology: int, graph: int) -> Optional[int]:
         """The topology's ftag for a graph, or None."""
@@ -129,9 +131,16 @@ class Gyre:
 
     def vlan_unicast_ftag(self, vlan: int) -> Optional[int]:
         """The unicast ftag of a VLAN's topology, or None."""
-        return self._ftag_out(f"unicast ftag of VLAN {vlan}",
-                              N.tarn.gyre_get_unicast_ftag_by_vlan,
-                              bounded(vlan, "vlan", 4095))
+        lib = self._lib
+        if lib._token is not STATE.token:
+            lib._revalidate()
+        key = bounded(vlan, "vlan", 4095)
+        with LOCK:
+            out = _FTAG_OUT
+            if N.tarn.gyre_get_unicast_ftag_by_vlan(key, out) != 1:
+                lib._miss(f"unicast ftag of VLAN {key}")
+                return None
+            return out.value
 
     # ---- VLAN sets -------------------------------------------------------------
 
@@ -311,3 +320,4 @@ class Gyre:
 
 
 _VLAN_BUFFER = S.VlanBitmap()
+_FTAG_OUT = ctypes.c_uint16(0)

@@ -143,9 +143,18 @@ def open() -> "Library":  # noqa: A001 - the natural name for it
         return lib
 
 
+_STATES = {int(m): m for m in ContextState}
+
+# Answer buffers, used under the lock only: one allocation saved per query.
+_CONTEXT_INFO = S.ContextInfo()
+_TABLE_INFO = S.TableInfo()
+_IF_CONTEXT_INFO = S.IfContextInfo()
+
+
 def _context(cid: int, info: S.ContextInfo) -> Context:
-    return Context(cid, N.text(info.name), ContextState(info.state),
-                   info.reason)
+    state = info.state
+    return Context(cid, info.name.decode("utf-8", "replace"),
+                   _STATES.get(state) or ContextState(state), info.reason)
 
 
 class Library:
@@ -261,14 +270,16 @@ class Library:
             if found is None:
                 return None
             cid = found
+        elif type(key) is int and 0 <= key <= 0xFFFFFFFF:
+            cid = key
         else:
             cid = u32(key, "id")
-        info = S.ContextInfo()
         with LOCK:
-            if N.tarn.tarn_get_context_info(cid, ctypes.byref(info)) != 1:
+            info = _CONTEXT_INFO
+            if N.tarn.tarn_get_context_info(cid, info) != 1:
                 self._miss(f"context {cid}")
                 return None
-        return _context(cid, info)
+            return _context(cid, info)
 
     def contexts(self) -> Iterator[Context]:
         """Every context in ascending id order ("l2-vrf" is never listed).
@@ -321,15 +332,20 @@ class Library:
 
     def table(self, table_id: int) -> Optional[Table]:
         """A table by id, or None."""
-        self.require_open()
-        tid = u32(table_id, "table_id")
-        info = S.TableInfo()
+        if self._token is not STATE.token:
+            self._revalidate()
+        if type(table_id) is int and 0 <= table_id <= 0xFFFFFFFF:
+            tid = table_id
+        else:
+            tid = u32(table_id, "table_id")
         with LOCK:
-            if N.tarn.tarn_get_table_info(tid, ctypes.byref(info)) != 1:
+            info = _TABLE_INFO
+            if N.tarn.tarn_get_table_info(tid, info) != 1:
                 self._miss(f"table {tid}")
                 return None
-        return Table(tid, info.context_id, N.text(info.name),
-                     info.tpg_id & _TPG_MASK)
+            return Table(tid, info.context_id,
+                         info.name.decode("utf-8", "replace"),
+                         info.tpg_id & _TPG_MASK)
 
     def table_names(self, table_id: int) -> tuple[Optional[str], Optional[str]]:
         """(table name, its context's name); None for what is not found."""
@@ -347,14 +363,20 @@ class Library:
 
     def interface_context(self, ifindex: int) -> Optional[InterfaceContext]:
         """The context of an interface, or None when it is not known."""
-        self.require_open()
-        ix = u32(ifindex, "ifindex")
-        info = S.IfContextInfo()
+        if self._token is not STATE.token:
+            self._revalidate()
+        if type(ifindex) is int and 0 <= ifindex <= 0xFFFFFFFF:
+            ix = ifindex
+        else:
+            ix = u32(ifindex, "ifindex")
         with LOCK:
-            if N.tarn.tarn_if_get_context_info(ix, ctypes.byref(info)) != 1:
+            info = _IF_CONTEXT_INFO
+            if N.tarn.tarn_if_get_context_info(ix, info) != 1:
                 self._miss(f"context of interface {ix}")
                 return None
-        return InterfaceContext(ix, info.context_id, N.text(info.context_name))
+            return InterfaceContext(
+                ix, info.context_id,
+                info.context_name.decode("utf-8", "replace"))
 
     def interfaces(self, context: Optional[str] = None
                    ) -> Iterator[InterfaceContext]:
@@ -379,8 +401,12 @@ class Library:
 
     def is_interface_usable(self, ifindex: int) -> bool:
         """True when the interface's context exists and is up."""
-        self.require_open()
-        ix = u32(ifindex, "ifindex")
+        if self._token is not STATE.token:
+            self._revalidate()
+        if type(ifindex) is int and 0 <= ifindex <= 0xFFFFFFFF:
+            ix = ifindex
+        else:
+            ix = u32(ifindex, "ifindex")
         with LOCK:
             ok: bool = N.tarn.tarn_is_if_usable(ix) == 1
             if not ok:

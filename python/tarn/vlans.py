@@ -52,20 +52,27 @@ def set_from_bitmap(raw: bytes, memo: bool = True) -> frozenset[int]:
         found = _MEMO.get(raw)
         if found is not None:
             return found
-    n = int.from_bytes(raw.translate(_REVERSE_BITS), "little")
-    if n == 0:
+    # Only the bytes between the first and the last non-zero one: the
+    # integers stay as small as the set's span.
+    body = raw.lstrip(b"\0")
+    base = (len(raw) - len(body)) * 8
+    body = body.rstrip(b"\0")
+    if not body:
         return _EMPTY
+    n = int.from_bytes(body.translate(_REVERSE_BITS), "little")
     if bin(n ^ (n >> 1)).count("1") > 2 * _RUNS_BY_STEP:
-        width = len(raw) * 8
-        selectors = format(int.from_bytes(raw, "big"), f"0{width}b")
-        out = frozenset(compress(_INTS, selectors.encode().translate(_ZERO_ONE)))
+        width = len(body) * 8
+        selectors = format(int.from_bytes(body, "big"), f"0{width}b")
+        out = frozenset(compress(_INTS[base:base + width],
+                                 selectors.encode().translate(_ZERO_ONE)))
     else:
         runs = []
         while n:
             low = n & -n
             moved = n + low      # the run starting at low becomes one bit above it
             high = moved & -moved
-            runs.append(_INTS[low.bit_length() - 1:high.bit_length() - 1])
+            runs.append(_INTS[base + low.bit_length() - 1:
+                              base + high.bit_length() - 1])
             n = moved - high
         if len(runs) == 1:
             out = frozenset(runs[0])
