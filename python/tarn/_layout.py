@@ -50,7 +50,7 @@ def _topology_vlans(p: bytes) -> tuple[str, Fields]:
         return _short(24, len(p))
     count = _u32(p, 20)
     room = (len(p) - 24) // TOPOLOGY_VLAN_RECORD
-    records = []
+    records: list[Fields] = []
     for i in range(min(count, room)):
         at = 24 + i * TOPOLOGY_VLAN_RECORD
         size = min(_u32(p, at + 40), 512)
@@ -69,7 +69,7 @@ def _ftag_update(p: bytes) -> tuple[str, Fields]:
     count = _u32(p, 0)
     # The last entry needs only its first 16 bytes.
     room = (len(p) - 4 + FTAG_ENTRY - 16) // FTAG_ENTRY if len(p) >= 20 else 0
-    entries = []
+    entries: list[Fields] = []
     for i in range(min(count, room)):
         at = 4 + i * FTAG_ENTRY
         entries.append({"reason": _u32(p, at), "topology": _u32(p, at + 4),

@@ -51,7 +51,7 @@ def _source_tree_build() -> Optional[Path]:
 
 
 def candidates(soname: str) -> list[str]:
-    out = []
+    out: list[str] = []
     libdir = os.environ.get(LIBDIR_ENV)
     if libdir:
         out.append(str(Path(libdir) / soname))
@@ -147,7 +147,7 @@ def check_version(path: str) -> None:
 
 
 def load(soname: str) -> ctypes.CDLL:
-    errors = []
+    errors: list[str] = []
     for name in candidates(soname):
         if os.sep in name:
             if not os.path.exists(name):

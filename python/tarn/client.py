@@ -20,7 +20,7 @@ import tempfile
 import time
 from dataclasses import dataclass, field
 from typing import (TYPE_CHECKING, AsyncIterator, Callable, Iterator, Literal,
-                    Optional, Union)
+                    Optional, Union, cast)
 
 from . import _native as N
 from . import _structs as S
@@ -442,8 +442,9 @@ def fetch_cache_dump(handle: int, timeout: float = 5.0) -> str:
     the likely cause) when nobody answers in time, and TarnError when the
     library's dump fails."""
     target = u32(handle, "handle")
-    if isinstance(timeout, bool) or not isinstance(timeout, (int, float)) or \
-            not 0 <= timeout <= 3600:
+    given = cast(object, timeout)  # callers without a type checker
+    if isinstance(given, bool) or not isinstance(given, (int, float)) or \
+            not 0 <= given <= 3600:
         raise ValueError(f"timeout {timeout!r} is not a number of seconds "
                          f"from 0 to 3600")
     sap = N.host.tarnhost_bus_handle_sap(target)

@@ -20,7 +20,7 @@ import shutil
 import subprocess
 import tempfile
 from pathlib import Path
-from typing import Any, Iterator, Mapping, Optional, Protocol, Union
+from typing import Any, Generator, Mapping, Optional, Protocol, Union
 
 from . import _core
 from . import _native as N
@@ -37,7 +37,7 @@ Description = Union[Mapping[str, Any], str, "os.PathLike[str]"]
 
 
 @contextlib.contextmanager
-def _root_in_force(root: str) -> Iterator[None]:
+def _root_in_force(root: str) -> Generator[None, None, None]:
     """Make ``root`` the host root of this process for a moment."""
     old = os.environ.get(ROOT_ENV)
     if old == root:

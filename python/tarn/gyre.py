@@ -203,7 +203,7 @@ class Gyre:
         library's lock."""
         self._lib.require_open()
         info = S.TableInfo()
-        out = []
+        out: list[Topology] = []
         with LOCK:
             t = N.tarn.gyre_get_first_l2_tpg(ctypes.byref(info))
             while t not in (NONE, 0):
@@ -218,7 +218,7 @@ class Gyre:
         self._lib.require_open()
         ix = u32(ifindex, "ifindex")
         info = S.TableInfo()
-        out = []
+        out: list[Topology] = []
         with LOCK:
             first = 1
             while True:
@@ -259,7 +259,7 @@ class Gyre:
         tpg = NONE if topology is None else u32(topology, "topology")
         flt = u32(int(flags) if isinstance(flags, FtagFlags) else flags, "flags")
         out = ctypes.c_uint16(0)
-        found = []
+        found: list[int] = []
         with LOCK:
             fn = N.tarn.gyre_get_first_ftag_by_filter
             while fn(tpg, flt, ctypes.byref(out)) == 1:
@@ -288,7 +288,7 @@ class Gyre:
         self._lib.require_open()
         tpg = u32(topology, "topology")
         info = S.FtagInfo()
-        out = []
+        out: list[Ftag] = []
         with LOCK:
             info.tpg_id = tpg
             fn = N.tarn.gyre_get_l2_tpg_first_ftag

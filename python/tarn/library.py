@@ -286,7 +286,7 @@ class Library:
         The walk runs to its end under the library's lock."""
         self.require_open()
         info = S.ContextInfo()
-        out = []
+        out: list[Context] = []
         with LOCK:
             cid = 0
             while True:
@@ -386,7 +386,7 @@ class Library:
         self.require_open()
         info = S.IfContextInfo()
         ctx = optional_name(context, "context")
-        out = []
+        out: list[InterfaceContext] = []
         with LOCK:
             ifindex = 0
             while True:

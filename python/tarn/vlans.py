@@ -66,7 +66,7 @@ def set_from_bitmap(raw: bytes, memo: bool = True) -> frozenset[int]:
         out = frozenset(compress(_INTS[base:base + width],
                                  selectors.encode().translate(_ZERO_ONE)))
     else:
-        runs = []
+        runs: list[tuple[int, ...]] = []
         while n:
             low = n & -n
             moved = n + low      # the run starting at low becomes one bit above it
@@ -77,7 +77,7 @@ def set_from_bitmap(raw: bytes, memo: bool = True) -> frozenset[int]:
         if len(runs) == 1:
             out = frozenset(runs[0])
         else:
-            out = frozenset().union(*runs)
+            out = _EMPTY.union(*runs)
     if memo:
         if len(_MEMO) >= _MEMO_SIZE:
             del _MEMO[next(iter(_MEMO))]

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 import re
 import subprocess
@@ -55,4 +56,35 @@ def test_the_documented_examples_are_clean_under_mypy_strict(tmp_path):
         path.write_text(f"# {name}\n{code}")
         paths.append(str(path))
     out = _mypy(*paths)  # one run: mypy starts slowly
+    assert out.returncode == 0, out.stdout + out.stderr
+
+
+PYRIGHT = REPO / "python" / "typecheck" / "node_modules" / ".bin" / "pyright"
+needs_pyright = pytest.mark.skipif(
+    not PYRIGHT.exists(), reason="pyright is not installed (scripts/deps test "
+    "installs it into python/typecheck with npm ci)")
+
+
+def _pyright(config: Path) -> subprocess.CompletedProcess:
+    return subprocess.run([str(PYRIGHT), "-p", str(config)],
+                          capture_output=True, text=True, check=False)
+
+
+@needs_pyright
+def test_the_package_is_clean_under_pyright_strict():
+    out = _pyright(REPO / "python" / "pyrightconfig.json")
+    assert out.returncode == 0, out.stdout + out.stderr
+    assert "0 errors" in out.stdout
+
+
+@needs_pyright
+def test_the_documented_examples_are_clean_under_pyright_strict(tmp_path):
+    for number, (name, code) in enumerate(examples()):
+        (tmp_path / f"example_{number}.py").write_text(f"# {name}\n{code}")
+    config = tmp_path / "pyrightconfig.json"
+    config.write_text(json.dumps({
+        "include": [str(tmp_path)], "typeCheckingMode": "strict",
+        "pythonVersion": "3.11",
+        "extraPaths": [str(REPO / "python"), "/usr/lib/python3/dist-packages"]}))
+    out = _pyright(config)
     assert out.returncode == 0, out.stdout + out.stderr
