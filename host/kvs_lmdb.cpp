@@ -1094,12 +1094,14 @@ struct tarnhost_kvs_txn {
     char tmp[kStorePathMax];
 };
 
+// Static as well: inside extern "C" the unnamed namespace alone does not
+// keep gcc from exporting these C-linkage names from the library.
 namespace {
 
 // A transaction object for `uri`, its store located; null with *status
 // set when the URI names no database.  A null `status` is pointed at a
 // place of this thread's own.
-tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
+static tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
 {
     static thread_local uint32_t ignored;
     if (status == nullptr)
@@ -1130,7 +1132,7 @@ tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
 
 // Ends the transaction's hold on its environment (the LMDB transaction is
 // committed or aborted by now).
-void txn_release(tarnhost_kvs_txn_t *t, bool committed)
+static void txn_release(tarnhost_kvs_txn_t *t, bool committed)
 {
     if (t->holds_dbi_mu) {
         if (committed)
@@ -1150,7 +1152,7 @@ void txn_release(tarnhost_kvs_txn_t *t, bool committed)
     delete t;
 }
 
-uint32_t txn_start(tarnhost_kvs_txn_t *t, const char *uri)
+static uint32_t txn_start(tarnhost_kvs_txn_t *t, const char *uri)
 {
     // A write transaction knows the handles opened before it began, and
     // may open more itself, which must then be the only ones opened in the
