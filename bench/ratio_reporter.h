@@ -39,7 +39,9 @@ public:
     // With --benchmark_repetitions, each benchmark's fastest repetition is
     // kept: on a shared machine the others carry other processes' load.
     // A benchmark that reports a `median_ns` counter (the median of its own
-    // samples) is compared by that instead of its mean.
+    // samples) is compared by that instead of its mean, and one that also
+    // reports `baseline_median_ns` (a baseline it measured interleaved with
+    // itself) gives that as the time of "<name>/baseline".
     void ReportRuns(const std::vector<Run> &runs) override
     {
         for (const Run &r : runs) {
@@ -50,9 +52,11 @@ public:
                                  ? static_cast<double>(median->second)
                                  : (real_time_ ? r.GetAdjustedRealTime() : r.GetAdjustedCPUTime()) *
                                        1e9 / benchmark::GetTimeUnitMultiplier(r.time_unit);
-            const auto it = times_.find(r.benchmark_name());
-            if (it == times_.end() || t < it->second)
-                times_[r.benchmark_name()] = t;
+            keep_fastest(r.benchmark_name(), t);
+            // A benchmark that measures its baseline itself, interleaved.
+            const auto base = r.counters.find("baseline_median_ns");
+            if (base != r.counters.end())
+                keep_fastest(r.benchmark_name() + "/baseline", static_cast<double>(base->second));
         }
         ConsoleReporter::ReportRuns(runs);
     }
@@ -78,6 +82,12 @@ public:
     }
 
 private:
+    void keep_fastest(const std::string &name, double t)
+    {
+        const auto it = times_.find(name);
+        if (it == times_.end() || t < it->second)
+            times_[name] = t;
+    }
     std::string goal_text(const std::string &measured, const std::string &baseline,
                           double ratio) const
     {

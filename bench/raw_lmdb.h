@@ -44,13 +44,34 @@ public:
         return true;
     }
 
-    bool read(const uint8_t *key, size_t key_len)
+    bool read(const uint8_t *key, size_t key_len) { return read_in(dbi_, key, key_len); }
+
+    // Another database of the same store, for read_in.
+    bool add_uri(const std::string &uri, MDB_dbi *dbi)
+    {
+        char path[1024];
+        if (env_ == nullptr || tarnhost_kvs_path(uri.c_str(), path, sizeof path) != 0)
+            return false;
+        const std::string kvs = std::string(tarnhost_root()) + "/kvs/";
+        const std::string db = std::string(path).substr(kvs.size());
+        MDB_txn *t = nullptr;
+        if (mdb_txn_begin(env_, nullptr, MDB_RDONLY, &t) != 0)
+            return false;
+        if (mdb_dbi_open(t, db.c_str(), 0, dbi) != 0) {
+            mdb_txn_abort(t);
+            return false;
+        }
+        return mdb_txn_commit(t) == 0;
+    }
+
+    // One read in its own fresh snapshot, as read() makes it.
+    bool read_in(MDB_dbi dbi, const uint8_t *key, size_t key_len)
     {
         mdb_txn_reset(txn_);
         if (mdb_txn_renew(txn_) != 0)
             return false;
         MDB_val k = {key_len, const_cast<uint8_t *>(key)}, v;
-        return mdb_get(txn_, dbi_, &k, &v) == 0 && v.mv_size > 0;
+        return mdb_get(txn_, dbi, &k, &v) == 0 && v.mv_size > 0;
     }
 
     // A read inside a snapshot that stays open (begin_snapshot first): what
