@@ -342,6 +342,86 @@ BENCHMARK(BM_KvsReadAfterCommit)->UseManualTime();
 BENCHMARK(BM_IfContextIdAfterCommitHot)->UseManualTime();
 BENCHMARK(BM_IfContextIdAfterCommitAll)->UseManualTime();
 
+// Walk steps: tarn_get_next_context_info from a context to the next,
+// beside the raw step a walk without a snapshot between its steps takes
+// (raw_lmdb.h seek_step), about 256 contexts in turn and about contexts
+// drawn uniformly from all 4,000; and a real walk, each call given the
+// id the last one returned.
+std::vector<uint32_t> context_ids(bool hot)
+{
+    std::vector<uint32_t> v;
+    if (hot) {
+        for (uint32_t i = 1; i <= 256; ++i)
+            v.push_back(i * 13);
+    } else {
+        std::mt19937 rng(1);
+        std::uniform_int_distribution<uint32_t> pick(1, tarnbench::kContexts - 1);
+        for (int i = 0; i < 4096; ++i)
+            v.push_back(pick(rng));
+    }
+    return v;
+}
+
+void raw_seek_step(benchmark::State &state, bool hot)
+{
+    tarnbench::QueryDevice &d = device();
+    std::vector<std::vector<uint8_t>> keys;
+    for (uint32_t id : context_ids(hot))
+        keys.push_back(key_id(3, id));
+    size_t n = 0;
+    bool ok = true;
+    for (auto _ : state)
+        ok &= d.raw.seek_step(keys[n++ % keys.size()].data(), 48);
+    if (!ok)
+        state.SkipWithError("a step found nothing");
+}
+
+void next_context_step(benchmark::State &state, bool hot)
+{
+    const std::vector<uint32_t> ids = context_ids(hot);
+    tarn_context_info_t info;
+    size_t n = 0;
+    bool ok = true;
+    for (auto _ : state)
+        ok &= tarn_get_next_context_info(ids[n++ % ids.size()], &info) != 0;
+    if (!ok)
+        state.SkipWithError("the walk ended early");
+}
+
+void BM_RawSeekStepHot(benchmark::State &state) { raw_seek_step(state, true); }
+void BM_NextContextStepHot(benchmark::State &state) { next_context_step(state, true); }
+void BM_RawSeekStepUniform(benchmark::State &state) { raw_seek_step(state, false); }
+void BM_NextContextStepUniform(benchmark::State &state) { next_context_step(state, false); }
+
+void BM_ContextWalk(benchmark::State &state)
+{
+    tarn_context_info_t info;
+    uint32_t id = 0;
+    for (auto _ : state) {
+        id = tarn_get_next_context_info(id, &info);  // 0 again after the last
+        benchmark::DoNotOptimize(id);
+    }
+}
+
+// The last call of a walk: every record of a later kind (16,000 bindings,
+// 4,000 table records...) lies after its context.
+void BM_ContextWalkLastCall(benchmark::State &state)
+{
+    tarn_context_info_t info;
+    bool ok = true;
+    for (auto _ : state)
+        ok &= tarn_get_next_context_info(tarnbench::kContexts, &info) == 0;
+    if (!ok)
+        state.SkipWithError("the last context was followed by another");
+}
+
+BENCHMARK(BM_RawSeekStepHot);
+BENCHMARK(BM_NextContextStepHot);
+BENCHMARK(BM_RawSeekStepUniform);
+BENCHMARK(BM_NextContextStepUniform);
+BENCHMARK(BM_ContextWalk);
+BENCHMARK(BM_ContextWalkLastCall);
+
 BENCHMARK(BM_RawReadContextName);
 BENCHMARK(BM_ContextId);
 BENCHMARK(BM_RawReadContextInfo);
@@ -366,11 +446,18 @@ int main(int argc, char **argv)
                             {"BM_IfContextId", "BM_RawReadIfContext"},
                             {"BM_IfContextIdAll", "BM_RawReadIfContextAll"},
                             {"BM_NextContextStep", "BM_RawReadContextInfo"},
+                            {"BM_NextContextStepHot", "BM_RawSeekStepHot"},
+                            {"BM_NextContextStepUniform", "BM_RawSeekStepUniform"},
+                            {"BM_ContextWalk", "BM_RawSeekStepHot"},
+                            {"BM_ContextWalkLastCall", "BM_RawSeekStepHot"},
                             {"BM_KvsReadAfterCommit/manual_time", "BM_KvsReadAfterCommit/manual_time/baseline"},
                             {"BM_IfContextIdAfterCommitHot/manual_time",
                              "BM_IfContextIdAfterCommitHot/manual_time/baseline"},
                             {"BM_IfContextIdAfterCommitAll/manual_time",
                              "BM_IfContextIdAfterCommitAll/manual_time/baseline"}});
+    reporter.add_goal("BM_NextContextStepHot", "BM_RawSeekStepHot", 1.5);
+    reporter.add_goal("BM_NextContextStepUniform", "BM_RawSeekStepUniform", 1.5);
+    reporter.add_goal("BM_ContextWalk", "BM_RawSeekStepHot", 1.5);
     reporter.add_goal("BM_IfContextIdAfterCommitHot/manual_time",
                       "BM_IfContextIdAfterCommitHot/manual_time/baseline", 1.5);
     reporter.add_goal("BM_IfContextIdAfterCommitAll/manual_time",
