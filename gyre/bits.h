@@ -173,6 +173,28 @@ struct WordRunState {
     uint32_t start = 0;
 };
 
+// The first word at or after `w` (of `words` 64-bit words) that changes
+// something: not all clear outside a run (`open` 0), not all set inside
+// one (`open` 1); `words` when there is none.  Four words a step.
+inline uint32_t next_changing_word(const uint8_t *bits, uint32_t w, uint32_t words,
+                                   uint64_t open)
+{
+    const uint64_t same = 0 - open;
+    for (; w + 4 <= words; w += 4) {
+        uint64_t x[4];
+        memcpy(x, bits + 8u * w, sizeof x);
+        if (((x[0] ^ same) | (x[1] ^ same) | (x[2] ^ same) | (x[3] ^ same)) != 0)
+            break;
+    }
+    for (; w < words; ++w) {
+        uint64_t x;
+        memcpy(&x, bits + 8u * w, sizeof x);
+        if (x != same)
+            break;
+    }
+    return w;
+}
+
 // Hands `sink` the runs of set bits that end in word `w` of `bits`, in
 // order, and leaves a run still open at the word's end in `state` (after
 // the last word, the caller closes it).  The sink sees the word once:

@@ -276,8 +276,12 @@ const char *comma_notation(const uint8_t *bits, uint32_t nbits, char *out, size_
     gyre::WordRunState state;
     uint32_t w = 0;
     FirstItems first{t, 0};
-    for (; w < words && first.lead == 0; ++w)
-        gyre::word_runs(bits, w, &state, first);
+    // Long stretches of clear words (before the first run) or set words
+    // (inside a run, the whole of a full set) are passed over four at a
+    // time.
+    while ((w = gyre::next_changing_word(bits, w, words, state.open)) < words &&
+           first.lead == 0)
+        gyre::word_runs(bits, w++, &state, first);
     // Words that begin before `bulk_end` have room for all their items.
     const char *const bulk_end = out + size - 1 - kLongestWordText - kWideSlack;
     BulkItems bulk{t.p, t.last};
