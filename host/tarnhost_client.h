@@ -45,6 +45,11 @@ int32_t tarnhost_client_dispatch(uint32_t handle, bus_msg_t *msg);
 /* What tarnhost_client_start enabled (TARNHOST_CLIENT_* bits). */
 uint32_t tarnhost_client_enabled(void);
 
+/* The Gyre notifications not applied because they would have taken the
+ * cache past its bound of 16384 topologies (the cache was built again
+ * from the databases instead). */
+uint64_t tarnhost_client_refused(void);
+
 #ifdef __cplusplus
 }
 #endif
