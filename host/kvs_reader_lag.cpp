@@ -26,7 +26,7 @@ namespace {
 // Commits a snapshot may lag behind before the writer waits for it: the
 // store then holds at most this many commits' worth of pages beside the
 // writer's working set.
-constexpr uint64_t kMaxLag = 16;
+constexpr uint64_t kMaxLag = 32;
 constexpr uint64_t kLagWaitMs = 1000;
 
 struct Oldest {

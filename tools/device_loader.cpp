@@ -608,7 +608,10 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     // the pages a write reuses (its free list, or what an apply wrote over
     // damage) shows only to a write.  Whatever the old store holds, a
     // load does not depend on it.
-    if (st == KVS_ERR_IO)
+    // A refusal of the host (a file of another user, a FIFO in place of
+    // the gate) is not damage: building anew would replace what is not
+    // ours to replace, and the refusal says what to do.
+    if (st == KVS_ERR_IO && *tarnhost_root_problem() == '\0')
         st = KVS_ERR_DAMAGED;
     if (st == KVS_ERR_DAMAGED) {
         // Nothing of a damaged store can be trusted or kept: build the
