@@ -19,7 +19,6 @@
 namespace {
 
 uint32_t g_enabled = 0;
-uint32_t g_handle = BUS_HANDLE_NONE;
 uint64_t g_refused = 0;
 
 // The most topologies the Gyre cache of a client on the helper holds.
@@ -121,7 +120,6 @@ const char *tarnhost_client_start(uint32_t handle, uint32_t what)
         if (gyre_enable_cache_mode(&attr) != TARN_SUCCESS)
             return "gyre_enable_cache_mode";
         g_enabled |= TARNHOST_CLIENT_GYRE_CACHE;
-        g_handle = handle;
     }
     return nullptr;
 }
@@ -130,14 +128,18 @@ uint32_t tarnhost_client_enabled(void) { return g_enabled; }
 
 uint64_t tarnhost_client_refused(void) { return g_refused; }
 
+void tarnhost_client_set_enabled(uint32_t what) { g_enabled = what & TARNHOST_CLIENT_ALL; }
+
+// No exception leaves for the C caller: an answer that cannot be made (out
+// of memory) is not sent, and the requester's wait runs out.
 int32_t tarnhost_client_dispatch(uint32_t handle, bus_msg_t *msg)
-{
+try {
     if (msg != nullptr && past_the_bound(msg)) {
         ++g_refused;
         bus_drop(handle, msg);
         gyre_cache_attr_t attr;
         memset(&attr, 0, sizeof attr);
-        attr.bus_handle = g_handle;
+        attr.bus_handle = handle;
         gyre_disable_cache_mode();
         if (gyre_enable_cache_mode(&attr) != TARN_SUCCESS)
             g_enabled &= ~TARNHOST_CLIENT_GYRE_CACHE;
@@ -163,6 +165,9 @@ int32_t tarnhost_client_dispatch(uint32_t handle, bus_msg_t *msg)
         (void)tarnhost_bus_reply(handle, msg, TARNHOST_OPC_CLIENT_INSPECT, a.data(),
                                  static_cast<uint32_t>(a.size()));
     }
+    bus_drop(handle, msg);
+    return 1;
+} catch (...) {
     bus_drop(handle, msg);
     return 1;
 }
