@@ -3,6 +3,7 @@
 // that a value no field could hold is refused with its path like any other
 // bad fact, even where the readers would never look (a comment).
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,6 +17,11 @@ namespace {
 // document's own recursive teardown off the end of the stack.
 constexpr size_t kMaxDepth = 64;
 
+// The text of every number that is no integer for JSON's reader (1e20,
+// 2.0, an integer too long for 64 bits), by path: its double reads back
+// in another form.
+thread_local std::map<std::string, std::string> g_number_texts;
+
 class PathSax {
 public:
     PathSax(json *root, const std::string &source) : dom_(*root, false), source_(source) {}
@@ -26,6 +32,7 @@ public:
     bool number_unsigned(json::number_unsigned_t v) { return scalar(dom_.number_unsigned(v)); }
     bool number_float(json::number_float_t v, const std::string &s)
     {
+        g_number_texts[path()] = s;
         return scalar(dom_.number_float(v, s));
     }
     bool string(std::string &v) { return scalar(dom_.string(v)); }
@@ -133,11 +140,22 @@ private:
 json parse_json(const std::string &text, const std::string &source)
 {
     json doc;
+    g_number_texts.clear();
     PathSax sax(&doc, source);
     const bool ok = json::sax_parse(text, &sax);
     if (!ok || !sax.error().empty())
         throw Refusal{sax.error().empty() ? source + ": not valid JSON" : sax.error()};
     return doc;
+}
+
+std::string number_as_written(const json &v, const std::string &path)
+{
+    if (v.is_number_float()) {
+        const auto it = g_number_texts.find(path);
+        if (it != g_number_texts.end())
+            return it->second;
+    }
+    return v.dump();
 }
 
 }  // namespace tarndev

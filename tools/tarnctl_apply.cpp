@@ -180,6 +180,12 @@ int cmd_apply(int argc, char **argv)
         Fabric check = fab;
         for (Change &c : changes)
             play(&check, &c);
+    } catch (const HeldAlready &h) {
+        return reportf("apply", kExitFailed,
+                       "%s; nothing was written: the device holds this change already (was %s "
+                       "applied before?); to play %s from the start, load the device again with "
+                       "\"tarnctl load FILE\" and then run \"tarnctl apply %s\"",
+                       h.message.c_str(), file, file, file);
     } catch (const Refusal &r) {
         return refused(r.message);
     }

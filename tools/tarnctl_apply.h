@@ -115,11 +115,15 @@ struct Change {
     std::vector<FtagEntry> entries;
 };
 
+// A refusal because the device holds the change already: what it creates
+// exists as it would make it (the file was applied before, most likely).
+struct HeldAlready : tarndev::Refusal {};
+
 // The changes of a change file's text; throws tarndev::Refusal.
 std::vector<Change> parse_changes(const std::string &textv, const std::string &source);
 // Checks one change against the fabric as the earlier changes left it, and
 // carries it out on `fab`.  Delete entries without a topology get their
-// owner filled in.  Throws tarndev::Refusal.
+// owner filled in.  Throws HeldAlready or tarndev::Refusal.
 void play(Fabric *fab, Change *c);
 std::string topo_text(uint32_t tpg);
 

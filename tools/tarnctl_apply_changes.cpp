@@ -156,7 +156,8 @@ void play(Fabric *fab, Change *c)
     switch (c->kind) {
     case Kind::CreateTopology:
         if (fab->topologies.count(c->tpg) != 0)
-            refuse(member(path, "topology"), topo_text(c->tpg) + " exists already");
+            throw HeldAlready{
+                {member(path, "topology") + ": " + topo_text(c->tpg) + " exists already"}};
         fab->topologies[c->tpg];
         break;
     case Kind::DeleteTopology: {
@@ -232,6 +233,9 @@ void play(Fabric *fab, Change *c)
             auto cur = fab->ftags.find(e.ftag);
             if (e.reason == GYRE_FTAG_CREATE) {
                 existing(*fab, e.tpg, member(ip, "topology"));
+                if (cur != fab->ftags.end() && cur->second.tpg == e.tpg)
+                    throw HeldAlready{{member(ip, "ftag") + ": " + ftag_text + " of " +
+                                       topo_text(e.tpg) + " exists already"}};
                 if (cur != fab->ftags.end())
                     refuse(member(ip, "ftag"), ftag_text + " is in use by " +
                                                    topo_text(cur->second.tpg));

@@ -94,8 +94,21 @@ struct Table {
 
 std::string af_text(int af);
 json af_json(int af);
-// Every table with an id from 1 to max_id.
-std::vector<Table> probe_tables(uint32_t max_id);
+
+// The tables found by asking for ids 1 to max_id, or to probed_to when
+// SIGINT or SIGTERM cut the probe short.
+struct Probe {
+    std::vector<Table> tables;
+    uint32_t max_id = 0;
+    uint32_t probed_to = 0;
+    bool cut_short() const { return probed_to < max_id; }
+};
+
+// Every table with an id from 1 to max_id, until a signal stops it.
+Probe probe_tables(uint32_t max_id);
+// What a probe left out, and how to ask for it, as notes: ids above the
+// bound, or those an interrupted probe did not reach.
+std::vector<std::string> probe_notes(const Probe &p);
 
 struct Interface {
     uint32_t ifindex;

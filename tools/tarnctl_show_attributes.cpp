@@ -54,7 +54,9 @@ int run_attributes(const Sub &sub, const Args &a)
 
     json limits = json::array();
     std::vector<Row> limit_rows;
-    for (const Table &t : probe_tables(max_id)) {
+    // Only an interrupted probe is noted here: the bound is the help's.
+    const Probe probe = probe_tables(max_id);
+    for (const Table &t : probe.tables) {
         tarn_rt_limits_t l;
         memset(&l, 0, sizeof l);
         if (tarn_get_rt_limits_info(t.id, &l) != TARN_SUCCESS)
@@ -104,14 +106,17 @@ int run_attributes(const Sub &sub, const Args &a)
                         {"vpn_id", json::array({v.w0, v.w1, v.w2})}});
     }
 
+    const std::vector<std::string> notes =
+        probe.cut_short() ? probe_notes(probe) : std::vector<std::string>();
+    const int shown_status = probe.cut_short() ? kExitFailed : kExitOk;
     if (a.json) {
         print_json({{"as_format", format},
                     {"max_id", max_id},
                     {"route_limits", limits},
                     {"site_of_origin", soos},
                     {"vpn_ids", vpns},
-                    {"notes", json::array()}});
-        return kExitOk;
+                    {"notes", notes}});
+        return shown_status;
     }
     print_table({"AS-FORMAT"}, {{num(format)}});
     printf("\n");
@@ -123,7 +128,9 @@ int run_attributes(const Sub &sub, const Args &a)
     printf("\n");
     print_table({"CONTEXT-ID", "CONTEXT", "VPN-ID-1", "VPN-ID-2", "VPN-ID-3"},
                 vpn_rows);
-    return kExitOk;
+    if (!notes.empty())
+        printf("\nnote: %s\n", escaped(notes[0]).c_str());
+    return shown_status;
 }
 
 }  // namespace show

@@ -57,7 +57,8 @@ int run_context(const Sub &sub, const Args &a)
 
     json tables = json::array();
     std::string tables_text;
-    for (const Table &t : probe_tables(max_id)) {
+    const Probe probe = probe_tables(max_id);
+    for (const Table &t : probe.tables) {
         if (t.info.context_id != id)
             continue;
         tables.push_back({{"id", t.id},
@@ -93,9 +94,12 @@ int run_context(const Sub &sub, const Args &a)
                 {"reason", reason_json(info.reason)},
                 {"reason_code", info.reason},
                 {"vpn_id", or_null(has_vpn, json::array({vpn.w0, vpn.w1, vpn.w2}))},
+                {"max_id", max_id},
+                {"probed_to", probe.probed_to},
                 {"tables", tables},
                 {"interfaces", ifs}};
-    return emit(a, {"FIELD", "VALUE"}, rows, doc);
+    emit(a, {"FIELD", "VALUE"}, rows, doc, probe_notes(probe));
+    return probe.cut_short() ? kExitFailed : kExitOk;
 }
 
 }  // namespace show

@@ -11,6 +11,7 @@
 
 #include <tarn/tarn.h>
 
+#include "tools/tarnctl_passive.h"
 #include "tools/tarnctl_show.h"
 
 namespace tarnctl {
@@ -49,19 +50,24 @@ json af_json(int af)
 
 // The library has no table walk: every id from 1 to max_id is asked for
 // with tarn_get_table_info.  A long probe shows, on a terminal, how far it
-// got and about how long it still takes.
-std::vector<Table> probe_tables(uint32_t max_id)
+// got and about how long it still takes; SIGINT or SIGTERM stops it, and
+// what it found so far is shown as such.
+Probe probe_tables(uint32_t max_id)
 {
-    std::vector<Table> out;
+    Probe p;
+    p.max_id = max_id;
+    std::vector<Table> &out = p.tables;
+    stop_on_signals();
     const bool progress = isatty(STDERR_FILENO) != 0;
     const double start = seconds_now();
     double shown = start;
     bool any_shown = false;
-    for (uint32_t id = 1; id != 0 && id <= max_id; ++id) {
+    for (uint32_t id = 1; id != 0 && id <= max_id && !stop_requested(); ++id) {
         tarn_table_info_t info;
         memset(&info, 0, sizeof info);
         if (tarn_get_table_info(id, &info) == TARN_SUCCESS)
             out.push_back({id, info, table_af(id, info)});
+        p.probed_to = id;
         if (progress && (id & 0x3FFu) == 0) {
             const double now = seconds_now();
             if (now - shown >= 0.5) {
@@ -75,7 +81,20 @@ std::vector<Table> probe_tables(uint32_t max_id)
     }
     if (any_shown)
         fprintf(stderr, "\r\033[K");
-    return out;
+    return p;
+}
+
+std::vector<std::string> probe_notes(const Probe &p)
+{
+    if (p.cut_short())
+        return {"interrupted: table ids 1 to " + num(p.probed_to) + " of 1 to " + num(p.max_id) +
+                " were asked for, and the list stops there"};
+    if (p.max_id >= kMaxTableId)
+        return {};
+    return {"table ids 1 to " + num(p.max_id) +
+            " were asked for (libtarn has no walk over tables): tables with higher ids may "
+            "exist and are not shown; --max-id N asks for ids up to N (at most " +
+            num(kMaxTableId) + ")"};
 }
 
 int run_tables(const Sub &sub, const Args &a)
@@ -96,7 +115,8 @@ int run_tables(const Sub &sub, const Args &a)
     }
     json list = json::array();
     std::vector<Row> rows;
-    for (const Table &t : probe_tables(max_id)) {
+    const Probe probe = probe_tables(max_id);
+    for (const Table &t : probe.tables) {
         if (only != 0 && t.info.context_id != only)
             continue;
         char table_name[TARN_NAME_SIZE];
@@ -110,8 +130,10 @@ int run_tables(const Sub &sub, const Args &a)
                         {"af_code", af_json(t.af)},
                         {"name", table_name}});
     }
-    return emit(a, {"ID", "CONTEXT", "AF", "NAME"}, rows,
-                {{"max_id", max_id}, {"tables", list}});
+    emit(a, {"ID", "CONTEXT", "AF", "NAME"}, rows,
+         {{"max_id", max_id}, {"probed_to", probe.probed_to}, {"tables", list}},
+         probe_notes(probe));
+    return probe.cut_short() ? kExitFailed : kExitOk;
 }
 
 }  // namespace show
