@@ -742,21 +742,6 @@ uint32_t bus_opc_get(const bus_msg_t *msg)
     return valid_msg(msg) ? msg->opcode : 0;
 }
 
-const char *bus_opc_name_get(uint32_t opcode)
-{
-    switch (opcode) {
-    case 51226:
-        return "TARN_ATTR_CHANGE";
-    case 51222:
-        return "BUS_OPC_TARN_PROTOCOL_CONFIG_CHANGE";
-    default:
-        break;
-    }
-    static thread_local char buf[12];
-    snprintf(buf, sizeof buf, "%u", opcode);
-    return buf;
-}
-
 uint32_t bus_msg_id_get(const bus_msg_t *msg)
 {
     return valid_msg(msg) ? msg->msg_id : 0;

@@ -633,9 +633,9 @@ TEST_F(GyreCache, NoticeSendFailure)
     EXPECT_EQ(0u, gyre_ftag_converge());
     EXPECT_EQ(0u, gyre_ftag_stale(5));
     EXPECT_EQ((std::vector<std::string>{
-                  "<<%TARN-3-TARN_LIBBUS>> Error returned from bus_send(51223), errno: 0x00000005 "
+                  "<<%TARN-3-TARN_LIBBUS>> Error returned from bus_send(GYRE_FTAG_NOTICE), errno: 0x00000005 "
                   "(Input/output error) in gyre_ftag_converge()",
-                  "<<%TARN-3-TARN_LIBBUS>> Error returned from bus_send(51223), errno: 0x00000005 "
+                  "<<%TARN-3-TARN_LIBBUS>> Error returned from bus_send(GYRE_FTAG_NOTICE), errno: 0x00000005 "
                   "(Input/output error) in gyre_ftag_stale()",
               }),
               syslog_lines());

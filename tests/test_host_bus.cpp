@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "host/tarnhost_bus.h"
+#include "host/tarnhost_bus_opcodes.h"
 #include "platform/bus.h"
 #include "support/fixture.h"
 #include "support/proc.h"
@@ -744,12 +745,43 @@ TEST_F(host_bus, FilesAreTheOwnersOnly)
 
 TEST_F(host_bus, OpcodeNames)
 {
-    EXPECT_STREQ("TARN_ATTR_CHANGE", bus_opc_name_get(51226));
-    EXPECT_STREQ("BUS_OPC_TARN_PROTOCOL_CONFIG_CHANGE",
-                 bus_opc_name_get(51222));
-    EXPECT_STREQ("51215", bus_opc_name_get(51215));
+    // Every opcode that libtarn sends or receives, and the host's request.
+    const std::vector<std::pair<uint32_t, std::string>> named = {
+        {51201, "TARN_REGISTER"},       {51205, "GYRE_NOTIFY_C805"},
+        {51208, "GYRE_TPG_CREATE"},     {51209, "GYRE_NOTIFY_C809"},
+        {51210, "GYRE_TPG_DELETE"},     {51211, "GYRE_NOTIFY_C80B"},
+        {51212, "GYRE_NOTIFY_C80C"},    {51213, "GYRE_NOTIFY_C80D"},
+        {51214, "GYRE_TPG_VLANS"},      {51215, "GYRE_FTAG_UPDATE"},
+        {51222, "TARN_PROTOCOL_CONFIG_CHANGE"},
+        {51223, "GYRE_FTAG_NOTICE"},    {51226, "TARN_ATTR_CHANGE"},
+        {0x54480001u, "TARNHOST_CLIENT_INSPECT"},
+    };
+    std::vector<uint32_t> listed(tarnhost_bus_named_opcodes(nullptr, 0));
+    ASSERT_EQ(named.size(), tarnhost_bus_named_opcodes(listed.data(), listed.size()));
+    for (size_t i = 0; i < named.size(); ++i) {
+        EXPECT_EQ(named[i].first, listed[i]);
+        EXPECT_EQ(named[i].second, bus_opc_name_get(named[i].first));
+        EXPECT_EQ(named[i].second, tarnhost_bus_opcode_name(named[i].first));
+        uint32_t op = 0;
+        EXPECT_EQ(0, tarnhost_bus_opcode_parse(named[i].second.c_str(), &op));
+        EXPECT_EQ(named[i].first, op);
+    }
+    // Others by number; the tools' parser takes any case and hex too.
+    EXPECT_STREQ("51202", bus_opc_name_get(51202));
     EXPECT_STREQ("0", bus_opc_name_get(0));
     EXPECT_STREQ("4294967295", bus_opc_name_get(0xFFFFFFFFu));
+    EXPECT_EQ(nullptr, tarnhost_bus_opcode_name(51202));
+    uint32_t op = 0;
+    EXPECT_EQ(0, tarnhost_bus_opcode_parse("gyre_tpg_vlans", &op));
+    EXPECT_EQ(51214u, op);
+    EXPECT_EQ(0, tarnhost_bus_opcode_parse("0xC81A", &op));
+    EXPECT_EQ(51226u, op);
+    EXPECT_EQ(0, tarnhost_bus_opcode_parse("4294967295", &op));
+    EXPECT_EQ(0xFFFFFFFFu, op);
+    for (const char *bad : {"", "4294967296", "0x", "0x100000000", "12a", "-1", "GYRE"})
+        EXPECT_EQ(EINVAL, tarnhost_bus_opcode_parse(bad, &op)) << bad;
+    EXPECT_EQ(EINVAL, tarnhost_bus_opcode_parse(nullptr, &op));
+    EXPECT_EQ(EINVAL, tarnhost_bus_opcode_parse("1", nullptr));
 }
 
 TEST_F(host_bus, UnbindWithdrawsSubscriptions)

@@ -104,6 +104,14 @@ protected:
         bus_drop(sub_, m);
         return out;
     }
+    // The refusal of a change that the device holds already.
+    std::string held(const std::string &why)
+    {
+        return "tarnctl apply: " + why + "; nothing was written: the device holds this change "
+               "already (was " + file_ + " applied before?); to play " + file_ +
+               " from the start, load the device again with \"tarnctl load FILE\" and then "
+               "run \"tarnctl apply " + file_ + "\"\n";
+    }
     std::string refusal(const std::string &why)
     {
         return "tarnctl apply: " + why + "; nothing was written, correct " + file_ +
@@ -122,8 +130,13 @@ TEST_F(TarnctlApply, RefusedFilesWriteAndSendNothing)
         {"{\"changes\": [{\"change\": \"grow\"}]}",
          "changes[0].change: unknown change \"grow\" (create_topology, delete_topology, "
          "topology_vlans, ftags, as_format, delete_topology_ftags, delete_cache, dump_cache)"},
-        {"{\"changes\": [{\"change\": \"create_topology\", \"topology\": 10}]}",
-         "changes[0].topology: topology 10 exists already"},
+        // Out of range, as written.
+        {"{\"changes\": [{\"change\": \"create_topology\", \"topology\": 1e20}]}",
+         "changes[0].topology: 1e20 is out of range 1..1073741823"},
+        {"{\"changes\": [{\"change\": \"as_format\", \"format\": 4294967296.0}]}",
+         "changes[0].format: 4294967296.0 is out of range 0..4294967295"},
+        {"{\"changes\": [{\"change\": \"as_format\", \"format\": 18446744073709551616}]}",
+         "changes[0].format: 18446744073709551616 is out of range 0..4294967295"},
         {"{\"changes\": [{\"change\": \"create_topology\", \"topology\": 1073741824}]}",
          "changes[0].topology: 1073741824 is out of range 1..1073741823"},
         {"{\"changes\": [{\"change\": \"delete_topology\", \"topology\": 11}]}",
@@ -168,6 +181,21 @@ TEST_F(TarnctlApply, RefusedFilesWriteAndSendNothing)
         EXPECT_EQ(1, r.status);
         EXPECT_EQ("", r.out);
         EXPECT_EQ(refusal(c.second), r.err);
+    }
+    // What the device holds already: said so, with how to start over.
+    const std::pair<std::string, std::string> held_cases[] = {
+        {"{\"changes\": [{\"change\": \"create_topology\", \"topology\": 10}]}",
+         "changes[0].topology: topology 10 exists already"},
+        {"{\"changes\": [{\"change\": \"ftags\", \"ftags\": [{\"reason\": \"create\", \"topology\": 10,"
+         " \"ftag\": 2, \"graph\": 3}]}]}",
+         "changes[0].ftags[0].ftag: ftag 2 of topology 10 exists already"},
+    };
+    for (const auto &c : held_cases) {
+        SCOPED_TRACE(c.first);
+        const ToolRun r = apply(c.first);
+        EXPECT_EQ(1, r.status);
+        EXPECT_EQ("", r.out);
+        EXPECT_EQ(held(c.second), r.err);
     }
     write_file(file_, "{\"changes\": [");
     const ToolRun bad = tarnctl("apply " + file_);
@@ -359,7 +387,7 @@ TEST_F(TarnctlApply, TwoAppliesAtOnceTakeTurns)
         } else {
             ++refused;
             EXPECT_EQ(1, WEXITSTATUS(status));
-            EXPECT_EQ(refusal("changes[0].topology: topology 30 exists already"), err);
+            EXPECT_EQ(held("changes[0].topology: topology 30 exists already"), err);
         }
     }
     EXPECT_EQ(1, ok);
@@ -587,22 +615,25 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
     snprintf(row10, sizeof row10, "%-10u %-36s %-20s %s\n", 10u, "100-109", "1-2", "");
     snprintf(row20, sizeof row20, "%-10u %-36s %-20s %s\n", 20u, "200-201", "17", "");
 
-    // This client runs its own loop on tarn_dispatch alone.
+    // This client runs its own loop on tarn_dispatch alone: the wait for
+    // its answer to the inspection request is --timeout's, and its silence
+    // is told as a timeout.
     const std::string kNotHelper =
-        "verify: the client does not answer the host's inspection request (it is not built on "
-        "the host's client helper): compared only what the dump carries, each topology's VLAN "
+        "verify: the client did not answer the host's inspection request within 1 s (a client "
+        "built on the host's client helper answers it unless it is busy or stopped; wait "
+        "longer with --timeout): compared only what the dump carries, each topology's VLAN "
         "and ftag sets; not compared: owners, unicast ftags, ftags per graph, configured VLANs, "
         "the VLANs of each ftag, the AS format\n";
     ToolRun r = tarnctl("dump-cache --client " + std::to_string(c.handle()));
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ(header + row10 + row20, r.out);
 
-    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify");
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --timeout 1");
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ(header + row10 + row20 + kNotHelper + "verify: cache and database agree on 2 topologies\n", r.out);
 
     // The same as one JSON document of the documented layout.
-    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --json");
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --json --timeout 1");
     EXPECT_EQ(0, r.status) << r.err;
     const json doc = json::parse(r.out, nullptr, false);
     EXPECT_EQ("", tarntest::tarnctl_schema_problem("dump_cache", doc)) << r.out;
@@ -614,6 +645,10 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
        "ftags": "17", "ftags_list": [17], "in_sync": true}])"),
               doc["topologies"]);
     EXPECT_EQ(true, doc["verify"]["agree"]);
+    EXPECT_EQ(2, doc["verify"]["compared"]);
+    EXPECT_EQ("timeout", doc["verify"]["inspection"]);
+    EXPECT_EQ("the client did not answer the host's inspection request within 1 s",
+              doc["verify"]["not_compared"]);
 
     // The database changes behind the client's back, and the client's
     // owner table loses VLAN 200.
@@ -628,7 +663,7 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
     put32(v, 0, 200);
     c.ask(kOpcForgetVlan, v);
     snprintf(row20, sizeof row20, "%-10u %-36s %-20s %s\n", 20u, "200-201", "17", "Out of Sync!");
-    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify");
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --timeout 1");
     EXPECT_EQ(1, r.status);
     EXPECT_EQ(header + row10 + row20 +
                   "verify: topology 20: the client's ftag or VLAN owner tables disagree with it "
@@ -642,10 +677,20 @@ TEST_F(TarnctlApply, DumpCachePrintsAndVerifies)
     r = tarnctl("dump-cache --client " + std::to_string(c.handle()));
     EXPECT_EQ(0, r.status);
     EXPECT_EQ("GYRE Caching not enabled\n", r.out);
-    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify");
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --timeout 1");
     EXPECT_EQ(1, r.status);
-    EXPECT_EQ("GYRE Caching not enabled\nverify: the client's Gyre cache is off; nothing to compare\n",
+    EXPECT_EQ("GYRE Caching not enabled\nverify: the client's Gyre cache is off; nothing was "
+              "compared\n",
               r.out);
+    // Nothing compared is no agreement, in JSON too.
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --json --timeout 1");
+    EXPECT_EQ(1, r.status);
+    const json off = json::parse(r.out, nullptr, false);
+    EXPECT_EQ("", tarntest::tarnctl_schema_problem("dump_cache", off)) << r.out;
+    EXPECT_EQ(0, off["verify"]["compared"]);
+    EXPECT_EQ(false, off["verify"]["agree"]);
+    EXPECT_EQ("the client's Gyre cache is off", off["verify"]["not_compared"]);
+    EXPECT_EQ(2, tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verbose").status);
     const uint32_t dynamic = c.tester();
     // A handle that serves no access point; usage errors.
     r = tarnctl("dump-cache --client " + std::to_string(dynamic));
@@ -674,13 +719,13 @@ TEST_F(TarnctlApply, VerifyNamesAnAnnouncementStillOwed)
     ASSERT_EQ(0u, tarnhost_kvs_put(kJournalUri.c_str(), key.data(),
                                    static_cast<uint32_t>(key.size()), value.data(),
                                    static_cast<uint32_t>(value.size())));
-    ToolRun r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify");
+    ToolRun r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --timeout 1");
     EXPECT_NE(std::string::npos,
               r.out.find("verify: an earlier apply ended before it could say it announced "
                          "changes[3]: AS format 7; \"tarnctl apply\" with any change file "
                          "(even {\"changes\": []}) announces it first\n"))
         << r.out;
-    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --json");
+    r = tarnctl("dump-cache --client " + std::to_string(c.handle()) + " --verify --json --timeout 1");
     const json doc = json::parse(r.out);
     EXPECT_EQ("", tarntest::tarnctl_schema_problem("dump_cache", doc)) << r.out;
     EXPECT_EQ("changes[3]: AS format 7", doc["verify"]["owed"]);

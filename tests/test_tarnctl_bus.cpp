@@ -376,11 +376,21 @@ TEST_F(TarnctlBus, VerifyTellsDivergenceFromTheLibrarysDeliberateDifferences)
     uint32_t stale_sap = 0, stale_handle = 0;
     watch(&stale, &stale_sap, &stale_handle);
 
-    // A client that followed every change so far: the deliberate
-    // differences between the paths show, and nothing diverges.
+    // A client that followed every change so far: nothing diverges, and
+    // the deliberate differences between the paths are counted in one
+    // summary line.
     Result r = tarnctl({"dump-cache", "--sap", std::to_string(stale_sap), "--verify"});
     EXPECT_EQ(0, r.status) << r.out << r.err;
     EXPECT_EQ(0u, count(r.out, "DIVERGES")) << r.out;
+    EXPECT_EQ(1u, count(r.out, "verify: ")) << r.out;
+    EXPECT_TRUE(std::regex_search(
+        r.out, std::regex("\nverify: cache and database agree on 2 topologies; [0-9]+ answers "
+                          "compared, [0-9]+ differences as the library intends \\(--verbose "
+                          "lists them\\)\n$")))
+        << r.out;
+    // --verbose lists them.
+    r = tarnctl({"dump-cache", "--sap", std::to_string(stale_sap), "--verify", "--verbose"});
+    EXPECT_EQ(0, r.status) << r.out << r.err;
     // Graph 1's ftag 3 is stored with flags 0x14, so the database's unicast
     // record (0x10) does not exist; the cache takes ftag 3.
     EXPECT_NE(std::string::npos,
@@ -467,14 +477,15 @@ TEST_F(TarnctlBus, VerifyOfAClientWithoutTheHelperSaysWhatItCouldNotCompare)
     Result r = tarnctl({"show", "clients"});
     EXPECT_TRUE(std::regex_search(r.out, std::regex(" +no +\\? +\\? +on +\\? +--sap 1700\n"))) << r.out;
 
-    r = tarnctl({"dump-cache", "--pid", std::to_string(pid), "--verify"});
+    r = tarnctl({"dump-cache", "--pid", std::to_string(pid), "--verify", "--timeout", "1"});
     EXPECT_EQ(0, r.status) << r.out << r.err;
     EXPECT_NE(std::string::npos,
-              r.out.find("verify: the client does not answer the host's inspection request (it "
-                         "is not built on the host's client helper): compared only what the dump "
-                         "carries, each topology's VLAN and ftag sets; not compared: owners, "
-                         "unicast ftags, ftags per graph, configured VLANs, the VLANs of each "
-                         "ftag, the AS format\n"))
+              r.out.find("verify: the client did not answer the host's inspection request "
+                         "within 1 s (a client built on the host's client helper answers it "
+                         "unless it is busy or stopped; wait longer with --timeout): compared "
+                         "only what the dump carries, each topology's VLAN and ftag sets; not "
+                         "compared: owners, unicast ftags, ftags per graph, configured VLANs, "
+                         "the VLANs of each ftag, the AS format\n"))
         << r.out;
     EXPECT_NE(std::string::npos, r.out.find("verify: cache and database agree on 2 topologies\n"));
     kill(pid, SIGKILL);

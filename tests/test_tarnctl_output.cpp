@@ -14,6 +14,7 @@
 
 #include <fstream>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -149,21 +150,40 @@ TEST_F(TarnctlOutput, WriteErrorsFail)
                   "device; check where standard output goes (a full disk, a closed pipe)\n",
               r.err);
 
-    // A reader that went away: EPIPE, not a silent death by SIGPIPE.
-    int p[2];
-    ASSERT_EQ(0, pipe(p));
-    close(p[0]);
-    const std::string pipe_path = "/proc/self/fd/" + std::to_string(p[1]);
-    const pid_t pid = tarntest::spawn_tarnctl(TARNCTL_PATH, {"show", "interfaces"}, {},
-                                              pipe_path, root_ + "/pipe.err");
-    close(p[1]);
-    int st = 0;
-    ASSERT_EQ(pid, waitpid(pid, &st, 0));
-    ASSERT_TRUE(WIFEXITED(st)) << "signal " << WTERMSIG(st);
-    EXPECT_EQ(1, WEXITSTATUS(st));
-    std::ifstream in(root_ + "/pipe.err");
-    std::string err((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_NE(std::string::npos, err.find("Broken pipe")) << err;
+}
+
+// A reader that went away (tarnctl show interfaces | head -1): the command
+// ends without a word, by SIGPIPE once it has finished, as git and ip do;
+// an apply still applies and announces every change first.
+TEST_F(TarnctlOutput, ClosedPipeEndsQuietly)
+{
+    load_example("device.json");
+    const std::string changes = TARN_SOURCE_DIR "/examples/changes.json";
+    const std::vector<std::vector<std::string>> commands = {
+        {"show", "interfaces"}, {"show", "topologies", "--json"}, {"apply", changes}};
+    for (const auto &args : commands) {
+        int p[2];
+        ASSERT_EQ(0, pipe(p));
+        close(p[0]);
+        const std::string pipe_path = "/proc/self/fd/" + std::to_string(p[1]);
+        const pid_t pid =
+            tarntest::spawn_tarnctl(TARNCTL_PATH, args, {}, pipe_path, root_ + "/pipe.err");
+        close(p[1]);
+        int st = 0;
+        ASSERT_EQ(pid, waitpid(pid, &st, 0));
+        ASSERT_TRUE(WIFSIGNALED(st)) << args[0] << ": exit status " << WEXITSTATUS(st);
+        EXPECT_EQ(SIGPIPE, WTERMSIG(st));
+        EXPECT_EQ("", tarntest::slurp(root_ + "/pipe.err")) << args[0];
+    }
+    // The apply was carried out in full: a second one finds it held.
+    TarnctlRun r = tarnctl({"apply", changes});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("tarnctl apply: changes[0].topology: topology 40 exists already; nothing was "
+              "written: the device holds this change already (was " + changes +
+                  " applied before?); to play " + changes + " from the start, load the "
+                  "device again with \"tarnctl load FILE\" and then run \"tarnctl apply " +
+                  changes + "\"\n",
+              r.err);
 }
 
 // The example device: the cell manager designates a standby cell, so
@@ -456,6 +476,71 @@ TEST_F(TarnctlOutput, BashCompletion)
     EXPECT_EQ("show\ntopologies\n--active\n--timeout\ninterfaces\ntenant-red tenant-blue\n"
               "record replay\nbus\n--since\n--passive\n--pid\n",
               tarntest::slurp(out_path));
+}
+
+// The completion offers what the command line takes: every option of a
+// command's usage, nothing the command does not name in its help, no
+// --json where no command stands, the opcode names the filters take, and
+// recordings for replay.
+TEST_F(TarnctlOutput, BashCompletionMatchesTheHelp)
+{
+    load_example("device.json");
+    std::string tools = TARNCTL_PATH;
+    tools = tools.substr(0, tools.rfind('/'));
+    const std::vector<std::vector<std::string>> commands = {
+        {"load"},           {"apply"},           {"record"},           {"replay"},
+        {"watch"},          {"dump-cache"},      {"log"},              {"show", "contexts"},
+        {"show", "context"}, {"show", "tables"}, {"show", "interfaces"}, {"show", "attributes"},
+        {"show", "topologies"}, {"show", "ftags"}, {"show", "vlan"},   {"show", "bus"},
+        {"show", "clients"}};
+    std::string script = "PATH='" + tools + "':$PATH\ncd '" + root_ + "'\n"
+                         "source '" TARN_SOURCE_DIR "/tools/tarnctl.bash-completion'\n"
+                         "c() { COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); COMPREPLY=(); "
+                         "_tarnctl; echo \"${COMPREPLY[*]}\"; }\n";
+    for (const auto &cmd : commands) {
+        script += "c tarnctl";
+        for (const std::string &w : cmd)
+            script += " " + w;
+        script += " -\n";
+    }
+    script += "c tarnctl -\nc tarnctl watch --opcode TARN_A\nc tarnctl record x --opcode GYRE_TPG_C\n"
+              "c tarnctl replay ''\n";
+    std::ofstream(root_ + "/a.ndjson") << "";
+    const std::string path = root_ + "/completion.sh";
+    std::ofstream(path) << script;
+    const std::string out_path = root_ + "/completion.out";
+    const int st = system(("bash '" + path + "' > '" + out_path + "' 2>&1").c_str());
+    ASSERT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+    const std::vector<std::string> lines = tarntest::split_lines(tarntest::slurp(out_path));
+    ASSERT_EQ(commands.size() + 4, lines.size()) << tarntest::slurp(out_path);
+    const std::regex option("(^|[ \\[(|])(-{1,2}[a-z][a-z-]*)");
+    for (size_t i = 0; i < commands.size(); ++i) {
+        std::vector<std::string> args = commands[i];
+        args.push_back("--help");
+        const TarnctlRun help = tarnctl(args);
+        ASSERT_EQ(0, help.status) << args[0];
+        const std::string usage = help.out.substr(0, help.out.find("\n\n"));
+        std::set<std::string> in_usage, offered;
+        for (std::sregex_iterator it(usage.begin(), usage.end(), option), end; it != end; ++it)
+            in_usage.insert((*it)[2].str());
+        std::istringstream words(lines[i]);
+        for (std::string w; words >> w;)
+            offered.insert(w);
+        const std::string name = args[0] + (args.size() > 2 ? " " + args[1] : "");
+        for (const std::string &o : in_usage)
+            EXPECT_EQ(1u, offered.count(o)) << name << ": " << o << " is not offered";
+        for (const std::string &o : offered)
+            EXPECT_TRUE(o == "--help" || help.out.find(o) != std::string::npos)
+                << name << ": " << o << " is offered but not in the help";
+    }
+    EXPECT_EQ(std::string::npos, lines[commands.size()].find("--json")) << lines[commands.size()];
+    EXPECT_EQ("TARN_ATTR_CHANGE", lines[commands.size() + 1]);
+    EXPECT_EQ("GYRE_TPG_CREATE", lines[commands.size() + 2]);
+    // Recordings, and directories to look in; not the JSON files.
+    const std::string replay = lines[commands.size() + 3];
+    EXPECT_NE(std::string::npos, replay.find("a.ndjson")) << replay;
+    EXPECT_EQ(std::string::npos, replay.find(".json")) << replay;
+    EXPECT_EQ(std::string::npos, replay.find("completion.sh")) << replay;
 }
 
 // Words that are options, not arguments, are named as such.

@@ -133,7 +133,78 @@ TEST_F(TarnctlRecord, PassiveWatchEnablesNothingAndPrintsPayloads)
     EXPECT_NE(std::string::npos, r.err.find("--passive listens on a dynamic handle; drop --sap"));
     r = tarnctl({"watch", "--opcode", "x"});
     EXPECT_EQ(2, r.status);
-    EXPECT_NE(std::string::npos, r.err.find("--opcode takes an opcode from 0 to 4294967295"));
+    EXPECT_EQ("tarnctl watch: --opcode takes the name or number of an opcode, not \"x\"; usage: tarnctl watch [--sap N] [--count N] [--timeout S] [--json] [--passive] [--opcode OPCODE]... (see \"tarnctl watch --help\")\n",
+              r.err);
+    // An opcode that nobody sends to a client of libtarn.
+    for (const char *unused : {"51300", "0", "51202", "0x54480001"}) {
+        r = tarnctl({"watch", "--opcode", unused});
+        EXPECT_EQ(2, r.status);
+        EXPECT_EQ(std::string("tarnctl watch: opcode ") + unused +
+                      " is not one that libtarn sends or receives (51201,51205,51208-51215,"
+                      "51222-51223,51226; the command's --help names them); usage: tarnctl watch [--sap N] [--count N] [--timeout S] [--json] [--passive] [--opcode OPCODE]... (see \"tarnctl watch --help\")\n",
+                  r.err);
+    }
+    r = tarnctl({"record", root_ + "/r.ndjson", "--opcode=99999999999"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ(0u, r.err.find("tarnctl record: --opcode takes the name or number of an opcode, "
+                             "not \"99999999999\"; usage: tarnctl record FILE "
+                             "[--opcode OPCODE]..."))
+        << r.err;
+    // The help names every opcode with its number, as the lines print them.
+    r = tarnctl({"watch", "--help"});
+    EXPECT_NE(std::string::npos, r.out.find("  TARN_ATTR_CHANGE             51226\n")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  GYRE_NOTIFY_C809             51209\n")) << r.out;
+}
+
+// Names and numbers alike: a passive listener filtered by name hears that
+// opcode only, and prints the name it was asked by.
+TEST_F(TarnctlRecord, OpcodeFilterTakesNames)
+{
+    Proc p;
+    p.start({"watch", "--passive", "--count", "1", "--opcode", "gyre_tpg_create",
+             "--opcode=TARN_ATTR_CHANGE"});
+    ASSERT_TRUE(p.wait_for("watching\n")) << p.err();
+    const std::string changes = root_ + "/c.json";
+    std::ofstream(changes) << R"({"changes": [{"change": "create_topology", "topology": 40}]})";
+    ASSERT_EQ(0, tarnctl({"apply", changes}).status);
+    ASSERT_EQ(0, p.wait()) << p.err();
+    EXPECT_NE(std::string::npos, p.out().find(" GYRE_TPG_CREATE 24 bytes ")) << p.out();
+}
+
+// A root that holds no device: the commands that need one refuse it as
+// "show" does, and none of them makes a device skeleton there.
+TEST_F(TarnctlRecord, BusCommandsRefuseARootWithoutADevice)
+{
+    const std::string root = root_ + "/empty";
+    ASSERT_EQ(0, mkdir(root.c_str(), 0700));
+    const std::string env = "TARNHOST_ROOT=" + root;
+    const std::string rec = root + "/rec.ndjson";
+    {
+        std::ofstream(root + "/in.ndjson") << "{\"recording\":1}\n";
+    }
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"show", "contexts"}, "show contexts"},
+        {{"show", "bus"}, "show bus"},
+        {{"show", "clients"}, "show clients"},
+        {{"record", rec, "--count", "1"}, "record"},
+        {{"replay", root + "/in.ndjson"}, "replay"},
+        {{"watch", "--passive", "--count", "1"}, "watch"},
+        {{"dump-cache", "--sap", "1000"}, "dump-cache"},
+    };
+    for (const auto &c : cases) {
+        const tarntest::TarnctlRun r = tarntest::run_tarnctl(TARNCTL_PATH, c.first, {env});
+        EXPECT_EQ(1, r.status) << c.second;
+        EXPECT_EQ("tarnctl " + c.second + ": the device in " + root +
+                      " is not up; load one with \"tarnctl load FILE\"\n",
+                  r.err);
+    }
+    // Nothing made: only the replay's input is there.
+    EXPECT_EQ("", tarntest::slurp(rec));
+    EXPECT_NE(0, access(rec.c_str(), F_OK));
+    EXPECT_NE(0, access((root + "/bus").c_str(), F_OK));
+    EXPECT_NE(0, access((root + "/kvs").c_str(), F_OK));
+    unlink((root + "/in.ndjson").c_str());
+    EXPECT_EQ(0, rmdir(root.c_str())) << "the root holds more than it did";
 }
 
 TEST_F(TarnctlRecord, ReplayOnAFreshDeviceGivesASecondClientTheSameCache)

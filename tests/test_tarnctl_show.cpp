@@ -3,12 +3,14 @@
 // that description says, and every usage and error path with its status.
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -160,12 +162,15 @@ TEST_F(TarnctlShow, OneContext)
                  "reason      Admin Down Pending\n"
                  "vpn-id      7 8 9\n"
                  "tables      40 blue-v6 (IPv6)\n"
-                 "interfaces  Ethernet1/2\n");
-    expect_json({"context", "red"}, json::parse(R"({
+                 "interfaces  Ethernet1/2\n"
+                 "\n"
+                 "note: table ids 1 to 65536 were asked for (libtarn has no walk over tables): tables with higher ids may exist and are not shown; --max-id N asks for ids up to N (at most 3221225471)\n");
+    expect_json({"context", "red", "--max-id", "100"}, json::parse(R"j({
       "id": 3, "name": "red", "state": "Up", "state_code": 2, "reason": null,
-      "reason_code": 0, "vpn_id": null,
+      "reason_code": 0, "vpn_id": null, "max_id": 100, "probed_to": 100,
+      "notes": ["table ids 1 to 100 were asked for (libtarn has no walk over tables): tables with higher ids may exist and are not shown; --max-id N asks for ids up to N (at most 3221225471)"],
       "tables": [{"id": 30, "af": "IPv4", "af_code": 1, "name": "red-v4"}],
-      "interfaces": [{"ifindex": 100, "name": "Ethernet1/1"}]})"));
+      "interfaces": [{"ifindex": 100, "name": "Ethernet1/1"}]})j"));
     // Hidden from the walk, found by name.
     Result r = tarnctl({"show", "context", "l2-vrf"});
     EXPECT_EQ(0, r.status);
@@ -174,23 +179,74 @@ TEST_F(TarnctlShow, OneContext)
 
 TEST_F(TarnctlShow, Tables)
 {
+    const std::string beyond = "note: table ids 1 to 65536 were asked for (libtarn has no walk over tables): tables with higher ids may exist and are not shown; --max-id N asks for ids up to N (at most 3221225471)\n";
     expect_table({"tables"},
                  "ID  CONTEXT  AF    NAME\n"
                  "1   default  IPv4  base\n"
                  "30  red      IPv4  red-v4\n"
-                 "40  blue     IPv6  blue-v6\n");
+                 "40  blue     IPv6  blue-v6\n"
+                 "\n" + beyond);
     expect_table({"tables", "blue"},
                  "ID  CONTEXT  AF    NAME\n"
-                 "40  blue     IPv6  blue-v6\n");
-    // Ids above the bound are not asked for.
+                 "40  blue     IPv6  blue-v6\n"
+                 "\n" + beyond);
+    // Ids above the bound are not asked for, and the note says so.
     expect_table({"tables", "--max-id", "30"},
                  "ID  CONTEXT  AF    NAME\n"
                  "1   default  IPv4  base\n"
-                 "30  red      IPv4  red-v4\n");
-    expect_json({"tables", "red", "--max-id=100"}, json::parse(R"({
-      "max_id": 100,
+                 "30  red      IPv4  red-v4\n"
+                 "\n"
+                 "note: table ids 1 to 30 were asked for (libtarn has no walk over tables): tables with higher ids may exist and are not shown; --max-id N asks for ids up to N (at most 3221225471)\n");
+    expect_json({"tables", "red", "--max-id=100"}, json::parse(R"j({
+      "max_id": 100, "probed_to": 100,
+      "notes": ["table ids 1 to 100 were asked for (libtarn has no walk over tables): tables with higher ids may exist and are not shown; --max-id N asks for ids up to N (at most 3221225471)"],
       "tables": [{"id": 30, "context_id": 3, "context": "red", "af": "IPv4",
-                  "af_code": 1, "name": "red-v4"}]})"));
+                  "af_code": 1, "name": "red-v4"}]})j"));
+}
+
+// The whole range of ids takes minutes: SIGINT stops the probe, and what
+// it found so far is printed and said to be cut short.
+TEST_F(TarnctlShow, InterruptedProbePrintsWhatItFound)
+{
+    for (const bool as_json : {false, true}) {
+        const std::string dir = tarnhost_root();
+        std::vector<std::string> args = {"show", "tables", "--max-id", "3221225471"};
+        if (as_json)
+            args.push_back("--json");
+        const pid_t pid = tarntest::spawn_tarnctl(TARNCTL_PATH, args, {}, dir + "/probe.out",
+                                                  dir + "/probe.err");
+        ASSERT_GT(pid, 0);
+        usleep(800 * 1000);
+        kill(pid, SIGINT);
+        int st = 0;
+        ASSERT_EQ(pid, waitpid(pid, &st, 0));
+        ASSERT_TRUE(WIFEXITED(st));
+        EXPECT_EQ(1, WEXITSTATUS(st));
+        const std::string out = slurp(dir + "/probe.out");
+        const std::regex note("interrupted: table ids 1 to ([0-9]+) of 1 to 3221225471 were "
+                              "asked for, and the list stops there");
+        std::smatch m;
+        if (!as_json) {
+            EXPECT_EQ(0u, out.find("ID  CONTEXT  AF    NAME\n"
+                                   "1   default  IPv4  base\n"
+                                   "30  red      IPv4  red-v4\n"
+                                   "40  blue     IPv6  blue-v6\n"
+                                   "\n"
+                                   "note: interrupted: table ids 1 to "))
+                << out;
+            EXPECT_TRUE(std::regex_search(out, m, note)) << out;
+            continue;
+        }
+        const json doc = json::parse(out, nullptr, false);
+        ASSERT_TRUE(doc.is_object()) << out;
+        EXPECT_EQ("", tarntest::tarnctl_schema_problem("show_tables", doc));
+        EXPECT_EQ(3u, doc["tables"].size());
+        ASSERT_EQ(1u, doc["notes"].size());
+        const std::string text = doc["notes"][0].get<std::string>();
+        ASSERT_TRUE(std::regex_match(text, m, note)) << text;
+        EXPECT_EQ(doc["probed_to"].get<uint64_t>(), std::stoull(m[1].str()));
+        EXPECT_LT(doc["probed_to"].get<uint64_t>(), 3221225471u);
+    }
 }
 
 TEST_F(TarnctlShow, Interfaces)

@@ -503,7 +503,7 @@ TEST_F(TarnctlWatch, UsageErrors)
     Result r = tarnctl({"watch", "--count", "0"});
     EXPECT_EQ("tarnctl watch: --count takes a number from 1 to 4294967295; "
               "usage: tarnctl watch [--sap N] [--count N] [--timeout S] [--json] [--passive] "
-              "[--opcode N]... (see "
+              "[--opcode OPCODE]... (see "
               "\"tarnctl watch --help\")\n",
               r.err);
     r = tarnctl({"watch", "--help"});

@@ -91,17 +91,17 @@ uint64_t number(const json &v, const std::string &path, uint64_t lo,
         // Compared as doubles before any conversion: a huge value has no
         // integer form to convert to.
         if (d < static_cast<double>(lo) || d > static_cast<double>(hi))
-            refuse(path, v.dump() + " is out of range " + std::to_string(lo) +
+            refuse(path, number_as_written(v, path) + " is out of range " + std::to_string(lo) +
                              ".." + std::to_string(hi));
         return static_cast<uint64_t>(d);
     }
     if (v.is_number_integer() && !v.is_number_unsigned() &&
         v.get<int64_t>() < 0)
-        refuse(path, v.dump() + " is out of range " + std::to_string(lo) +
+        refuse(path, number_as_written(v, path) + " is out of range " + std::to_string(lo) +
                          ".." + std::to_string(hi));
     uint64_t n = v.get<uint64_t>();
     if (n < lo || n > hi)
-        refuse(path, v.dump() + " is out of range " + std::to_string(lo) +
+        refuse(path, number_as_written(v, path) + " is out of range " + std::to_string(lo) +
                          ".." + std::to_string(hi));
     return n;
 }

@@ -52,6 +52,10 @@ struct Refusal {
 // path>: the number 1e400 is out of range", wherever it stands, comments
 // included) and for containers nested too deeply.
 json parse_json(const std::string &text, const std::string &source);
+// The number at `path` of the last document that parse_json read on this
+// thread as its text wrote it ("1e20"; a double would print 1e+20), or, for
+// a value that did not come from there, as JSON writes it.
+std::string number_as_written(const json &v, const std::string &path);
 // "a.b" and "a[3]".
 std::string member(const std::string &path, const std::string &key);
 std::string item(const std::string &path, size_t i);

@@ -4,6 +4,7 @@
 // bad fact, even where the readers would never look (a comment).
 
 #include <cmath>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,6 +17,11 @@ namespace {
 // Deeper documents are no device description; the limit also keeps the
 // document's own recursive teardown off the end of the stack.
 constexpr size_t kMaxDepth = 64;
+
+// The text of every number that is no integer for JSON's reader (1e20,
+// 2.0, an integer too long for 64 bits), by path: its double reads back
+// in another form.
+thread_local std::map<std::string, std::string> g_number_texts;
 
 class PathSax {
 public:
@@ -34,6 +40,7 @@ public:
             error_ = (p.empty() ? source_ : p) + ": the number " + s + " is out of range";
             return false;
         }
+        g_number_texts[path()] = s;
         return scalar(dom_.number_float(v, s));
     }
     bool string(std::string &v) { return scalar(dom_.string(v)); }
@@ -183,6 +190,7 @@ std::string signed_zeros_kept(const std::string &text)
 json parse_json(const std::string &text, const std::string &source)
 {
     json doc;
+    g_number_texts.clear();
     PathSax sax(&doc, source);
     const bool ok = text.find("-0") == std::string::npos
                         ? json::sax_parse(text, &sax)
@@ -190,6 +198,16 @@ json parse_json(const std::string &text, const std::string &source)
     if (!ok || !sax.error().empty())
         throw Refusal{sax.error().empty() ? source + ": not valid JSON" : sax.error()};
     return doc;
+}
+
+std::string number_as_written(const json &v, const std::string &path)
+{
+    if (v.is_number_float()) {
+        const auto it = g_number_texts.find(path);
+        if (it != g_number_texts.end())
+            return it->second;
+    }
+    return v.dump();
 }
 
 }  // namespace tarndev

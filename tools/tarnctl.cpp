@@ -196,7 +196,8 @@ int run(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-    // A closed pipe is a write error to report, not a silent death.
+    // A closed pipe is seen as EPIPE at the end of the command, after it
+    // has cleaned up; finish_output() then ends quietly by SIGPIPE.
     signal(SIGPIPE, SIG_IGN);
     tarnctl::keep_write_errors();
     for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i)

@@ -49,8 +49,12 @@ bool device_reachable(const std::string &command);
 // device_reachable(), or a device directory still to be made in a parent
 // that exists (what "tarnctl load" needs).
 bool device_creatable(const std::string &command);
-// device_reachable(), the device loaded (brought up) and its store still
-// there; reports otherwise.
+// device_reachable() and the device loaded (brought up): what the commands
+// that use only the bus need, so that none of them makes the skeleton of a
+// device (its bus directories) in a root that holds none; reports
+// otherwise.
+bool device_loaded(const std::string &command);
+// device_loaded() and its store still there and sound; reports otherwise.
 bool device_up(const std::string &command);
 // Reports why libtarn could not be initialised for the device (another
 // cell, a damaged or missing store, or else where the library's report
@@ -69,7 +73,7 @@ int cmd_show(int argc, char **argv);
 extern const Command kShow;
 
 // tarnctl watch [--sap N] [--count N] [--timeout S] [--json] [--passive]
-//               [--opcode N]...
+//               [--opcode OPCODE]...
 int cmd_watch(int argc, char **argv);
 extern const Command kWatch;
 
@@ -82,7 +86,7 @@ extern const Command kApply;
 int cmd_dump_cache(int argc, char **argv);
 extern const Command kDumpCache;
 
-// tarnctl record FILE [--opcode N]... [--count N] [--timeout S]
+// tarnctl record FILE [--opcode OPCODE]... [--count N] [--timeout S]
 int cmd_record(int argc, char **argv);
 extern const Command kRecord;
 

@@ -16,6 +16,7 @@
 
 #include "host/tarnhost.h"
 #include "host/tarnhost_bus.h"
+#include "host/tarnhost_bus_opcodes.h"
 #include "host/tarnhost_client.h"
 #include "platform/bus.h"
 #include "tools/tarnctl.h"
@@ -135,23 +136,8 @@ BusView look_at_bus()
 // notifications that the cache does not use are named by their number.
 std::string opcode_name(uint32_t opcode)
 {
-    switch (opcode) {
-    case BUS_OPC_TARN_REGISTER: return "TARN_REGISTER";
-    case 51205: return "GYRE_NOTIFY_C805";
-    case BUS_OPC_GYRE_TPG_CREATE: return "GYRE_TPG_CREATE";
-    case 51209: return "GYRE_NOTIFY_C809";
-    case BUS_OPC_GYRE_TPG_DELETE: return "GYRE_TPG_DELETE";
-    case 51211: return "GYRE_NOTIFY_C80B";
-    case 51212: return "GYRE_NOTIFY_C80C";
-    case 51213: return "GYRE_NOTIFY_C80D";
-    case BUS_OPC_GYRE_TPG_VLANS: return "GYRE_TPG_VLANS";
-    case BUS_OPC_GYRE_FTAG_UPDATE: return "GYRE_FTAG_UPDATE";
-    case BUS_OPC_TARN_PROTOCOL_CONFIG_CHANGE: return "TARN_PROTOCOL_CONFIG_CHANGE";
-    case BUS_OPC_GYRE_FTAG_NOTICE: return "GYRE_FTAG_NOTICE";
-    case BUS_OPC_TARN_ATTR_CHANGE: return "TARN_ATTR_CHANGE";
-    case TARNHOST_OPC_CLIENT_INSPECT: return "TARNHOST_CLIENT_INSPECT";
-    default: return "OPCODE_" + std::to_string(opcode);
-    }
+    const char *name = tarnhost_bus_opcode_name(opcode);
+    return name != nullptr ? name : "OPCODE_" + std::to_string(opcode);
 }
 
 int json_only_arguments(const char *what, int argc, char **argv, void (*help)(),
@@ -190,6 +176,8 @@ int cmd_show_bus(int argc, char **argv)
     const int st = json_only_arguments("bus", argc, argv, print_help, &as_json);
     if (st >= 0)
         return st;
+    if (!device_loaded("show bus"))
+        return kExitFailed;
     BusView v;
     if (!read_bus(&v))
         return kExitFailed;

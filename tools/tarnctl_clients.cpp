@@ -274,6 +274,8 @@ int cmd_show_clients(int argc, char **argv)
     const int st = json_only_arguments("clients", argc, argv, print_help, &as_json);
     if (st >= 0)
         return st;
+    if (!device_loaded("show clients"))
+        return kExitFailed;
     BusView v;
     if (!read_bus(&v))
         return kExitFailed;

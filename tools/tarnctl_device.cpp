@@ -227,7 +227,7 @@ std::string store_missing()
 
 }  // namespace
 
-bool device_up(const std::string &command)
+bool device_loaded(const std::string &command)
 {
     if (!device_reachable(command))
         return false;
@@ -245,6 +245,13 @@ bool device_up(const std::string &command)
                    " is not up; load one with \"tarnctl load FILE\"");
         return false;
     }
+    return true;
+}
+
+bool device_up(const std::string &command)
+{
+    if (!device_loaded(command))
+        return false;
     const std::string missing = store_missing();
     if (!missing.empty()) {
         report(command, kExitFailed,

@@ -37,7 +37,7 @@ namespace tarnctl {
 
 const Command kDumpCache = {
     "dump-cache",
-    "(--client HANDLE | --sap N | --pid P) [--verify] [--timeout S] [--json]",
+    "(--client HANDLE | --sap N | --pid P) [--verify [--verbose]] [--timeout S] [--json]",
     "print a client's Gyre cache; --verify compares it with the databases",
     cmd_dump_cache,
 };
@@ -49,16 +49,13 @@ constexpr uint32_t kRequestSize = 28;
 constexpr uint32_t kHeader = GYRE_CACHE_DUMP_HEADER_SIZE;
 constexpr uint32_t kRecord = GYRE_CACHE_DUMP_RECORD_SIZE;
 constexpr uint32_t kDefaultWaitSeconds = 9;  // the library requester's wait
-// A client that ignores the inspection request is not built on the helper;
-// one that is answers well within this.
-constexpr uint32_t kInspectMs = 2000;
 // A dump never has more pages than topologies can fill.
 constexpr uint32_t kMaxPages = 0x40000000u / GYRE_CACHE_DUMP_PAGE + 2;
 
 void print_help()
 {
-    printf("usage: tarnctl dump-cache (--client HANDLE | --sap N | --pid P) [--verify]\n"
-           "                          [--timeout S] [--json]\n"
+    printf("usage: tarnctl dump-cache (--client HANDLE | --sap N | --pid P)\n"
+           "                          [--verify [--verbose]] [--timeout S] [--json]\n"
            "\n"
            "Asks a client process for its Gyre cache, page by page: the one whose bus\n"
            "handle is HANDLE, that serves access point N, or whose process P holds a\n"
@@ -76,14 +73,18 @@ void print_help()
            "every topology and VLAN, the VLAN sets, the VLANs of every ftag and the AS\n"
            "format; each answer is compared with the database path.  A difference\n"
            "that the library makes on purpose between its cache and database paths\n"
-           "is shown as such and does not fail the check; any other DIVERGES.\n"
+           "does not fail the check: it is counted in the summary line and listed with\n"
+           "--verbose (and in JSON); any other DIVERGES and is always listed.\n"
            "\n"
-           "Each page is waited for at most S seconds (--timeout, default %u).  A client\n"
-           "whose process has exited and one that does not answer (stopped, busy) are\n"
-           "told apart.  With --json the dump (and the comparison) is one JSON document.\n"
+           "Each page, and the answer to the inspection request, is waited for at most S\n"
+           "seconds (--timeout, default %u).  A client whose process has exited and one\n"
+           "that does not answer (stopped, busy) are told apart.  With --json the dump\n"
+           "(and the comparison) is one JSON document.\n"
            "\n"
-           "Exit status: 0 printed (and, with --verify, nothing diverges), 1 the dump\n"
-           "failed or a divergence was found, 2 usage error.\n",
+           "Exit status: 0 printed (and, with --verify, something was compared and nothing\n"
+           "diverges), 1 the dump failed, nothing could be compared (the cache is off,\n"
+           "or the device and the cache are empty and the client did not answer the\n"
+           "inspection request) or a divergence was found, 2 usage error.\n",
            kDefaultWaitSeconds);
 }
 
@@ -177,8 +178,9 @@ std::string fetch(uint32_t requester, int32_t sap, uint32_t handle, uint32_t wai
 }
 
 // The comparison with the databases, read through libtarn's Gyre queries
-// with this process's cache off.  Returns the differences.
-std::vector<json> verify(const std::map<uint32_t, Dumped> &dump)
+// with this process's cache off.  Returns the differences; *compared is the
+// number of topologies compared (those of either side).
+std::vector<json> verify(const std::map<uint32_t, Dumped> &dump, size_t *compared)
 {
     std::vector<json> diffs;
     auto diff = [&](uint32_t tpg, const std::string &what) {
@@ -214,6 +216,10 @@ std::vector<json> verify(const std::map<uint32_t, Dumped> &dump)
             diff(tpg, "ftags: cache " + ranges(d.second.ftags) + ", database " +
                           ranges(db_ftags));
     }
+    std::set<uint32_t> either = in_db;
+    for (const auto &d : dump)
+        either.insert(d.first);
+    *compared = either.size();
     for (uint32_t tpg : in_db)
         if (dump.count(tpg) == 0)
             diff(tpg, "in the database, but not cached");
@@ -271,7 +277,7 @@ int cmd_dump_cache(int argc, char **argv)
 {
     ClientAddress address;
     uint64_t wait = kDefaultWaitSeconds;
-    bool check = false;
+    bool check = false, verbose = false;
     for (int i = 0; i < argc; ++i) {
         const char *a = argv[i];
         if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
@@ -280,6 +286,10 @@ int cmd_dump_cache(int argc, char **argv)
         }
         if (strcmp(a, "--verify") == 0) {
             check = true;
+            continue;
+        }
+        if (strcmp(a, "--verbose") == 0) {
+            verbose = true;
             continue;
         }
         if (strcmp(a, "--json") == 0)
@@ -307,7 +317,9 @@ int cmd_dump_cache(int argc, char **argv)
     }
     if (address.kind == ClientAddress::kNone)
         return usage_error(kDumpCache, "--client HANDLE, --sap N or --pid P is missing");
-    if (!device_reachable("dump-cache"))
+    if (verbose && !check)
+        return usage_error(kDumpCache, "--verbose lists what --verify finds; add --verify");
+    if (!device_loaded("dump-cache"))
         return kExitFailed;
 
     int32_t sap = -1;
@@ -343,54 +355,88 @@ int cmd_dump_cache(int argc, char **argv)
     }
     int status = kExitOk;
     if (check) {
+        // Agreement says nothing of notifications the client never got
+        // (the AS format, say); a change in the databases that no client
+        // has heard of yet explains a divergence.
+        uint32_t missed = 0;
+        if (tarnhost_bus_missed(handle, &missed) != 0)
+            missed = 0;
+        const std::string owed = owed_announcement();
         if (!caching) {
             if (!as_json)
-                printf("verify: the client's Gyre cache is off; nothing to compare\n");
-            status = kExitFailed;
-        } else if (!device_up("dump-cache")) {
+                printf("verify: the client's Gyre cache is off; nothing was compared\n");
+            doc["verify"] = {{"differences", json::array()},
+                             {"answers", nullptr},
+                             {"agree", false},
+                             {"compared", 0},
+                             {"inspection", nullptr},
+                             {"not_compared", "the client's Gyre cache is off"},
+                             {"missed", missed},
+                             {"owed", or_null(!owed.empty(), owed)}};
             status = kExitFailed;
         } else if (tarn_api_init() != TARN_SUCCESS) {
             status = report_library_failure("dump-cache");
         } else {
-            const std::vector<json> diffs = verify(dump);
+            size_t topologies = 0;
+            const std::vector<json> diffs = verify(dump, &topologies);
             std::set<uint32_t> cached;
             for (const auto &d : dump)
                 cached.insert(d.first);
-            const VerifyCount answers = verify_answers(requester, sap, cached, kInspectMs);
+            const VerifyCount answers =
+                verify_answers(requester, sap, cached, static_cast<uint32_t>(wait) * 1000);
             const size_t diverging = diffs.size() + answers.divergences;
+            const size_t compared = topologies + answers.compared;
+            // Only the dumped sets when the client did not answer: what was
+            // left out, and why, said in words.
+            std::string left_out;
+            if (!answers.helper)
+                left_out = answers.timed_out
+                               ? "the client did not answer the host's inspection request "
+                                 "within " +
+                                     std::to_string(wait) + " s"
+                               : "the host's inspection request failed: " + answers.failure;
+            if (compared == 0)
+                left_out = "the device and the client's cache hold no topology" +
+                           (left_out.empty() ? std::string() : ", and " + left_out);
             doc["verify"] = {{"differences", diffs},
                              {"answers", answers.helper ? answers_json(answers) : json(nullptr)},
-                             {"agree", diverging == 0}};
+                             {"agree", diverging == 0 && compared != 0},
+                             {"compared", compared},
+                             {"inspection", answers.helper      ? "answered"
+                                            : answers.timed_out ? "timeout"
+                                                                : "failed"},
+                             {"not_compared", or_null(!left_out.empty(), left_out)},
+                             {"missed", missed},
+                             {"owed", or_null(!owed.empty(), owed)}};
             if (!as_json) {
                 for (const json &d : diffs)
                     printf("verify: topology %lu: %s\n",
                            static_cast<unsigned long>(d["topology"].get<uint32_t>()),
                            escaped(d["difference"].get<std::string>()).c_str());
-                print_answers(answers);
-                if (!answers.helper)
-                    printf("verify: the client does not answer the host's inspection request "
-                           "(it is not built on the host's client helper): compared only what "
-                           "the dump carries, each topology's VLAN and ftag sets; not compared: "
-                           "owners, unicast ftags, ftags per graph, configured VLANs, the VLANs "
-                           "of each ftag, the AS format\n");
-                if (diverging == 0)
+                print_answers(answers, verbose);
+                if (!answers.helper && compared != 0)
+                    printf("verify: %s (a client built on the host's client helper answers it "
+                           "unless it is busy or stopped; wait longer with --timeout): compared "
+                           "only what the dump carries, each topology's VLAN and ftag sets; not "
+                           "compared: owners, unicast ftags, ftags per graph, configured VLANs, "
+                           "the VLANs of each ftag, the AS format\n",
+                           left_out.c_str());
+                if (compared == 0)
+                    printf("verify: nothing was compared: %s\n", left_out.c_str());
+                else if (diverging == 0)
                     printf("verify: cache and database agree on %s",
-                           counted(dump.size(), "topology", "topologies").c_str());
+                           counted(topologies, "topology", "topologies").c_str());
                 else
                     printf("verify: %s", counted(diverging, "difference", "differences").c_str());
-                if (answers.helper)
-                    printf("; %s compared, %s as the library intends",
+                if (compared != 0 && answers.helper)
+                    printf("; %s compared, %s as the library intends%s",
                            counted(answers.compared, "answer", "answers").c_str(),
-                           counted(answers.intended, "difference", "differences").c_str());
-                printf("\n");
+                           counted(answers.intended, "difference", "differences").c_str(),
+                           answers.intended != 0 && !verbose ? " (--verbose lists them)" : "");
+                if (compared != 0)
+                    printf("\n");
             }
-            status = diverging == 0 ? kExitOk : kExitFailed;
-            // Agreement of the Gyre cache says nothing of notifications the
-            // client never got (the AS format, say).
-            uint32_t missed = 0;
-            if (tarnhost_bus_missed(handle, &missed) != 0)
-                missed = 0;
-            doc["verify"]["missed"] = missed;
+            status = diverging == 0 && compared != 0 ? kExitOk : kExitFailed;
             if (missed != 0) {
                 if (!as_json)
                     printf("verify: handle %u missed %s and has not caught up; what it "
@@ -398,10 +444,6 @@ int cmd_dump_cache(int argc, char **argv)
                            handle, counted(missed, "notification", "notifications").c_str());
                 status = kExitFailed;
             }
-            // A change in the databases that no client has heard of yet
-            // explains a divergence: say so, and how to send it.
-            const std::string owed = owed_announcement();
-            doc["verify"]["owed"] = or_null(!owed.empty(), owed);
             if (!owed.empty() && !as_json)
                 printf("verify: an earlier apply ended before it could say it announced %s; "
                        "\"tarnctl apply\" with any change file (even {\"changes\": []}) "

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <locale.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -95,6 +96,22 @@ ssize_t write_stdout(void *, const char *buf, size_t size)
         done += static_cast<size_t>(n);
     }
     return static_cast<ssize_t>(size);
+}
+
+// A reader that went away (tarnctl show interfaces | head -1) wanted no
+// more: the command ends without a word, by SIGPIPE, as git and ip do, so
+// that a pipeline sees the usual status (141 under "set -o pipefail").  It
+// comes here only after the command has finished and cleaned up (a watcher
+// unbound, an apply's changes announced): SIGPIPE is ignored until then.
+[[noreturn]] void end_by_sigpipe()
+{
+    signal(SIGPIPE, SIG_DFL);
+    sigset_t pipe_only;
+    sigemptyset(&pipe_only);
+    sigaddset(&pipe_only, SIGPIPE);
+    sigprocmask(SIG_UNBLOCK, &pipe_only, nullptr);
+    raise(SIGPIPE);
+    _exit(128 + SIGPIPE);
 }
 
 void note_write_error()
@@ -303,6 +320,8 @@ int finish_output(const char *command, int status)
     if (!flush_failed && !ferror(stdout) && !g_output_failed)
         return status;
     const int err = g_output_errno != 0 ? g_output_errno : flush_errno;
+    if (err == EPIPE)
+        end_by_sigpipe();
     return report(command, 1,
                   (g_done.empty() ? std::string() : g_done + ", but ") +
                       "cannot write the output: " +

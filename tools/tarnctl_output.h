@@ -74,8 +74,9 @@ void keep_write_errors();
 // loaded"), so that a write error at its end does not read as if nothing
 // happened.
 void set_done(const std::string &what);
-// Flushes standard output; a write error (a full disk, a closed pipe) turns
-// `status` into a failure with a message.  Every command ends through it.
+// Flushes standard output; a write error (a full disk) turns `status` into
+// a failure with a message, while a closed pipe ends the process quietly
+// by SIGPIPE.  Every command ends through it.
 int finish_output(const char *command, int status);
 // True once a write to standard output has failed (long-running commands
 // stop then).

@@ -10,11 +10,17 @@
 #include <errno.h>
 #include <string.h>
 
+#include <algorithm>
+#include <set>
+
 #include <tarn/gyre.h>
 #include <tarn/tarn.h>
 
 #include "host/tarnhost_bus.h"
+#include "host/tarnhost_bus_opcodes.h"
+#include "host/tarnhost_client.h"
 #include "platform/bus.h"
+#include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 
@@ -98,30 +104,55 @@ bool from_hex(const std::string &text, std::vector<uint8_t> *out)
     return true;
 }
 
-int parse_opcode_option(int argc, char **argv, int *i, std::vector<uint32_t> *out)
+std::vector<uint32_t> library_opcodes()
+{
+    std::vector<uint32_t> all(tarnhost_bus_named_opcodes(nullptr, 0));
+    all.resize(tarnhost_bus_named_opcodes(all.data(), all.size()));
+    all.erase(std::remove(all.begin(), all.end(), TARNHOST_OPC_CLIENT_INSPECT), all.end());
+    return all;
+}
+
+std::string library_opcode_lines()
+{
+    std::string out;
+    for (uint32_t op : library_opcodes()) {
+        char line[80];
+        snprintf(line, sizeof line, "  %-28s %u\n", tarnhost_bus_opcode_name(op), op);
+        out += line;
+    }
+    return out;
+}
+
+int parse_opcode_option(int argc, char **argv, int *i, std::vector<uint32_t> *out,
+                        std::string *error)
 {
     const char *a = argv[*i];
     const char *value = nullptr;
     if (strcmp(a, "--opcode") == 0) {
-        if (*i + 1 >= argc)
+        if (*i + 1 >= argc) {
+            *error = "--opcode needs a value";
             return -1;
+        }
         value = argv[++*i];
     } else if (strncmp(a, "--opcode=", 9) == 0) {
         value = a + 9;
     } else {
         return 0;
     }
-    if (*value == '\0' || strlen(value) > 10)
+    uint32_t op = 0;
+    if (tarnhost_bus_opcode_parse(value, &op) != 0) {
+        *error = "--opcode takes the name or number of an opcode, not \"" + escaped(value) +
+                 "\"";
         return -1;
-    uint64_t v = 0;
-    for (const char *c = value; *c; ++c) {
-        if (*c < '0' || *c > '9')
-            return -1;
-        v = v * 10 + static_cast<uint64_t>(*c - '0');
     }
-    if (v > 0xFFFFFFFFu)
+    const std::vector<uint32_t> known = library_opcodes();
+    if (std::find(known.begin(), known.end(), op) == known.end()) {
+        *error = "opcode " + escaped(value) + " is not one that libtarn sends or receives (" +
+                 ranges_text(std::set<uint32_t>(known.begin(), known.end())) +
+                 "; the command's --help names them)";
         return -1;
-    out->push_back(static_cast<uint32_t>(v));
+    }
+    out->push_back(op);
     return 1;
 }
 

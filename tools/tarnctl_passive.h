@@ -24,9 +24,17 @@ uint32_t listen_passively(const char *name, const std::vector<uint32_t> &opcodes
 std::string to_hex(const uint8_t *p, uint32_t len);
 bool from_hex(const std::string &text, std::vector<uint8_t> *out);
 
-// "--opcode N" (repeatable) at argv[*i]: 1 matched (value appended), 0 not
-// this option, -1 bad value.
-int parse_opcode_option(int argc, char **argv, int *i, std::vector<uint32_t> *out);
+// The opcodes that libtarn sends or receives, ascending: those that an
+// --opcode filter may name.
+std::vector<uint32_t> library_opcodes();
+// Their names and numbers, one "  NAME  NUMBER" line each, for a help text.
+std::string library_opcode_lines();
+
+// "--opcode OPCODE" (repeatable) at argv[*i], a name or a number of one of
+// library_opcodes(): 1 matched (value appended), 0 not this option, -1 bad
+// value (with *error saying why).
+int parse_opcode_option(int argc, char **argv, int *i, std::vector<uint32_t> *out,
+                        std::string *error);
 
 // Makes SIGINT and SIGTERM ask a long-running command to stop (they only
 // set a flag, read with stop_requested()) and makes standard output line

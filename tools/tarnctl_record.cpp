@@ -36,7 +36,7 @@ namespace tarnctl {
 
 const Command kRecord = {
     "record",
-    "FILE [--opcode N]... [--count N] [--timeout S] [--json]",
+    "FILE [--opcode OPCODE]... [--count N] [--timeout S] [--json]",
     "write the device's notifications, timed, to FILE for replay",
     cmd_record,
 };
@@ -75,7 +75,7 @@ void sleep_seconds(double s)
 
 void print_record_help()
 {
-    printf("usage: tarnctl record FILE [--opcode N]... [--count N] [--timeout S] [--json]\n"
+    printf("usage: tarnctl record FILE [--opcode OPCODE]... [--count N] [--timeout S] [--json]\n"
            "\n"
            "Listens passively (no libtarn, no cache) to the notifications of the "
            "device in\n"
@@ -89,9 +89,12 @@ void print_record_help()
            "after N\n"
            "notifications or after S seconds.  With --json the closing summary is "
            "one\n"
-           "JSON document.\n"
+           "JSON document.  OPCODE is one of these names (in any letter case) or its "
+           "number:\n"
+           "%s"
            "\n"
-           "Exit status: 0 recorded, 1 could not start, 2 usage error.\n");
+           "Exit status: 0 recorded, 1 could not start, 2 usage error.\n",
+           library_opcode_lines().c_str());
 }
 
 void print_replay_help()
@@ -239,9 +242,10 @@ int cmd_record(int argc, char **argv)
         }
         if (strcmp(a, "--json") == 0)
             continue;
-        const int op = parse_opcode_option(argc, argv, &i, &only);
+        std::string opcode_error;
+        const int op = parse_opcode_option(argc, argv, &i, &only, &opcode_error);
         if (op < 0)
-            return usage_error(kRecord, "--opcode takes an opcode from 0 to 4294967295");
+            return usage_error(kRecord, opcode_error.c_str());
         if (op > 0)
             continue;
         bool missing = false;
@@ -266,6 +270,9 @@ int cmd_record(int argc, char **argv)
     }
     if (file == nullptr)
         return usage_error(kRecord, "FILE is missing");
+    // Before FILE is made: a root without a device gives nothing to record.
+    if (!device_loaded("record"))
+        return kExitFailed;
 
     int fd = open(file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0)
@@ -374,6 +381,8 @@ int cmd_replay(int argc, char **argv)
     const std::string error = read_recording(file, &events);
     if (!error.empty())
         return reportf("replay", kExitFailed, "%s; nothing was published", error.c_str());
+    if (!device_loaded("replay"))
+        return kExitFailed;
     stop_on_signals();
     const uint32_t h = bus_bind(0, -1, nullptr, "tarnctl replay");
     if (h == BUS_HANDLE_NONE)

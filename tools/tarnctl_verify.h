@@ -24,6 +24,8 @@ struct AnswerDifference {
 
 struct VerifyCount {
     bool helper = false;      // the client answered the inspection request
+    bool timed_out = false;   // it did not answer within the wait
+    std::string failure;      // why the request failed otherwise
     size_t compared = 0;      // answers compared
     size_t divergences = 0;   // real disagreements
     size_t intended = 0;      // disagreements the library makes on purpose
@@ -37,9 +39,10 @@ struct VerifyCount {
 VerifyCount verify_answers(uint32_t requester, int32_t sap, const std::set<uint32_t> &cached,
                            uint32_t timeout_ms);
 
-// "verify: SUBJECT: cache C, database D: DIVERGES" (or "as the library
-// intends (RULE)"), one line per difference.
-void print_answers(const VerifyCount &count);
+// "verify: SUBJECT: cache C, database D: DIVERGES", one line per
+// divergence; with `intended` also one line per difference the library
+// makes on purpose ("as the library intends (RULE)").
+void print_answers(const VerifyCount &count, bool intended);
 // The comparison as the "answers" member of dump-cache's JSON document.
 json answers_json(const VerifyCount &count);
 

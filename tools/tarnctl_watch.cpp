@@ -32,7 +32,7 @@ namespace tarnctl {
 
 const Command kWatch = {
     "watch",
-    "[--sap N] [--count N] [--timeout S] [--json] [--passive] [--opcode N]...",
+    "[--sap N] [--count N] [--timeout S] [--json] [--passive] [--opcode OPCODE]...",
     "follow the device's notifications as a caching client",
     cmd_watch,
 };
@@ -62,7 +62,7 @@ bool wanted(uint32_t opcode)
 void print_help()
 {
     printf("usage: tarnctl watch [--sap N] [--count N] [--timeout S] [--json] [--passive]\n"
-           "                     [--opcode N]...\n"
+           "                     [--opcode OPCODE]...\n"
            "\n"
            "Runs as a client process of the device in $TARNHOST_ROOT: binds "
            "a bus access\n"
@@ -92,12 +92,15 @@ void print_help()
            "notifications\n"
            "prints each one's opcode, length and payload (hex), and no cache is "
            "enabled.\n"
-           "--opcode N (repeatable) prints only those opcodes (a passive listener "
+           "--opcode OPCODE (repeatable) prints only those opcodes (a passive listener "
            "subscribes\n"
-           "only to them; a caching one still applies every message).\n"
+           "only to them; a caching one still applies every message).  OPCODE is one "
+           "of these\n"
+           "names (in any letter case) or its number:\n"
+           "%s"
            "\n"
            "Exit status: 0 stopped, 1 could not start, 2 usage error.\n",
-           kFirstSap, kLastSap, TARN_LIB_ALLOC_ID);
+           kFirstSap, kLastSap, TARN_LIB_ALLOC_ID, library_opcode_lines().c_str());
 }
 
 // The time of a line: local and short for a reader at a terminal; in JSON
@@ -346,7 +349,7 @@ bool handle(uint32_t h, bus_msg_t *msg)
     if (g_json)
         emit({{"event", "notification"}, {"time", now_text()}, {"opcode", seen.opcode},
               {"name", name}, {"bytes", seen.bytes}, {"payload", seen.payload_hex},
-              {"taken", r == 1}, {"change", what}});
+              {"taken", r == 1}, {"result", r}, {"change", what}});
     else
         printf("%s %s %s\n", now_text().c_str(), escaped(name).c_str(), escaped(what).c_str());
     return true;
@@ -481,7 +484,7 @@ int listen(uint64_t count, uint64_t timeout)
         const std::string name = opcode_name(opcode);
         if (g_json)
             emit({{"event", "notification"}, {"time", now_text()}, {"opcode", opcode},
-                  {"name", name}, {"bytes", len}, {"payload", hex}, {"taken", nullptr},
+                  {"name", name}, {"bytes", len}, {"payload", hex}, {"taken", nullptr}, {"result", nullptr},
                   {"change", nullptr}});
         else
             printf("%s %s %u bytes %s\n", now_text().c_str(), name.c_str(), len,
@@ -515,9 +518,10 @@ int cmd_watch(int argc, char **argv)
             (a[2] == 'j' ? g_json : passive) = true;
             continue;
         }
-        const int op = parse_opcode_option(argc, argv, &i, &g_only);
+        std::string opcode_error;
+        const int op = parse_opcode_option(argc, argv, &i, &g_only, &opcode_error);
         if (op < 0)
-            return usage_error(kWatch, "--opcode takes an opcode from 0 to 4294967295");
+            return usage_error(kWatch, opcode_error.c_str());
         if (op > 0)
             continue;
         struct {
@@ -561,6 +565,8 @@ int cmd_watch(int argc, char **argv)
     if (passive) {
         if (sap != 0)
             return usage_error(kWatch, "--passive listens on a dynamic handle; drop --sap");
+        if (!device_loaded("watch"))
+            return kExitFailed;
         return listen(count, timeout);
     }
     if (!device_up("watch"))
