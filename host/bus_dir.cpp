@@ -9,14 +9,17 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 #include <sys/file.h>
-#include <sys/mman.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
 #include <utility>
 
+#include "host/lock_wait.h"
 #include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/bus.h"
@@ -43,18 +46,21 @@ std::string decimal(uint32_t n)
     return buf;
 }
 
-// Maps the 64-byte file behind `fd` shared; null on failure.
-void *map_shared(int fd)
+// A token that no bump made before, on this device or another: the pid,
+// a process-wide count and the time, mixed.
+uint64_t new_token()
 {
-    struct stat st;
-    if (fstat(fd, &st) != 0)
-        return nullptr;
-    if (st.st_size < static_cast<off_t>(kSlotSize) &&
-        ftruncate(fd, kSlotSize) != 0)
-        return nullptr;
-    void *p = mmap(nullptr, kSlotSize, PROT_READ | PROT_WRITE, MAP_SHARED,
-                   fd, 0);
-    return p == MAP_FAILED ? nullptr : p;
+    static std::atomic<uint64_t> count{0};
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    uint64_t x = (static_cast<uint64_t>(getpid()) << 32) ^
+                 count.fetch_add(1, std::memory_order_relaxed) ^
+                 (static_cast<uint64_t>(ts.tv_sec) * 1000000000u +
+                  static_cast<uint64_t>(ts.tv_nsec)) * 0x9E3779B97F4A7C15u;
+    x ^= x >> 31;
+    x *= 0xBF58476D1CE4E5B9u;
+    x ^= x >> 27;
+    return x;
 }
 
 }  // namespace
@@ -119,9 +125,10 @@ int open_parts(Bus *bus, bool create)
                        create ? O_RDWR | O_CREAT : O_RDWR);
     if (fd < 0)
         return errno;
-    void *p = map_shared(fd);
-    close(fd);
-    bus->gen = static_cast<std::atomic<uint32_t> *>(p);
+    bus->gen_fd = fd;
+    uint64_t token;
+    if (pread(fd, &token, sizeof token, 0) != static_cast<ssize_t>(sizeof token))
+        bump(bus);
     return 0;
 }
 
@@ -130,16 +137,14 @@ int open_parts(Bus *bus, bool create)
 SlotMap::~SlotMap()
 {
     if (slot != nullptr)
-        munmap(slot, kSlotSize);
+        shmdt(slot);
 }
 
 Bus::~Bus()
 {
-    for (int f : {fd, hfd, apfd, subfd, statefd})
+    for (int f : {fd, hfd, apfd, subfd, statefd, gen_fd})
         if (f >= 0)
             close(f);
-    if (gen != nullptr)
-        munmap(gen, kSlotSize);
 }
 
 BusPtr bus_open(bool create)
@@ -251,19 +256,31 @@ bool parse_u32(const char *s, uint32_t *out)
     return true;
 }
 
+constexpr unsigned kBusLockWaitMs = 10000;
+
 int lock_bus(const Bus &bus)
 {
     std::string s = bus.dir + "/lock";
     int fd = open_file(bus.fd, "lock", s.c_str(), O_RDWR | O_CREAT);
     if (fd < 0)
         return -1;
-    while (flock(fd, LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            int err = errno;
-            close(fd);
-            errno = err;
-            return -1;
-        }
+    // Held for a few system calls by a bind or an unbind; a holder that
+    // keeps it (stopped, or a member of a shared device holding it on
+    // purpose) makes binds fail, named, instead of hang.
+    int err = tarnhost_lock::lock_within(fd, LOCK_EX, kBusLockWaitMs);
+    if (err == ETIMEDOUT) {
+        std::string who = tarnhost_lock::holder(fd);
+        err = tarnhost_rootfs::refuse(
+            ETIMEDOUT,
+            "%s, the lock of the bus, stayed locked for %u s by %s; end or resume "
+            "that process, then try again",
+            s.c_str(), kBusLockWaitMs / 1000,
+            who.empty() ? "another process" : who.c_str());
+    }
+    if (err != 0) {
+        close(fd);
+        errno = err;
+        return -1;
     }
     return fd;
 }
@@ -344,8 +361,14 @@ std::vector<uint32_t> list_records(const Bus &bus, uint32_t opcode, int *err)
 
 void bump(Bus *bus)
 {
-    if (bus->gen != nullptr)
-        bus->gen->fetch_add(1, std::memory_order_acq_rel);
+    // A new token, not a count read and written back: two bumps at once
+    // cannot then leave a value a publisher has already seen.  A publisher
+    // reads the token before it lists the records, so a token written
+    // after a change always makes it list them again.
+    if (bus->gen_fd >= 0) {
+        uint64_t token = new_token();
+        (void)!pwrite(bus->gen_fd, &token, sizeof token, 0);
+    }
 }
 
 int add_record(Bus *bus, uint32_t opcode, uint32_t id)
@@ -442,9 +465,13 @@ std::shared_ptr<const std::vector<uint32_t>> scan(Bus *bus, uint32_t opcode)
 std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
                                                             uint32_t opcode)
 {
-    uint32_t gen = 0;
-    if (bus->gen != nullptr) {
-        gen = bus->gen->load(std::memory_order_acquire);
+    uint64_t gen = 0;
+    // A token that cannot be read whole (a member cut the file short)
+    // caches nothing: every publish lists the records.
+    const bool known =
+        bus->gen_fd >= 0 &&
+        pread(bus->gen_fd, &gen, sizeof gen, 0) == static_cast<ssize_t>(sizeof gen);
+    if (known) {
         std::lock_guard<std::mutex> lock(bus->mu);
         auto it = bus->cache.find(opcode);
         if (it != bus->cache.end() && it->second.gen == gen)
@@ -453,7 +480,7 @@ std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
     auto ids = scan(bus, opcode);
     if (ids == nullptr)
         return nullptr;
-    if (bus->gen != nullptr) {
+    if (known) {
         // Tagged with the generation read before the scan: a change made
         // meanwhile moves the word on and forces the next scan.
         std::lock_guard<std::mutex> lock(bus->mu);
@@ -464,17 +491,21 @@ std::shared_ptr<const std::vector<uint32_t>> subscribers_of(Bus *bus,
 
 namespace {
 
-// Maps the slot file behind `fd` (closed here); null on failure.
-SlotPtr map_slot(int fd)
+// Attaches the segment `shmid` as the slot of handle `id`; null unless it
+// is at least a slot's size and holds that handle's slot.
+SlotPtr attach_slot(int shmid, uint32_t id)
 {
-    if (fd < 0)
+    shmid_ds ds;
+    if (shmctl(shmid, IPC_STAT, &ds) != 0 || ds.shm_segsz < kSlotSize)
         return nullptr;
-    void *p = map_shared(fd);
-    close(fd);
-    if (p == nullptr)
+    void *p = shmat(shmid, nullptr, 0);
+    if (p == reinterpret_cast<void *>(-1))
         return nullptr;
     auto m = std::make_shared<SlotMap>();
     m->slot = static_cast<Slot *>(p);
+    if (m->slot->magic.load(std::memory_order_acquire) != kSlotMagic ||
+        m->slot->handle.load(std::memory_order_acquire) != id)
+        return nullptr;
     return m;
 }
 
@@ -484,13 +515,39 @@ SlotPtr create_slot(Bus *bus, uint32_t id)
 {
     std::string name = decimal(id);
     std::string s = shown(*bus, "state", name.c_str());
+    tarnhost_rootfs::Sharing share;
+    if (tarnhost_rootfs::device_group(&share) != 0)
+        return nullptr;
+    int shmid = shmget(IPC_PRIVATE, kSlotSize, IPC_CREAT | IPC_EXCL | 0600);
+    if (shmid < 0)
+        return nullptr;
+    void *p = shmat(shmid, nullptr, 0);
+    if (share.on && p != reinterpret_cast<void *>(-1)) {
+        shmid_ds ds;
+        if (shmctl(shmid, IPC_STAT, &ds) == 0) {
+            ds.shm_perm.gid = share.gid;
+            ds.shm_perm.mode = 0660;
+            shmctl(shmid, IPC_SET, &ds);
+        }
+    }
+    // Gone with the last process that has it attached, however they end.
+    shmctl(shmid, IPC_RMID, nullptr);
+    if (p == reinterpret_cast<void *>(-1))
+        return nullptr;
+    auto m = std::make_shared<SlotMap>();
+    m->slot = static_cast<Slot *>(p);
+    m->slot->handle.store(id, std::memory_order_relaxed);
+    m->slot->magic.store(kSlotMagic, std::memory_order_release);
     // Left over from a wrapped counter at most: never someone's live state.
     unlinkat(bus->statefd, name.c_str(), 0);
-    SlotPtr m = map_slot(open_file(bus->statefd, name.c_str(), s.c_str(),
-                                   O_RDWR | O_CREAT | O_EXCL));
-    if (m)
-        m->slot->magic.store(kSlotMagic, std::memory_order_release);
-    return m;
+    int fd = open_file(bus->statefd, name.c_str(), s.c_str(),
+                       O_WRONLY | O_CREAT | O_EXCL);
+    if (fd < 0)
+        return nullptr;
+    SlotFile f{kSlotFileMagic, shmid};
+    bool written = write(fd, &f, sizeof f) == static_cast<ssize_t>(sizeof f);
+    close(fd);
+    return written ? m : nullptr;
 }
 
 SlotPtr slot_of(Bus *bus, uint32_t id)
@@ -503,8 +560,15 @@ SlotPtr slot_of(Bus *bus, uint32_t id)
     }
     std::string name = decimal(id);
     std::string s = shown(*bus, "state", name.c_str());
-    SlotPtr m = map_slot(open_file(bus->statefd, name.c_str(), s.c_str(),
-                                   O_RDWR));
+    int fd = open_file(bus->statefd, name.c_str(), s.c_str(), O_RDONLY);
+    if (fd < 0)
+        return nullptr;
+    SlotFile f{};
+    ssize_t n = pread(fd, &f, sizeof f, 0);
+    close(fd);
+    if (n != static_cast<ssize_t>(sizeof f) || f.magic != kSlotFileMagic)
+        return nullptr;
+    SlotPtr m = attach_slot(f.shmid, id);
     if (!m)
         return nullptr;
     std::lock_guard<std::mutex> lock(bus->mu);

@@ -23,22 +23,36 @@
 
 namespace tarnhost_bus {
 
-// The delivery state of one handle, a 64-byte file <root>/bus/state/<id>
-// mapped by the handle's process and by every publisher that meets it.
-// Publishers count what they could not deliver; the receiver counts what
-// it took, which tells a waiting publisher that the queue is moving.
+// The delivery state of one handle, in memory shared by the handle's
+// process and every publisher that meets it: publishers count what they
+// could not deliver; the receiver counts what it took, which tells a
+// waiting publisher that the queue is moving.  The memory is a System V
+// segment, not a mapped file: on a device shared with a group any member
+// may shrink a file of the bus, and a mapping a truncation cuts short
+// kills whoever touches it with SIGBUS, while a segment never shrinks.
+// The file <root>/bus/state/<id> names the segment (SlotFile); the
+// creator marks it for removal at once, so it goes with the last process
+// that has it attached.
 struct Slot {
     std::atomic<uint32_t> magic;
     std::atomic<uint32_t> missed;    // messages the handle did not get
     std::atomic<uint32_t> stalled;   // 1: its queue stayed full, do not wait
     std::atomic<uint32_t> received;  // messages it took off its queue
     std::atomic<uint32_t> caught_up; // `missed` when it last resynchronised
+    std::atomic<uint32_t> handle;    // whose slot this is
 };
 constexpr uint32_t kSlotMagic = 0x54534C54u;
 constexpr size_t kSlotSize = 64;
-static_assert(sizeof(Slot) <= kSlotSize, "a slot fits its file");
+static_assert(sizeof(Slot) <= kSlotSize, "a slot fits its segment");
 
-// A mapping of a slot; unmapped with the last reference.
+// What state/<id> holds, read with pread and checked before use.
+struct SlotFile {
+    uint32_t magic;  // kSlotFileMagic
+    int32_t shmid;
+};
+constexpr uint32_t kSlotFileMagic = 0x53484D31u;
+
+// An attachment of a slot; detached with the last reference.
 struct SlotMap {
     Slot *slot = nullptr;
     ~SlotMap();
@@ -46,7 +60,7 @@ struct SlotMap {
 using SlotPtr = std::shared_ptr<SlotMap>;
 
 struct Subscribers {
-    uint32_t gen = 0;
+    uint64_t gen = 0;
     std::shared_ptr<const std::vector<uint32_t>> ids;
 };
 
@@ -59,10 +73,12 @@ struct Bus {
     ino_t ino = 0;
     int fd = -1, hfd = -1, apfd = -1, subfd = -1, statefd = -1;
     bool via_proc = false;  // /proc/self/fd reaches hfd (for deep roots)
-    // The generation word in <root>/bus/gen, bumped after every change to
-    // a subscription record; null when it could not be mapped (then every
-    // publish reads the directory).
-    std::atomic<uint32_t> *gen = nullptr;
+    // <root>/bus/gen holds the subscription generation, a token that
+    // every change to a subscription record replaces by a new one.  Read
+    // with pread, never mapped (a member could shrink it under a
+    // mapping); -1 when it could not be opened (then every publish reads
+    // the directory).
+    int gen_fd = -1;
     std::mutex mu;
     std::unordered_map<uint32_t, Subscribers> cache;  // under mu
     std::unordered_map<uint32_t, SlotPtr> slots;      // under mu

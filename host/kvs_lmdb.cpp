@@ -54,6 +54,7 @@ namespace {
 using tarnhost::kStoreNameMax;
 using tarnhost::kStorePathMax;
 using tarnhost::store_status;
+using tarnhost::wait_for_lagging_readers;
 using tarnhost::StoreId;
 
 constexpr unsigned kMaxLinks = 128;   // URIs open at once in a process
@@ -1156,6 +1157,13 @@ uint32_t kvs_getnext(const char *uri, kvs_datum_t *key, kvs_datum_t *value)
         rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_SET_RANGE);
         if (rc == 0 && compare_keys(k, d->held_key.data, d->held_key.len) == 0)
             rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_NEXT);
+        // In a sound tree the step lands past the kept key.  Damaged
+        // branch keys can send the search back to an earlier leaf, and a
+        // walk that went on from there would meet the same keys for ever.
+        if (rc == 0 && compare_keys(k, d->held_key.data, d->held_key.len) <= 0) {
+            iter_release(d);
+            return KVS_ERR_DAMAGED;
+        }
     }
     if (rc == MDB_NOTFOUND) {
         iter_finish(d);  // the position stays where it was
@@ -1289,6 +1297,7 @@ tarnhost_kvs_txn_t *tarnhost_kvs_txn_begin(const char *uri, uint32_t *status)
     // commit).
     int dead = 0;
     mdb_reader_check(t->env->env, &dead);
+    wait_for_lagging_readers(t->env->env);
     *status = txn_start(t, uri);
     if (*status != KVS_OK) {
         if (t->txn != nullptr)

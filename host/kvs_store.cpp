@@ -26,10 +26,13 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <initializer_list>
+#include <string>
 
+#include "host/lock_wait.h"
 #include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "platform/kvs.h"
@@ -204,7 +207,12 @@ try {
 }
 
 // The gate of the store in `dir`: its lock file, locked as asked.  -1 on
-// failure.
+// failure with errno (and the refusal text): a gate that is not a plain
+// file of the device (a FIFO a member planted would block the open) is
+// refused, and one that another process keeps locked for
+// kStoreGateWaitMs gives ETIMEDOUT naming that process.
+constexpr unsigned kGateWaitMs = tarnhost_lock::kStoreGateWaitMs;
+
 int gate_lock(const char *dir, int how)
 {
     char path[kStorePathMax];
@@ -212,19 +220,32 @@ int gate_lock(const char *dir, int how)
         return -1;
     // Read-only is enough for flock, and lets the members of a device's
     // group lock a gate that another member made.
-    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    const int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+    int fd = open(path, flags);
     if (fd < 0 && errno == ENOENT) {
-        fd = open(path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+        fd = open(path, flags | O_CREAT, 0600);
         if (fd >= 0)
             tarnhost_rootfs::share_new(fd, tarnhost_rootfs::kSharedFile);
     }
     if (fd < 0)
         return -1;
-    while (flock(fd, how) != 0) {
-        if (errno != EINTR) {
-            close(fd);
-            return -1;
+    int err = tarnhost_rootfs::check_file(fd, path);
+    if (err == 0) {
+        err = tarnhost_lock::lock_within(fd, how, kGateWaitMs);
+        if (err == ETIMEDOUT) {
+            std::string who = tarnhost_lock::holder(fd);
+            err = tarnhost_rootfs::refuse(
+                ETIMEDOUT,
+                "%s, the gate of the store, stayed locked for %u s by %s; end or "
+                "resume that process, then try again",
+                path, kGateWaitMs / 1000,
+                who.empty() ? "another process" : who.c_str());
         }
+    }
+    if (err != 0) {
+        close(fd);
+        errno = err;
+        return -1;
     }
     return fd;
 }
@@ -377,7 +398,7 @@ uint32_t store_open(const char *dir, MDB_env **env, StoreId *id, int *lock_fd)
     if (snprintf(path, sizeof path, "%s/data.mdb", pin.path) >= static_cast<int>(sizeof path))
         st = KVS_ERR_BAD_URI;
     if (st == KVS_OK) {
-        int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
         if (fd >= 0) {
             struct stat fs;
             if (fstat(fd, &fs) != 0 || !S_ISREG(fs.st_mode) ||
@@ -394,7 +415,7 @@ uint32_t store_open(const char *dir, MDB_env **env, StoreId *id, int *lock_fd)
     int lfd = -1;
     if (st == KVS_OK) {
         snprintf(path, sizeof path, "%s/lock.mdb", pin.path);
-        lfd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        lfd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
         if (lfd < 0 || !lock_file_ok(lfd))
             st = KVS_ERR_DAMAGED;
     }
@@ -476,22 +497,42 @@ uint8_t touch(const MDB_val &m)
 }
 
 // Walks every record of one database, every byte of it; false when LMDB
-// reports damage.
+// reports damage, or when the tree is not what a search relies on: keys
+// met in strictly increasing order, each found again by a search for it.
+// (Damaged branch keys leave the leaves in order but send searches to the
+// wrong leaf, and a walk that steps by searching would go round for ever.)
 bool walk_db(MDB_txn *txn, MDB_dbi dbi)
 {
-    MDB_cursor *c = nullptr;
+    MDB_cursor *c = nullptr, *seek = nullptr;
     if (mdb_cursor_open(txn, dbi, &c) != 0)
         return false;
-    MDB_val k{0, nullptr}, v{0, nullptr};
+    if (mdb_cursor_open(txn, dbi, &seek) != 0) {
+        mdb_cursor_close(c);
+        return false;
+    }
+    MDB_val k{0, nullptr}, v{0, nullptr}, prev{0, nullptr};
     volatile uint8_t sum = 0;
+    bool sound = true;
     int rc = mdb_cursor_get(c, &k, &v, MDB_FIRST);
-    while (rc == 0) {
+    while (rc == 0 && sound) {
         sum = static_cast<uint8_t>(sum + touch(k) + touch(v));
-        rc = mdb_cursor_get(c, &k, &v, MDB_NEXT);
+        if (prev.mv_data != nullptr && mdb_cmp(txn, dbi, &prev, &k) >= 0)
+            sound = false;
+        // A cursor that stands somewhere looks in its own page first; a
+        // renewed one searches from the root, as a fresh reader does.
+        MDB_val found = k, fv{0, nullptr};
+        if (sound && (mdb_cursor_renew(txn, seek) != 0 ||
+                      mdb_cursor_get(seek, &found, &fv, MDB_SET_RANGE) != 0 ||
+                      mdb_cmp(txn, dbi, &found, &k) != 0))
+            sound = false;
+        prev = k;
+        if (sound)
+            rc = mdb_cursor_get(c, &k, &v, MDB_NEXT);
     }
     (void)sum;
+    mdb_cursor_close(seek);
     mdb_cursor_close(c);
-    return rc == MDB_NOTFOUND;
+    return sound && rc == MDB_NOTFOUND;
 }
 
 // The check itself, in the child: 0 sound, 1 damaged, 2 cannot tell.
@@ -533,6 +574,8 @@ int check_child(const char *dir)
 
 }  // namespace
 
+constexpr time_t kCheckSeconds = 60;
+
 uint32_t store_check(const char *dir)
 {
     char path[kStorePathMax];
@@ -549,10 +592,25 @@ uint32_t store_check(const char *dir)
         // Whatever the damage does to this process stays in it.
         _exit(check_child(dir));
     }
+    // A read that never ends is damage too (a tree that leads back into
+    // itself): the child gets a bounded time, far above what reading a
+    // whole store takes.
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR)
+    const time_t deadline = time(nullptr) + kCheckSeconds;
+    for (;;) {
+        const pid_t got = waitpid(pid, &status, WNOHANG);
+        if (got == pid)
+            break;
+        if (got < 0 && errno != EINTR)
             return KVS_ERR_IO;
+        if (time(nullptr) > deadline) {
+            kill(pid, SIGKILL);
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            }
+            return KVS_ERR_DAMAGED;
+        }
+        usleep(1000);
+    }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
         return KVS_OK;
     if (WIFEXITED(status) && WEXITSTATUS(status) == 2)

@@ -62,6 +62,14 @@ TARNHOST_HIDDEN void store_discard(const char *tmp);
 // KVS_ERR_DAMAGED when LMDB reports damage or the child dies of it.
 TARNHOST_HIDDEN uint32_t store_check(const char *dir);
 
+// Waits, before a write transaction, for a reader whose snapshot lags
+// the last commit by more than a few transactions to move on (a reader
+// taken off the CPU in the middle of a read), up to a bounded time per
+// such snapshot.  Pages a commit frees are reused only once no snapshot
+// is older, so a writer that went on beside one would grow the store by
+// every page it changes for as long as that reader waits for the CPU.
+TARNHOST_HIDDEN void wait_for_lagging_readers(MDB_env *env);
+
 // A status for an LMDB or errno result.
 TARNHOST_HIDDEN uint32_t store_status(int rc);
 

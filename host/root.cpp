@@ -384,7 +384,11 @@ int open_dir(int dirfd, const char *name, const char *shown, bool create)
 
 int open_file(int dirfd, const char *name, const char *shown, int flags)
 {
-    int fd = openat(dirfd, name, flags | O_NOFOLLOW | O_CLOEXEC, 0600);
+    // O_NONBLOCK: a FIFO planted in a shared directory would otherwise hold
+    // the open until someone opens its other end; this way it is opened at
+    // once (or refused with ENXIO) and then refused as not a plain file.
+    int fd = openat(dirfd, name, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK,
+                    0600);
     if (fd < 0) {
         errno = explain_open_failure(errno, dirfd, name, shown, false);
         return -1;
@@ -392,6 +396,9 @@ int open_file(int dirfd, const char *name, const char *shown, int flags)
     if ((flags & O_CREAT) != 0)
         share_new(fd, kSharedFile);
     int err = check_file(fd, shown);
+    if (err == 0 && (flags & O_NONBLOCK) == 0 &&
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)
+        err = errno;
     if (err != 0) {
         close(fd);
         errno = err;

@@ -63,6 +63,11 @@ TARNHOST_CLIENT_API int32_t tarnhost_client_dispatch(uint32_t handle, bus_msg_t 
 /* What tarnhost_client_start enabled (TARNHOST_CLIENT_* bits). */
 TARNHOST_CLIENT_API uint32_t tarnhost_client_enabled(void);
 
+/* The Gyre notifications not applied because they would have taken the
+ * cache past its bound of 16384 topologies (the cache was built again
+ * from the databases instead). */
+TARNHOST_CLIENT_API uint64_t tarnhost_client_refused(void);
+
 #ifdef __cplusplus
 }
 #endif

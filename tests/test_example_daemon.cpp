@@ -261,7 +261,7 @@ TEST_F(ExampleDaemon, NothingToChangeNotTakenAndFlushed)
     EXPECT_EQ("notification 51209: nothing to change", d.line());
 
     ASSERT_EQ(0, publish(BUS_OPC_TARN_ATTR_CHANGE, payload(28, 3)));
-    EXPECT_EQ("gyre cache flushed", d.line());
+    EXPECT_EQ("gyre cache flushed", d.line()) << d.err();
     ASSERT_EQ(0, publish(51208, payload(24, 0, 20, 50)));
     ASSERT_EQ(0, publish(51212, payload(24)));
     EXPECT_EQ("notification 51212: nothing to change", d.line());

@@ -573,6 +573,38 @@ TEST_F(loader, refuses_numbers_out_of_range)
     refused(R"({"cells": [1, -2]})", "cells[1]: -2 is out of range 0..65535");
 }
 
+TEST_F(loader, refuses_numbers_that_vanish_like_numbers_that_overflow)
+{
+    load_ok(fixture("device_basic.json"));
+    // Too small for a double: it would read as 0 (or lose its digits).
+    refused(R"({"contexts": [{"id": 1, "name": "a", "state": 1e-400}]})",
+            "contexts[0].state: the number 1e-400 is out of range");
+    refused(R"({"_comment": [0.5, 1e-400], "contexts": []})",
+            "_comment[1]: the number 1e-400 is out of range");
+    refused(R"({"contexts": [{"id": 1, "name": "a", "state": 4e-320}]})",
+            "contexts[0].state: the number 4e-320 is out of range");
+    refused(R"({"contexts": [{"id": 1, "name": "a", "state": -1E-999}]})",
+            "contexts[0].state: the number -1E-999 is out of range");
+    // Not a whole number: refused by the field that wants one.
+    refused(R"({"contexts": [{"id": 1, "name": "a", "state": 0.5}]})",
+            "contexts[0].state: expected a whole number");
+    for (const char *zero : {"-0", "-0.0", "-0e3", "-0E-2"}) {
+        SCOPED_TRACE(zero);
+        refused(std::string(R"({"contexts": [{"id": 1, "name": "a", "state": )") + zero + "}]}",
+                "contexts[0].state: expected a whole number, not a negative zero (-0); write 0");
+    }
+    // Zero written as zero, and small numbers a double holds, stay.
+    for (const char *ok : {"0", "0.0", "0e-400", "1e-300", "-0.5"}) {
+        SCOPED_TRACE(ok);
+        EXPECT_EQ("", tarndev::check_device_text(std::string(R"({"_comment": )") + ok +
+                                                 R"(, "contexts": [{"id": 1, "name": "a", "state": 0}]})"));
+    }
+    // "-0" inside a text is text.
+    EXPECT_EQ("", tarndev::check_device_text(
+                      R"({"contexts": [{"id": 1, "name": "a-0", "state": 0}], "_c": "x\"-0"})"));
+    EXPECT_EQ("", tarndev::check_device_text(R"({"_c": [1e-0, 2E-0], "contexts": []})"));
+}
+
 TEST_F(loader, refuses_numbers_no_field_can_hold_wherever_they_stand)
 {
     load_ok(fixture("device_basic.json"));
@@ -587,9 +619,9 @@ TEST_F(loader, refuses_numbers_no_field_can_hold_wherever_they_stand)
             "contexts[0].id: 1e+300 is out of range 1..4294967295");
     refused(R"({"contexts": [{"id": 123456789012345678901234567890, "name": "a"}]})",
             "contexts[0].id: 1.2345678901234568e+29 is out of range 1..4294967295");
-    // Comments may hold any finite number.
+    // Comments may hold any number a double holds.
     tarndev::LoadOutcome r = tarndev::load_device_text(
-        R"({"_comment": [1e300, -1e-400, 123456789012345678901234567890]})", "doc.json");
+        R"({"_comment": [1e300, -1e-300, 123456789012345678901234567890]})", "doc.json");
     EXPECT_EQ(0, r.status) << r.message;
     load_ok(fixture("device_basic.json"));
     std::string deep = "{\"_c\": ";

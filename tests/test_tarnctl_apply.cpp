@@ -432,6 +432,32 @@ uint32_t announced_format(const Bytes &payload)
     return f;
 }
 
+// Whoever can write the store (any member of a shared device) can write
+// the journal's description: it reaches the terminal escaped, as table
+// cells do, never as an escape sequence.
+TEST_F(TarnctlApply, TheJournalsDescriptionReachesTheTerminalEscaped)
+{
+    tarndev::Unannounced owed;
+    owed.opcode = 51226;
+    owed.payload = Bytes(28, 0);
+    owed.payload[2] = 1;
+    owed.payload[20] = 28;
+    owed.payload[24] = 7;
+    owed.what = "changes[3]: \x1b]0;owned\x07\x1b[2J\nfake line\xff";
+    const Bytes key = tarndev::journal_key(), value = tarndev::journal_value(owed);
+    ASSERT_EQ(0u, tarnhost_kvs_put(kJournalUri.c_str(), key.data(),
+                                   static_cast<uint32_t>(key.size()), value.data(),
+                                   static_cast<uint32_t>(value.size())));
+    const ToolRun r = apply("{\"changes\": [{\"change\": \"as_format\", \"format\": 2}]}");
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("announced the change that an earlier apply wrote and ended before it could say "
+              "it was announced (it may have been already): "
+              "changes[3]: \\e]0;owned\\x07\\e[2J\\nfake line\\xFF (51226 to 1 subscriber)\n"
+              "changes[0]: AS format 2 (51226 to 1 subscriber)\n"
+              "applied 1 change to " + std::string(tarnhost_root()) + "\n",
+              r.out);
+}
+
 // An apply that ended between a change's commit and its notification left
 // the journal's record: the next apply announces that change before its
 // own, and a load drops it.

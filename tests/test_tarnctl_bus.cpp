@@ -221,6 +221,50 @@ TEST_F(TarnctlBus, ShowBusOnAnEmptyBus)
     EXPECT_NE(std::string::npos, r.err.find("show bus: unknown argument \"--bogus\""));
 }
 
+// Anybody who can publish on the device can name topologies without end,
+// and the library adds a node for each one it does not know.  A client on
+// the host's helper holds at most 16384: a notification that would take it
+// past that is not applied, and the cache is built again from the
+// databases.  show clients says what a client holds.
+TEST_F(TarnctlBus, AClientOnTheHelperHoldsABoundedNumberOfTopologies)
+{
+    Proc w;
+    uint32_t sap = 0, handle = 0;
+    watch(&w, &sap, &handle);
+    constexpr uint32_t kPerMessage = 450, kMessages = 40;  // 18000 topologies
+    uint32_t next = 100000;
+    for (uint32_t m = 0; m < kMessages; ++m) {
+        std::vector<uint8_t> payload(24 + kPerMessage * 556, 0);
+        memcpy(&payload[20], &kPerMessage, 4);
+        for (uint32_t i = 0; i < kPerMessage; ++i, ++next) {
+            memcpy(&payload[24 + i * 556], &next, 4);
+            const uint32_t bitmap = 512;
+            memcpy(&payload[24 + i * 556 + 40], &bitmap, 4);
+        }
+        ASSERT_EQ(0, tarnhost_bus_publish(BUS_HANDLE_NONE, 51214, payload.data(),
+                                          static_cast<uint32_t>(payload.size())));
+    }
+    // The last message has gone through when the client answers again.
+    json c;
+    for (int i = 0; i < 100; ++i) {
+        Result r = tarnctl({"show", "clients", "--json"});
+        ASSERT_EQ(0, r.status) << r.err;
+        const json doc = json::parse(r.out);
+        ASSERT_EQ(1u, doc["clients"].size()) << r.out;
+        c = doc["clients"][0];
+        if (c["cached_topologies"] == 2u + 3u * kPerMessage)
+            break;
+        usleep(100000);
+    }
+    ASSERT_TRUE(c["cached_topologies"].is_number()) << c.dump();
+    const uint64_t held = c["cached_topologies"].get<uint64_t>();
+    EXPECT_LE(held, 16384u);
+    // 36 messages fit (16200 + the device's 2); the 37th made it start
+    // again from the databases' 2, and the last three came on top.
+    EXPECT_EQ(2u + 3u * kPerMessage, held);
+    kill(w.pid, SIGTERM);
+}
+
 TEST_F(TarnctlBus, ShowClientsAndDumpCacheByAccessPointAndPid)
 {
     Proc w;
@@ -241,6 +285,9 @@ TEST_F(TarnctlBus, ShowClientsAndDumpCacheByAccessPointAndPid)
     EXPECT_EQ(true, c["as_format_tracked"]);
     EXPECT_EQ(2, c["as_format"]);
     EXPECT_EQ(true, c["gyre_cache"]);
+    // What it holds, as it says: its cache's topologies, and memory.
+    EXPECT_EQ(2, c["cached_topologies"]) << r.out;
+    EXPECT_GT(c["library_bytes"].get<uint64_t>(), 2u * 600u) << r.out;
     EXPECT_EQ("--sap " + std::to_string(sap), c["address"]);
 
     // A stopped client answers nothing: what it is built on is not known.
@@ -279,7 +326,8 @@ TEST_F(TarnctlBus, ShowClientsAndDumpCacheByAccessPointAndPid)
     EXPECT_TRUE(std::regex_search(
         r.out, std::regex("\n" + std::to_string(handle) + " +" + std::to_string(sap) + " +" +
                           std::to_string(w.pid) +
-                          " +tarnctl +yes +on +tracked 2 +on +--sap " + std::to_string(sap) +
+                          " +tarnctl +yes +on +tracked 2 +on +2 topologies, [0-9.]+ KiB +--sap " +
+                          std::to_string(sap) +
                           "\n")))
         << r.out;
 
@@ -417,7 +465,7 @@ TEST_F(TarnctlBus, VerifyOfAClientWithoutTheHelperSaysWhatItCouldNotCompare)
     ASSERT_EQ(1, ok);
 
     Result r = tarnctl({"show", "clients"});
-    EXPECT_TRUE(std::regex_search(r.out, std::regex(" +no +\\? +\\? +on +--sap 1700\n"))) << r.out;
+    EXPECT_TRUE(std::regex_search(r.out, std::regex(" +no +\\? +\\? +on +\\? +--sap 1700\n"))) << r.out;
 
     r = tarnctl({"dump-cache", "--pid", std::to_string(pid), "--verify"});
     EXPECT_EQ(0, r.status) << r.out << r.err;

@@ -604,6 +604,15 @@ LoadOutcome write_device(const Device &d, const Encoded &e)
     uint32_t st = tarnhost_kvs_check(steps[0].uri.c_str());
     if (st != KVS_ERR_DAMAGED)
         st = write_all(steps, false, &what);
+    // A store that passed the check can still fail the writer: damage in
+    // the pages a write reuses (its free list, or what an apply wrote over
+    // damage) shows only to a write.  Whatever the old store holds, a
+    // load does not depend on it.
+    // A refusal of the host (a file of another user, a FIFO in place of
+    // the gate) is not damage: building anew would replace what is not
+    // ours to replace, and the refusal says what to do.
+    if (st == KVS_ERR_IO && *tarnhost_root_problem() == '\0')
+        st = KVS_ERR_DAMAGED;
     if (st == KVS_ERR_DAMAGED) {
         // Nothing of a damaged store can be trusted or kept: build the
         // device's store anew from the description alone.

@@ -86,6 +86,8 @@ uint64_t number(const json &v, const std::string &path, uint64_t lo,
         const double d = v.get<double>();
         if (!std::isfinite(d) || std::trunc(d) != d)
             refuse(path, "expected a whole number");
+        if (d == 0 && std::signbit(d))
+            refuse(path, "expected a whole number, not a negative zero (-0); write 0");
         // Compared as doubles before any conversion: a huge value has no
         // integer form to convert to.
         if (d < static_cast<double>(lo) || d > static_cast<double>(hi))

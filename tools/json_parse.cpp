@@ -3,6 +3,7 @@
 // that a value no field could hold is refused with its path like any other
 // bad fact, even where the readers would never look (a comment).
 
+#include <cmath>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,6 +27,13 @@ public:
     bool number_unsigned(json::number_unsigned_t v) { return scalar(dom_.number_unsigned(v)); }
     bool number_float(json::number_float_t v, const std::string &s)
     {
+        // A number too small for a double reads as 0 (or loses its
+        // digits): it is refused like one too large, not taken as 0.
+        if ((v == 0 && nonzero_digits(s)) || std::fpclassify(v) == FP_SUBNORMAL) {
+            const std::string p = path();
+            error_ = (p.empty() ? source_ : p) + ": the number " + s + " is out of range";
+            return false;
+        }
         return scalar(dom_.number_float(v, s));
     }
     bool string(std::string &v) { return scalar(dom_.string(v)); }
@@ -72,6 +80,18 @@ public:
     const std::string &error() const { return error_; }
 
 private:
+    // Whether the mantissa of the number text `s` has a digit other than 0.
+    static bool nonzero_digits(const std::string &s)
+    {
+        for (char c : s) {
+            if (c == 'e' || c == 'E')
+                break;
+            if (c >= '1' && c <= '9')
+                return true;
+        }
+        return false;
+    }
+
     struct Frame {
         bool array;
         size_t index;
@@ -128,13 +148,45 @@ private:
     std::string error_;
 };
 
+// The text with every integer written "-0" (outside strings) written
+// "-0.0": the parser would give it as the integer 0 and lose its sign,
+// while as a number with a fraction its sign reaches the readers, which
+// refuse a negative zero where they want a whole number.
+std::string signed_zeros_kept(const std::string &text)
+{
+    std::string out;
+    bool in_string = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        out += c;
+        if (in_string) {
+            if (c == '\\' && i + 1 < text.size())
+                out += text[++i];
+            else if (c == '"')
+                in_string = false;
+        } else if (c == '"') {
+            in_string = true;
+        } else if (c == '-' && i + 1 < text.size() && text[i + 1] == '0' &&
+                   (i == 0 || (text[i - 1] != 'e' && text[i - 1] != 'E'))) {
+            const char after = i + 2 < text.size() ? text[i + 2] : '\0';
+            out += '0';
+            ++i;
+            if (after != '.' && after != 'e' && after != 'E' && !(after >= '0' && after <= '9'))
+                out += ".0";
+        }
+    }
+    return out;
+}
+
 }  // namespace
 
 json parse_json(const std::string &text, const std::string &source)
 {
     json doc;
     PathSax sax(&doc, source);
-    const bool ok = json::sax_parse(text, &sax);
+    const bool ok = text.find("-0") == std::string::npos
+                        ? json::sax_parse(text, &sax)
+                        : json::sax_parse(signed_zeros_kept(text), &sax);
     if (!ok || !sax.error().empty())
         throw Refusal{sax.error().empty() ? source + ": not valid JSON" : sax.error()};
     return doc;

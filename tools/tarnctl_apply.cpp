@@ -27,13 +27,14 @@
 #include "tools/announce_journal.h"
 #include "tools/device_records.h"
 #include "tools/tarnctl.h"
+#include "tools/tarnctl_apply_lock.h"
 #include "tools/tarnctl_output.h"
 
 namespace tarnctl {
 
 const Command kApply = {
     "apply",
-    "FILE [--json]",
+    "FILE [--wait SECONDS] [--json]",
     "apply a change file to the device and send its notifications",
     cmd_apply,
 };
@@ -768,7 +769,7 @@ std::vector<Change> parse_changes(const std::string &textv, const std::string &s
 
 void print_help()
 {
-    printf("usage: tarnctl apply FILE [--json]\n"
+    printf("usage: tarnctl apply FILE [--wait SECONDS] [--json]\n"
            "\n"
            "Plays the change file FILE (JSON; docs/device-format.md, \"Change files\") on\n"
            "the device in $TARNHOST_ROOT, loaded before with \"tarnctl load\".  The whole\n"
@@ -780,6 +781,10 @@ void print_help()
            "what was done; a cache dump request also lists the replies received.  With\n"
            "--json all of it is one JSON document at the end.  A device that was never\n"
            "loaded is refused.\n"
+           "\n"
+           "One apply runs at a time on a device.  Another one waits for it up to\n"
+           "--wait SECONDS (default 60; 0 does not wait), saying after 2 s which process\n"
+           "it waits for, and fails naming it when the time is up.\n"
            "\n"
            "Exit status: 0 applied, 1 refused or failed, 2 usage error.\n");
 }
@@ -793,40 +798,13 @@ uint32_t load32(const uint8_t *p)
 
 }  // namespace
 
-namespace {
-
-// Takes the device's apply lock (supervisor/apply.lock, opened like every
-// file below the root), waiting for another apply to end; the descriptor,
-// or -1 with errno.
-int hold_apply_lock()
-{
-    const int dfd = tarnhost_rootfs::open_subdir("supervisor", false);
-    if (dfd < 0)
-        return -1;
-    const std::string shown = std::string(tarnhost_root()) + "/supervisor/apply.lock";
-    const int fd = tarnhost_rootfs::open_file(dfd, "apply.lock", shown.c_str(), O_RDWR | O_CREAT);
-    const int err = errno;
-    close(dfd);
-    if (fd < 0) {
-        errno = err;
-        return -1;
-    }
-    while (flock(fd, LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            const int ferr = errno;
-            close(fd);
-            errno = ferr;
-            return -1;
-        }
-    }
-    return fd;
-}
-
-}  // namespace
-
 int cmd_apply(int argc, char **argv)
 {
     const char *file = nullptr;
+    unsigned wait_s = kApplyWaitDefault;
+    const int wait_usage = take_wait_option(kApply, &argc, argv, &wait_s);
+    if (wait_usage >= 0)
+        return wait_usage;
     const int early = one_file_argument(kApply, argc, argv, print_help, &file);
     if (early >= 0)
         return early;
@@ -854,11 +832,9 @@ int cmd_apply(int argc, char **argv)
     // One apply at a time per device: each plans its changes against the
     // device as it finds it, and two interleaved would both pass their
     // checks.  Held until the process ends.
-    if (hold_apply_lock() < 0)
-        return reportf("apply", kExitFailed,
-                       "cannot take the apply lock of the device in %s (%s); nothing was "
-                       "written",
-                       tarnhost_root(), strerror(errno));
+    std::string lock_why;
+    if (hold_apply_lock(wait_s, &lock_why) < 0)
+        return reportf("apply", kExitFailed, "%s; nothing was written", lock_why.c_str());
     bool owed = false;
     tarndev::Unannounced unannounced;
     if (!read_fabric(tarn_uri, gyre_uri, &fab, &rerr) ||
@@ -915,7 +891,7 @@ int cmd_apply(int argc, char **argv)
         if (!as_json)
             printf("announced the change that an earlier apply wrote and ended before it "
                    "could say it was announced (it may have been already): %s (%u to %s)\n",
-                   unannounced.what.c_str(), unannounced.opcode,
+                   escaped(unannounced.what).c_str(), unannounced.opcode,
                    counted(subscribers, "subscriber", "subscribers").c_str());
         if (!cleared.empty()) {
             bus_unbind(handle);
@@ -960,7 +936,7 @@ int cmd_apply(int argc, char **argv)
             handle, p.opcode, p.payload.data(), static_cast<uint32_t>(p.payload.size()),
             missed.data(), missed.size(), &n_missed);
         if (!as_json)
-            printf("%s: %s (%u to %s)\n", c.path.c_str(), p.what.c_str(), p.opcode,
+            printf("%s: %s (%u to %s)\n", escaped(c.path).c_str(), escaped(p.what).c_str(), p.opcode,
                    counted(subscribers, "subscriber", "subscribers").c_str());
         json entry = {{"path", c.path},
                       {"change", p.what},

@@ -286,7 +286,7 @@ int cmd_show_bus(int argc, char **argv)
         printf("(no subscriptions)\n");
     printf("\ndead entries:\n");
     for (const auto &d : dead_text)
-        printf("  %s\n", d.c_str());
+        printf("  %s\n", escaped(d).c_str());
     if (dead_text.empty())
         printf("  (none)\n");
     return kExitOk;

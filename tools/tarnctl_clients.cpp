@@ -106,7 +106,9 @@ void print_help()
            "one)\n"
            "say it themselves: Tarn cache mode, AS format tracking and its value, "
            "the Gyre\n"
-           "cache.  Of any other client only the Gyre cache can be told, from the "
+           "cache, and what they hold (HOLDS: cached topologies and the library's "
+           "memory).\n"
+           "Of any other client only the Gyre cache can be told, from the "
            "first page\n"
            "of a cache dump; \"?\" marks what it cannot say.  A client without an "
            "access\n"
@@ -299,6 +301,8 @@ int cmd_show_clients(int argc, char **argv)
         c["as_format_tracked"] = nullptr;
         c["as_format"] = nullptr;
         c["gyre_cache"] = nullptr;
+        c["cached_topologies"] = nullptr;
+        c["library_bytes"] = nullptr;
         if (h.sap >= 0) {
             const ClientState s = probe_client(requester, h.sap, kProbeMs);
             if (s.helper) {
@@ -311,6 +315,10 @@ int cmd_show_clients(int argc, char **argv)
                         c["as_format"] = d.value("as_format", 1u);
                     c["gyre_cache"] =
                         (d.value("enabled", int64_t(0)) & TARNHOST_CLIENT_GYRE_CACHE) != 0;
+                    if (d.contains("cached_topologies") && d["cached_topologies"].is_number_unsigned())
+                        c["cached_topologies"] = d["cached_topologies"];
+                    if (d.contains("library_bytes") && d["library_bytes"].is_number_unsigned())
+                        c["library_bytes"] = d["library_bytes"];
                 }
             }
             if (c["gyre_cache"].is_null() && s.gyre_dump_status >= 0) {
@@ -338,6 +346,20 @@ int cmd_show_clients(int argc, char **argv)
             return j.get<std::string>();
         return j.dump();
     };
+    // "3 topologies, 9.1 KiB": what the client holds of the library's
+    // memory, as it says itself.
+    auto holds = [](const json &c) -> std::string {
+        if (c["cached_topologies"].is_null() || c["library_bytes"].is_null())
+            return "?";
+        const uint64_t n = c["cached_topologies"].get<uint64_t>();
+        const double kib = static_cast<double>(c["library_bytes"].get<uint64_t>()) / 1024.0;
+        char size[32];
+        if (kib < 1024.0)
+            snprintf(size, sizeof size, "%.1f KiB", kib);
+        else
+            snprintf(size, sizeof size, "%.1f MiB", kib / 1024.0);
+        return counted(n, "topology", "topologies") + ", " + size;
+    };
     std::vector<Row> rows;
     for (const json &c : clients) {
         std::string as = c["as_format_tracked"].is_null()
@@ -350,11 +372,11 @@ int cmd_show_clients(int argc, char **argv)
                         c["process"].is_null() ? "-" : text(c["process"]),
                         c["helper"].is_null() ? "?" : c["helper"] == true ? "yes" : "no",
                         text(c["tarn_cache_mode"]), as,
-                        text(c["gyre_cache"]),
+                        text(c["gyre_cache"]), holds(c),
                         c["address"].is_null() ? "none (no access point)" : text(c["address"])});
     }
     print_table({"HANDLE", "ACCESS POINT", "PID", "PROCESS", "HELPER", "TARN CACHE", "AS FORMAT",
-                 "GYRE CACHE", "ADDRESS"},
+                 "GYRE CACHE", "HOLDS", "ADDRESS"},
                 rows);
     if (clients.empty())
         printf("(no clients)\n");

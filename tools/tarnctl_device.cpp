@@ -7,11 +7,13 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "host/lock_wait.h"
 #include "host/rootfs.h"
 #include "host/tarnhost.h"
 #include "host/tarnhost_ifmgr.h"
@@ -160,6 +162,35 @@ std::string store_missing()
             end = dirs.size();
         const std::string name = dirs.substr(at, end - at);
         at = end + 1;
+        if (at >= dirs.size()) {
+            // The gate beside the store, which every opener locks: a FIFO or
+            // a link a member planted there is refused here, in the host's
+            // words, before the library meets it.
+            const std::string gate = name + ".gate";
+            const std::string gshown = shown + "/" + gate;
+            const int gfd = tarnhost_rootfs::open_file(dfd, gate.c_str(), gshown.c_str(), O_RDONLY);
+            if (gfd >= 0) {
+                // A gate somebody keeps locked would hold every opener of
+                // the store: named here rather than met as a failed open.
+                const int err = tarnhost_lock::lock_within(gfd, LOCK_SH,
+                                                           tarnhost_lock::kStoreGateWaitMs);
+                const std::string who = err == ETIMEDOUT ? tarnhost_lock::holder(gfd) : "";
+                close(gfd);
+                if (err == ETIMEDOUT) {
+                    close(dfd);
+                    return "cannot be used: " + gshown + ", the gate of the store, stayed locked for " +
+                           std::to_string(tarnhost_lock::kStoreGateWaitMs / 1000) + " s by " +
+                           (who.empty() ? std::string("another process") : who) +
+                           "; end or resume that process, then try again";
+                }
+            } else if (errno != ENOENT) {
+                const int err = errno;
+                close(dfd);
+                if (*tarnhost_root_problem() != '\0')
+                    return std::string("cannot be used: ") + tarnhost_root_problem();
+                return "cannot be used: " + gshown + ": " + strerror(err);
+            }
+        }
         shown += "/" + name;
         const int next = tarnhost_rootfs::open_dir(dfd, name.c_str(), shown.c_str(), false);
         const int err = errno;
@@ -201,6 +232,14 @@ bool device_up(const std::string &command)
     if (!device_reachable(command))
         return false;
     if (supv_running_cfg_uri_get() == nullptr) {
+        // Refused rather than missing (a FIFO or a link in its place):
+        // the host's words say what to do.
+        if (*tarnhost_root_problem() != '\0') {
+            report(command, kExitFailed,
+                   std::string("the running configuration of the device in ") + tarnhost_root() +
+                       " cannot be read: " + tarnhost_root_problem());
+            return false;
+        }
         report(command, kExitFailed,
                std::string("the device in ") + tarnhost_root() +
                    " is not up; load one with \"tarnctl load FILE\"");

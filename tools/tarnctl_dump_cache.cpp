@@ -365,7 +365,7 @@ int cmd_dump_cache(int argc, char **argv)
                 for (const json &d : diffs)
                     printf("verify: topology %lu: %s\n",
                            static_cast<unsigned long>(d["topology"].get<uint32_t>()),
-                           d["difference"].get<std::string>().c_str());
+                           escaped(d["difference"].get<std::string>()).c_str());
                 print_answers(answers);
                 if (!answers.helper)
                     printf("verify: the client does not answer the host's inspection request "

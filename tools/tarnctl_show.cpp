@@ -29,6 +29,7 @@
 #include "tools/tarnctl.h"
 #include "tools/tarnctl_bus.h"
 #include "tools/tarnctl_output.h"
+#include "tools/tarnctl_walk_guard.h"
 #include "tools/tarnctl_queries.h"
 
 namespace tarnctl {
@@ -238,11 +239,15 @@ struct Context {
 std::vector<Context> all_contexts()
 {
     std::vector<Context> out;
+    std::set<uint32_t> seen;  // a damaged record can lead back to one
     tarn_context_info_t info;
     memset(&info, 0, sizeof info);
     for (uint32_t id = tarn_get_next_context_info(0, &info); id != 0;
-         id = tarn_get_next_context_info(id, &info))
+         id = tarn_get_next_context_info(id, &info)) {
+        if (!seen.insert(id).second)
+            walk_went_back("context", out.back().id, id);
         out.push_back({id, info});
+    }
     return out;
 }
 
@@ -318,13 +323,19 @@ struct Interface {
 std::vector<Interface> all_interfaces(const char *context)
 {
     std::vector<Interface> out;
+    std::set<uint32_t> seen;  // a damaged record can lead back to one
     tarn_if_context_info_t info;
     memset(&info, 0, sizeof info);
     for (uint32_t ix = tarn_get_next_if_context_info(0, context, &info);
-         ix != 0; ix = tarn_get_next_if_context_info(ix, context, &info))
+         ix != 0; ix = tarn_get_next_if_context_info(ix, context, &info)) {
+        if (!seen.insert(ix).second)
+            walk_went_back("interface", out.back().ifindex, ix);
         out.push_back({ix, info});
+    }
     return out;
 }
+
+constexpr size_t kMostFtagRecords = size_t{1} << 20;
 
 struct FtagDetail {
     uint16_t ftag;
@@ -340,8 +351,12 @@ std::vector<FtagDetail> topology_ftags(uint32_t tpg)
     memset(&info, 0, sizeof info);
     info.tpg_id = tpg;
     for (uint32_t ok = gyre_get_l2_tpg_first_ftag(tpg, &info); ok != 0;
-         ok = gyre_get_l2_tpg_next_ftag(tpg, &info))
+         ok = gyre_get_l2_tpg_next_ftag(tpg, &info)) {
+        // A topology has at most one record per ftag, graph and flag byte.
+        if (out.size() >= kMostFtagRecords)
+            walk_without_end("ftag", kMostFtagRecords);
         out.push_back({info.ftag, info.graph_id, info.flags});
+    }
     return out;
 }
 
@@ -949,7 +964,7 @@ int run_vlan(const Sub &sub, const Args &a)
     if (!notes.empty())
         printf("\n");
     for (const std::string &n : notes)
-        printf("note: %s\n", n.c_str());
+        printf("note: %s\n", escaped(n).c_str());
     return kExitOk;
 }
 

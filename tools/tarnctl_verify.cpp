@@ -283,11 +283,12 @@ void print_answers(const VerifyCount &count)
     std::map<std::string, size_t> per_rule;
     for (const AnswerDifference &d : count.differences) {
         if (d.rule == nullptr) {
-            printf("verify: %s: cache %s, database %s: DIVERGES\n", d.subject.c_str(),
-                   shown(d.cache).c_str(), shown(d.database).c_str());
+            printf("verify: %s: cache %s, database %s: DIVERGES\n", escaped(d.subject).c_str(),
+                   escaped(shown(d.cache)).c_str(), escaped(shown(d.database)).c_str());
         } else if (++per_rule[d.rule] <= kShownPerRule) {
             printf("verify: %s: cache %s, database %s: as the library intends (%s)\n",
-                   d.subject.c_str(), shown(d.cache).c_str(), shown(d.database).c_str(),
+                   escaped(d.subject).c_str(), escaped(shown(d.cache)).c_str(),
+                   escaped(shown(d.database)).c_str(),
                    d.rule);
         }
     }

@@ -318,7 +318,7 @@ json print_caches()
     if (!g_json) {
         printf("AS format %u\n", tarn_get_as_format());
         for (const json &t : cached)
-            printf("cached %s\n", t.get<std::string>().c_str());
+            printf("cached %s\n", escaped(t.get<std::string>()).c_str());
     }
     return {{"as_format", tarn_get_as_format()}, {"cached", cached}};
 }
@@ -348,7 +348,7 @@ bool handle(uint32_t h, bus_msg_t *msg)
               {"name", name}, {"bytes", seen.bytes}, {"payload", seen.payload_hex},
               {"taken", r == 1}, {"change", what}});
     else
-        printf("%s %s %s\n", now_text().c_str(), name.c_str(), what.c_str());
+        printf("%s %s %s\n", now_text().c_str(), escaped(name).c_str(), escaped(what).c_str());
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <set>
 #include <string>
 
 #include <tarn/gyre.h>
@@ -12,11 +13,71 @@
 #include "host/client/inspect.h"
 #include "host/tarnhost_bus.h"
 #include "host/tarnhost_client.h"
+#include "platform/alloctrack.h"
 #include "platform/bus.h"
 
 namespace {
 
 uint32_t g_enabled = 0;
+uint64_t g_refused = 0;
+
+// The most topologies the Gyre cache of a client on the helper holds.
+// The library adds a node for every unknown topology that a VLAN or ftag
+// update names, as it must; anybody who can publish on the device can
+// name any number.  A notification that would take the cache past this
+// is not applied: the cache is built again from the databases, which
+// hold what the services wrote (as after missed notifications).
+constexpr size_t kMaxCachedTopologies = 16384;
+constexpr uint32_t kLibraryId = 445;
+
+// The distinct topologies a VLAN (51214) or ftag (51215) update names that
+// the cache does not hold.
+size_t unknown_topologies(const bus_msg_t *msg)
+{
+    uint32_t len = 0;
+    const uint8_t *p = static_cast<const uint8_t *>(bus_payload_get(msg, &len));
+    if (p == nullptr)
+        return 0;
+    std::set<uint32_t> unknown;
+    auto word = [p](size_t at) {
+        uint32_t v;
+        memcpy(&v, p + at, 4);
+        return v;
+    };
+    const uint32_t opc = bus_opc_get(msg);
+    if (opc == 51214 && len >= 24) {
+        const size_t n = word(20);
+        for (size_t i = 0; i < n && 24 + (i + 1) * 556 <= len; ++i) {
+            const uint32_t t = word(24 + i * 556);
+            if (gyre_cache_find_topo_by_id(t) == nullptr)
+                unknown.insert(t);
+        }
+    } else if (opc == 51215 && len >= 4) {
+        const size_t n = word(0);
+        for (size_t i = 0; i < n && 4 + i * 1048 + 16 <= len; ++i) {
+            const size_t at = 4 + i * 1048;
+            const uint32_t reason = word(at), t = word(at + 4);
+            if ((reason == 1 || reason == 2) && gyre_cache_find_topo_by_id(t) == nullptr)
+                unknown.insert(t);
+        }
+    }
+    return unknown.size();
+}
+
+// Whether `msg` would take the cache past its bound.
+bool past_the_bound(const bus_msg_t *msg)
+{
+    if ((g_enabled & TARNHOST_CLIENT_GYRE_CACHE) == 0)
+        return false;
+    const uint32_t opc = bus_opc_get(msg);
+    if (opc != 51214 && opc != 51215)
+        return false;
+    const size_t unknown = unknown_topologies(msg);
+    if (unknown == 0)
+        return false;  // what the cache holds already, however much
+    const uint64_t held = alloctrack_live_count(kLibraryId, TARN_LIB_MEM_GYRE_TPG);
+    return held + unknown > kMaxCachedTopologies;
+}
 
 // The document of the last request, kept so that every page of one request
 // comes from the same moment even when notifications arrive in between.
@@ -65,12 +126,25 @@ const char *tarnhost_client_start(uint32_t handle, uint32_t what)
 
 uint32_t tarnhost_client_enabled(void) { return g_enabled; }
 
+uint64_t tarnhost_client_refused(void) { return g_refused; }
+
 void tarnhost_client_set_enabled(uint32_t what) { g_enabled = what & TARNHOST_CLIENT_ALL; }
 
 // No exception leaves for the C caller: an answer that cannot be made (out
 // of memory) is not sent, and the requester's wait runs out.
 int32_t tarnhost_client_dispatch(uint32_t handle, bus_msg_t *msg)
 try {
+    if (msg != nullptr && past_the_bound(msg)) {
+        ++g_refused;
+        bus_drop(handle, msg);
+        gyre_cache_attr_t attr;
+        memset(&attr, 0, sizeof attr);
+        attr.bus_handle = handle;
+        gyre_disable_cache_mode();
+        if (gyre_enable_cache_mode(&attr) != TARN_SUCCESS)
+            g_enabled &= ~TARNHOST_CLIENT_GYRE_CACHE;
+        return 1;
+    }
     if (msg == nullptr || bus_opc_get(msg) != TARNHOST_OPC_CLIENT_INSPECT)
         return tarn_dispatch(msg);
     uint32_t len = 0;

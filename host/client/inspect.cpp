@@ -19,6 +19,7 @@
 
 #include "host/tarnhost_bus.h"
 #include "host/tarnhost_client.h"
+#include "platform/alloctrack.h"
 #include "platform/bus.h"
 
 namespace tarnhost_client {
@@ -92,6 +93,9 @@ gyre_vlan_bmp_t empty_vlans()
 
 }  // namespace
 
+// The library's identifier with the memory tracker.
+constexpr uint32_t kLibraryId = 445;
+
 std::string answers(const Question &q, int64_t enabled)
 {
     using json = nlohmann::json;
@@ -102,6 +106,14 @@ std::string answers(const Question &q, int64_t enabled)
     doc["tarn_cache_mode"] = tarn_cache_is_enabled() != 0;
     doc["as_format_tracked"] = (tarn_cache.tracked_mask & 1u) != 0;
     doc["as_format"] = tarn_get_as_format();
+    // What the client holds of the library's memory, as its tracker
+    // counts it: a cache grows with every topology the bus names.
+    uint64_t held = 0;
+    for (uint32_t type = TARN_LIB_MEM_NONE; type < TARN_LIB_MEM_MAX; ++type)
+        held += alloctrack_live_bytes(kLibraryId, type);
+    doc["cached_topologies"] = alloctrack_live_count(kLibraryId, TARN_LIB_MEM_GYRE_TPG);
+    doc["library_bytes"] = held;
+    doc["refused_notifications"] = tarnhost_client_refused();
 
     std::set<uint32_t> tpgs(q.topologies.begin(), q.topologies.end());
     json vlan_owner = json::object(), ftag_owner = json::object();
