@@ -12,10 +12,10 @@
 
 #include <stdlib.h>
 
-#include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
+#include <variant>
 
 namespace tarn {
 
@@ -86,34 +86,39 @@ private:
     int error_ = 0;
 };
 
+// Holds exactly one of the two, so a successful answer costs no Status.
 template <class T>
 class [[nodiscard]] Result {
 public:
-    Result(T value) : value_(std::move(value)) {}
-    Result(Status status) : status_(std::move(status))
+    Result(T value) : v_(std::in_place_index<0>, std::move(value)) {}
+    Result(Status status) : v_(std::in_place_index<1>, std::move(status))
     {
-        if (status_.ok())
-            status_ = Status(Errc::failed, "Result", "a failed result made from an ok status");
+        if (std::get<1>(v_).ok())
+            std::get<1>(v_) = Status(Errc::failed, "Result", "a failed result made from an ok status");
     }
 
-    bool ok() const { return value_.has_value(); }
+    bool ok() const { return v_.index() == 0; }
     explicit operator bool() const { return ok(); }
-    const Status &status() const { return status_; }
+    const Status &status() const
+    {
+        static const Status kOk;
+        return ok() ? kOk : *std::get_if<1>(&v_);
+    }
 
     const T &value() const &
     {
         check();
-        return *value_;
+        return *std::get_if<0>(&v_);
     }
     T &value() &
     {
         check();
-        return *value_;
+        return *std::get_if<0>(&v_);
     }
     T &&value() &&
     {
         check();
-        return std::move(*value_);
+        return std::move(*std::get_if<0>(&v_));
     }
     const T &operator*() const & { return value(); }
     T &operator*() & { return value(); }
@@ -122,17 +127,16 @@ public:
     template <class U>
     T value_or(U &&fallback) const &
     {
-        return ok() ? *value_ : static_cast<T>(std::forward<U>(fallback));
+        return ok() ? *std::get_if<0>(&v_) : static_cast<T>(std::forward<U>(fallback));
     }
 
 private:
     void check() const
     {
-        if (!value_.has_value())
+        if (!ok())
             abort();
     }
-    std::optional<T> value_;
-    Status status_;
+    std::variant<T, Status> v_;
 };
 
 }  // namespace tarn

@@ -322,11 +322,9 @@ struct LibraryState {
         return Status(Errc::not_found, what);
     }
 };
-inline LibraryState &state()
-{
-    static LibraryState s;
-    return s;
-}
+// Constant-initialised: no guard to test on every call.
+inline LibraryState g_state;
+inline LibraryState &state() { return g_state; }
 }  // namespace detail
 
 class Library {
