@@ -348,6 +348,13 @@ TEST(NotificationJson, NamesThatAreNotUtf8StayValidJson)
     EXPECT_EQ("a\"b\\\x01\xc3\xbf\xc3\xa9", j["records"][0]["name"].get<std::string>());
     EXPECT_EQ("--", j["records"][0]["vlans"]);
     EXPECT_TRUE(j["records"][0]["vlan_list"].empty());
+    // Lead bytes past 0xF4 start no character (found by fuzz_notification).
+    Payload high = vlan_update({{7, {}}}, 1);
+    memcpy(&high.bytes[24 + 4], "re\xff\xb9\xb9\xf5\x80\x80\x80", 9);
+    nlohmann::json h = nlohmann::json::parse(tarn::to_json(high.decode(51214)), nullptr, false);
+    ASSERT_FALSE(h.is_discarded());
+    EXPECT_EQ("re\xc3\xbf\xc2\xb9\xc2\xb9\xc3\xb5\xc2\x80\xc2\x80\xc2\x80",
+              h["records"][0]["name"].get<std::string>());
     // A name that fills its 33 bytes without a NUL stops at the field's end.
     Payload full = vlan_update({{7, {}}}, 1);
     memset(&full.bytes[24 + 4], 'x', 36);

@@ -72,7 +72,7 @@ private:
     static size_t utf8_length(const unsigned char *s, size_t n)
     {
         const unsigned char c = s[0];
-        size_t len = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
+        const size_t len = c > 0xF4 ? 0 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
         if (len == 0 || len > n)
             return 0;
         for (size_t i = 1; i < len; ++i)
