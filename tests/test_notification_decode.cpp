@@ -245,7 +245,8 @@ TEST(NotificationDecode, AttributeChangeKinds)
 
     Payload dump(28);
     dump.u16(2, 4).u32(4, 1234).u32(8, 77).u64(12, 0x0102030405060708ull).u32(20, 28).u32(24, 3);
-    const auto &req = std::get<tarn::CacheDumpRequest>(dump.decode(51226).event);
+    const Decoded dumped = dump.decode(51226);
+    const auto &req = std::get<tarn::CacheDumpRequest>(dumped.event);
     EXPECT_EQ(1234u, req.pid);
     EXPECT_EQ(77u, req.epid);
     EXPECT_EQ(0x0102030405060708ull, req.time);
@@ -304,7 +305,8 @@ TEST(NotificationDecode, ProtocolConfigChangeAndFtagNotice)
 
     Payload n(12);
     n.u32(4, 0).u32(8, 17);
-    const auto &stale = std::get<tarn::FtagNotice>(n.decode(51223).event);
+    const Decoded noticed = n.decode(51223);
+    const auto &stale = std::get<tarn::FtagNotice>(noticed.event);
     EXPECT_EQ(0u, stale.kind);
     EXPECT_EQ(17u, stale.topology);
     EXPECT_EQ(DecodeStatus::too_short, n.decode(51223, 11).status);
