@@ -123,6 +123,7 @@ syslog_fac_t g_facility = {g_fac_name, 2888, 5, 5, {0, 0}};
 
 std::mutex g_throttle_mutex;
 std::map<std::pair<const void *, std::string>, uint64_t> g_last_sent;
+std::atomic<uint64_t> g_held{0};
 
 uint64_t now_ns()
 {
@@ -238,6 +239,11 @@ void tarnhost_log_throttle_reset(void)
     g_last_sent.clear();
 }
 
+uint64_t tarnhost_log_held(void)
+{
+    return g_held.load(std::memory_order_relaxed);
+}
+
 // Without memory to remember a line, the line is let through.
 int syslog_msg_rate_limit(const msg_error_t *err, ...)
 try {
@@ -261,8 +267,10 @@ try {
     std::lock_guard<std::mutex> lock(g_throttle_mutex);
     auto key = std::make_pair(static_cast<const void *>(err), std::string(text));
     auto it = g_last_sent.find(key);
-    if (it != g_last_sent.end() && now - it->second < window)
+    if (it != g_last_sent.end() && now - it->second < window) {
+        g_held.fetch_add(1, std::memory_order_relaxed);
         return 0;
+    }
     g_last_sent[key] = now;
     return 1;
 } catch (const std::bad_alloc &) {

@@ -154,6 +154,10 @@ size_t tarnhost_fault_malloc_sizes(size_t *out, size_t max);
 void tarnhost_log_set_facility(const char *name, uint8_t level);
 /* Forget the rate limiter's history. */
 void tarnhost_log_throttle_reset(void);
+/* How many reports the rate limiter has held back in this process (a
+ * repeat within its window): a caller that saw no line can tell a held
+ * report from no report at all.  Never reset. */
+uint64_t tarnhost_log_held(void);
 
 /* Captured lines, by channel. */
 enum tarnhost_channel {

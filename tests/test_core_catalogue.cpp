@@ -430,3 +430,17 @@ TEST_F(Catalogue, DebugSwitchNeedsAHandle)
 }
 
 }  // namespace
+
+TEST_F(Catalogue, ReportsHeldBackByTheRateLimiterAreCounted)
+{
+    const uint64_t before = tarnhost_log_held();
+    tarn_report(&msg_error_TARN_KVS, "held", 1u, "b", "f");
+    EXPECT_EQ(before, tarnhost_log_held());
+    tarn_report(&msg_error_TARN_KVS, "held", 1u, "b", "f");
+    EXPECT_EQ(1u, captured().size());
+    EXPECT_EQ(before + 1, tarnhost_log_held());
+    // Another text is another report: let through, not counted.
+    tarn_report(&msg_error_TARN_KVS, "other", 1u, "b", "f");
+    EXPECT_EQ(2u, captured().size());
+    EXPECT_EQ(before + 1, tarnhost_log_held());
+}

@@ -7,29 +7,36 @@ of its simulated device (libtarnhost, tarnctl).
             for ctx in lib.contexts():
                 print(ctx.id, ctx.name, ctx.state.name)
 
-The libraries are found through ``TARN_LIBDIR`` or the dynamic loader;
+The libraries are loaded on first use (``import tarn`` and ``tarn.vlans``
+work without them), found through ``TARN_LIBDIR`` or the dynamic loader;
 tarnctl through ``TARNCTL``, beside the libraries, or on ``PATH``.  See
 docs/python.md.
 """
 
-from .errors import (CellError, DeviceError, DeviceNotUpError,
-                     NotInitialisedError, TarnError, take_log_lines)
-from .device import Device, TemporaryDevice, current_root
+from .errors import (CellError, ClosedError, DeviceError, DeviceNotUpError,
+                     NotInitialisedError, TarnError, WrongDeviceError,
+                     take_log_lines)
+from ._core import current_root
+from .device import Device, TemporaryDevice
 from .library import (AddressFamily, Context, ContextState, InterfaceContext,
-                      Library, RouteLimits, SiteOfOrigin, Table, VpnId, open)
+                      Library, RouteLimits, SiteOfOrigin, Table, VpnId)
+from .library import open as open  # noqa: A004 - tarn.open(), not in __all__
 from .gyre import Ftag, FtagFlags, Gyre, Topology
 from .client import Client, Message, fetch_cache_dump
 from .service import Publisher
-from ._walks import WalkInterrupted
-from . import vlans
+from .events import Opcode
+from . import events, vlans
 
 __version__ = "0.1.0"
 
+# ``open`` is left out: ``from tarn import *`` must not hide the built-in.
+# Use ``tarn.open()``.
 __all__ = [
-    "AddressFamily", "CellError", "Client", "Context", "ContextState",
-    "Device", "DeviceError", "DeviceNotUpError", "Ftag", "FtagFlags", "Gyre",
-    "InterfaceContext", "Library", "Message", "NotInitialisedError",
-    "Publisher", "RouteLimits", "SiteOfOrigin", "Table", "TarnError",
-    "TemporaryDevice", "Topology", "VpnId", "WalkInterrupted",
-    "current_root", "fetch_cache_dump", "open", "take_log_lines", "vlans",
+    "AddressFamily", "CellError", "Client", "ClosedError", "Context",
+    "ContextState", "Device", "DeviceError", "DeviceNotUpError", "Ftag",
+    "FtagFlags", "Gyre", "InterfaceContext", "Library", "Message",
+    "NotInitialisedError", "Opcode", "Publisher", "RouteLimits",
+    "SiteOfOrigin", "Table", "TarnError", "TemporaryDevice", "Topology",
+    "VpnId", "WrongDeviceError", "current_root", "events",
+    "fetch_cache_dump", "take_log_lines", "vlans",
 ]

@@ -8,7 +8,7 @@ import argparse
 import sys
 
 from . import _native as N
-from .device import current_root
+from ._core import current_root
 from .errors import TarnError
 
 
@@ -20,7 +20,12 @@ def main(argv: list[str] | None = None) -> int:
                     "device in $TARNHOST_ROOT.  To load or change a device, "
                     "use tarnctl.")
     parser.parse_args(argv)
-    print(f"libtarn      {N.library_path(N.tarn) or N.tarn._name}")
+    try:
+        tarn_lib = N.tarn
+    except ImportError as exc:
+        print(f"libtarn      not loaded ({exc})")
+        return 1
+    print(f"libtarn      {N.library_path(tarn_lib) or tarn_lib._name}")
     print(f"libtarnhost  {N.library_path(N.host) or N.host._name}")
     try:
         print(f"tarnctl      {N.tarnctl_path()}")

@@ -5,8 +5,9 @@ root in force is the host's (``TARNHOST_ROOT`` or the host's default, as
 ``tarnhost_root()`` answers it); a temporary device gets a fresh private root
 of its own for the duration of a ``with`` block.
 
-Loading descriptions and playing change files are tarnctl's job
-(docs/device-format.md): this module runs it rather than repeating it.
+Loading descriptions and playing change files are the device model's job
+(docs/device-format.md): today tarnctl's, which this module runs rather than
+repeating it (DeviceModel).
 """
 
 from __future__ import annotations
@@ -19,13 +20,15 @@ import shutil
 import subprocess
 import tempfile
 from pathlib import Path
-from typing import Any, Iterator, Mapping, Optional, Union
+from typing import Any, Generator, Mapping, Optional, Protocol, Union
 
+from . import _core
 from . import _native as N
+from ._core import current_root
+from .errors import DeviceError
 
 # "2026-01-02T03:04:05.678901Z host name[pid]: " before each message.
 _LOG_PREFIX = re.compile(r"^\S+ \S+ [^\s\[]+\[[0-9]+\]: ")
-from .errors import DeviceError
 
 ROOT_ENV = "TARNHOST_ROOT"
 RUNNING_URI = "volatile:/tarnhost/running"
@@ -33,13 +36,8 @@ RUNNING_URI = "volatile:/tarnhost/running"
 Description = Union[Mapping[str, Any], str, "os.PathLike[str]"]
 
 
-def current_root() -> str:
-    """The host root in force in this process."""
-    return N.text(N.host.tarnhost_root())
-
-
 @contextlib.contextmanager
-def _root_in_force(root: str) -> Iterator[None]:
+def _root_in_force(root: str) -> Generator[None, None, None]:
     """Make ``root`` the host root of this process for a moment."""
     old = os.environ.get(ROOT_ENV)
     if old == root:
@@ -55,6 +53,61 @@ def _root_in_force(root: str) -> Iterator[None]:
             os.environ[ROOT_ENV] = old
 
 
+class DeviceModel(Protocol):
+    """What loads and changes a device: ``load(root, path)`` replaces a
+    device's databases by a description file and brings it up,
+    ``apply(root, path)`` plays a change file; each returns the lines it
+    printed and raises DeviceError with the refusal.  ``TarnctlModel`` runs
+    tarnctl; a model built on a C device library, called in-process, can
+    take its place (``set_device_model``) without any change to Device or
+    to the tarn.testing fixtures."""
+
+    def load(self, root: str, path: str) -> str: ...
+
+    def apply(self, root: str, path: str) -> str: ...
+
+
+class TarnctlModel:
+    """The device model of tarnctl (``tarnctl load``, ``tarnctl apply``)."""
+
+    def _run(self, root: str, *args: str) -> str:
+        env = dict(os.environ)
+        env[ROOT_ENV] = root
+        proc = subprocess.run([N.tarnctl_path(), *args], env=env,
+                              capture_output=True, text=True, check=False)
+        if proc.returncode != 0:
+            msg = proc.stderr.strip() or proc.stdout.strip() or \
+                f"tarnctl {args[0]} failed with status {proc.returncode}"
+            raise DeviceError(msg, proc.returncode)
+        return proc.stdout
+
+    def load(self, root: str, path: str) -> str:
+        return self._run(root, "load", "--", path)
+
+    def apply(self, root: str, path: str) -> str:
+        return self._run(root, "apply", "--", path)
+
+
+_MODEL: list[DeviceModel] = [TarnctlModel()]
+
+
+def device_model() -> DeviceModel:
+    """The device model in use."""
+    return _MODEL[0]
+
+
+def set_device_model(model: DeviceModel) -> DeviceModel:
+    """Use ``model`` from now on; returns the one it replaces."""
+    old = _MODEL[0]
+    _MODEL[0] = model
+    return old
+
+
+def _model(command: str, root: str, path: str) -> str:
+    model = _MODEL[0]
+    return model.load(root, path) if command == "load" else model.apply(root, path)
+
+
 class Device:
     """A simulated device, named by its host root.
 
@@ -63,24 +116,14 @@ class Device:
     a device up in a fresh private root and removes it afterwards.
     """
 
-    def __init__(self, root: Optional[Union[str, "os.PathLike[str]"]] = None):
+    def __init__(self, root: Optional[Union[str, "os.PathLike[str]"]] = None
+                 ) -> None:
         self.root: str = os.fspath(root) if root is not None else current_root()
 
     def __repr__(self) -> str:
         return f"Device({self.root!r})"
 
-    # ---- tarnctl -------------------------------------------------------------
-
-    def _tarnctl(self, *args: str) -> str:
-        env = dict(os.environ)
-        env[ROOT_ENV] = self.root
-        proc = subprocess.run([N.tarnctl_path(), *args], env=env,
-                              capture_output=True, text=True, check=False)
-        if proc.returncode != 0:
-            msg = proc.stderr.strip() or proc.stdout.strip() or \
-                f"tarnctl {args[0]} failed with status {proc.returncode}"
-            raise DeviceError(msg, proc.returncode)
-        return proc.stdout
+    # ---- the device model -----------------------------------------------------
 
     def _with_file(self, command: str, document: Description) -> str:
         if isinstance(document, Mapping):
@@ -90,8 +133,8 @@ class Device:
                 path = Path(tmp) / f"{command}.json"
                 with open(path, "w", encoding="utf-8") as out:
                     json.dump(document, out)
-                return self._tarnctl(command, "--", str(path))
-        return self._tarnctl(command, "--", os.fspath(document))
+                return _model(command, self.root, str(path))
+        return _model(command, self.root, os.fspath(document))
 
     def load(self, description: Description) -> str:
         """Replace the device's databases by a description (a dict, or the
@@ -112,7 +155,8 @@ class Device:
     def up(self, running_uri: Optional[str] = None) -> None:
         """Bring the device up (a loaded device is up already)."""
         with _root_in_force(self.root):
-            err = N.host.tarnhost_device_up(N.name_arg(running_uri))
+            err = N.host.tarnhost_device_up(
+                _core.optional_name(running_uri, "running_uri"))
         if err:
             raise OSError(err, os.strerror(err), self.root)
 
@@ -157,7 +201,7 @@ class TemporaryDevice(Device):
     """
 
     def __init__(self, description: Optional[Description] = None,
-                 directory: Optional[str] = None):
+                 directory: Optional[str] = None) -> None:
         self._description = description
         self._directory = directory
         self._old_root: Optional[str] = None
@@ -168,6 +212,7 @@ class TemporaryDevice(Device):
         self.root = tempfile.mkdtemp(prefix="tarn-device.", dir=self._directory)
         self._old_root = os.environ.get(ROOT_ENV)
         os.environ[ROOT_ENV] = self.root
+        _core.root_changed()
         self._entered = True
         try:
             err = N.host.tarnhost_root_prepare()
@@ -184,10 +229,12 @@ class TemporaryDevice(Device):
         if not self._entered:
             return
         self._entered = False
-        from . import library  # here: library imports this module
-        library.close_if_open()
+        # The libraries opened on this device go with it; those of other
+        # devices stay open.
+        _core.close_root(self.root)
         if self._old_root is None:
             os.environ.pop(ROOT_ENV, None)
         else:
             os.environ[ROOT_ENV] = self._old_root
+        _core.root_changed()
         shutil.rmtree(self.root, ignore_errors=True)

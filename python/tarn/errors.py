@@ -4,8 +4,11 @@ The library reports every failure once through its log catalogue and answers
 0; an absent record is an ordinary answer and is never reported.  The
 package therefore answers ``None`` for "not found" and raises only when the
 library reported a failure, with the rendered line attached.  The host keeps
-rendered lines in memory while capture is on; this module turns capture on
-at import and takes the lines after each failing call.
+rendered lines in memory while capture is on (turned on when the libraries
+are loaded); this module takes the lines after each failing call.  A report
+that the library's rate limiter held back (the same failure again within its
+window) renders no line, but the host counts it: such a failure still
+raises, with ``log_line`` None.
 """
 
 from __future__ import annotations
@@ -17,8 +20,11 @@ from . import _native as N
 
 _SYSLOG = 0  # TARNHOST_CH_SYSLOG
 _CODE = re.compile(r"<<%TARN-\d-([A-Z0-9_]+)>>")
+HELD = ("its report was held back by the rate limiter (the same failure "
+        "within its window)")
 
-N.host.tarnhost_capture(1)
+# The host's count of held-back reports when it was last looked at.
+_held_seen = [-1]
 
 
 def take_log_lines() -> list[str]:
@@ -34,7 +40,24 @@ def take_log_lines() -> list[str]:
 
 def pending() -> bool:
     """True when the library logged something not taken yet."""
-    return N.host.tarnhost_capture_count(_SYSLOG) != 0
+    count: int = N.host.tarnhost_capture_count(_SYSLOG)
+    return count != 0
+
+
+def held() -> bool:
+    """True when the rate limiter held a report back since the last look
+    (a failure that rendered no line)."""
+    now: int = N.host.tarnhost_log_held()
+    if now == _held_seen[0]:
+        return False
+    first = _held_seen[0] < 0
+    _held_seen[0] = now
+    return not first
+
+
+def forget_held() -> None:
+    """Call after work whose held reports are not a query's (dispatching)."""
+    _held_seen[0] = N.host.tarnhost_log_held()
 
 
 class TarnError(Exception):
@@ -46,7 +69,7 @@ class TarnError(Exception):
     one (``"TARN_KVS_READ"``, ...).
     """
 
-    def __init__(self, what: str, log_lines: Sequence[str] = ()):
+    def __init__(self, what: str, log_lines: Sequence[str] = ()) -> None:
         self.what = what
         self.log_lines = list(log_lines)
         self.log_line: Optional[str] = self.log_lines[-1] if self.log_lines else None
@@ -57,6 +80,14 @@ class TarnError(Exception):
 
 class NotInitialisedError(TarnError):
     """The library is not initialised (closed, or never opened)."""
+
+
+class WrongDeviceError(NotInitialisedError):
+    """The library was opened on another device than the one in force."""
+
+
+class ClosedError(OSError):
+    """A client (or another handle) used after close()."""
 
 
 class DeviceNotUpError(TarnError):
@@ -74,22 +105,25 @@ class DeviceError(Exception):
     exit status.
     """
 
-    def __init__(self, message: str, status: int):
+    def __init__(self, message: str, status: int) -> None:
         self.message = message
         self.status = status
         super().__init__(message)
 
 
-_BY_CODE = {"TARN_LIBINIT": NotInitialisedError,
+_BY_CODE: dict[str, type[TarnError]] = {"TARN_LIBINIT": NotInitialisedError,
             "TARN_NOALLOC": NotInitialisedError,
             "TARN_CELL": CellError}
 
 
-def failure(what: str, default: Optional[type] = None) -> TarnError:
+def failure(what: str, default: Optional[type[TarnError]] = None) -> TarnError:
     """The exception for a failed call, carrying what the library logged;
     its class follows the catalogue name of the last line, else
-    ``default`` (TarnError)."""
+    ``default`` (TarnError).  With no line (a held-back report) the text
+    says so."""
     lines = take_log_lines()
+    if not lines:
+        what = f"{what}: {HELD}"
     err = TarnError(what, lines)
     cls = _BY_CODE.get(err.code or "") or default
     return cls(what, lines) if cls else err

@@ -11,12 +11,13 @@ from __future__ import annotations
 import ctypes
 import enum
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Iterator, Optional, Union
+from typing import TYPE_CHECKING, Any, Callable, Iterator, Optional, Union
 
 from . import _native as N
 from . import _structs as S
-from . import _walks
-from .vlans import from_bits
+from . import errors as E
+from ._core import LOCK, STATE, bounded, name_bytes, u32
+from .vlans import set_from_bitmap
 
 if TYPE_CHECKING:
     from .library import Library
@@ -65,86 +66,121 @@ class Gyre:
     @property
     def cache_enabled(self) -> bool:
         """True while the Gyre client cache answers the queries."""
-        from .client import gyre_cache_enabled
-        return gyre_cache_enabled()
+        self._lib.require_open()
+        return STATE.gyre_cache_on
 
     # ---- owners -----------------------------------------------------------------
 
     def ftag_topology(self, ftag: int) -> Optional[int]:
         """The topology that owns an ftag (0..1023), or None."""
-        _check_range(ftag, 1023, "ftag")
-        t = _tpg(N.tarn.gyre_get_ftag_l2_tpg(ftag))
-        if t is None:
-            self._miss(f"topology of ftag {ftag}")
+        lib = self._lib
+        if lib._token is not STATE.token:
+            lib._revalidate()
+        key = bounded(ftag, "ftag", 1023)
+        with LOCK:
+            t = _tpg(N.tarn.gyre_get_ftag_l2_tpg(key))
+            if t is None:
+                lib._miss(f"topology of ftag {key}")
         return t
 
     def vlan_topology(self, vlan: int) -> Optional[int]:
         """The topology that owns a VLAN (0..4095), or None."""
-        _check_range(vlan, 4095, "VLAN")
-        t = _tpg(N.tarn.gyre_get_vlan_l2_tpg(vlan))
-        if t is None:
-            self._miss(f"topology of VLAN {vlan}")
+        lib = self._lib
+        if lib._token is not STATE.token:
+            lib._revalidate()
+        key = bounded(vlan, "vlan", 4095)
+        with LOCK:
+            t = _tpg(N.tarn.gyre_get_vlan_l2_tpg(key))
+            if t is None:
+                lib._miss(f"topology of VLAN {key}")
         return t
 
     # ---- ftags of a topology or a VLAN ----------------------------------------
 
-    def _ftag_out(self, what: str, fn, *args) -> Optional[int]:
-        out = ctypes.c_uint16(0)
-        if fn(*args, ctypes.byref(out)) != 1:
-            self._miss(what)
-            return None
-        return out.value
+    def _ftag_out(self, what: str, fn: Callable[..., int], *args: int
+                  ) -> Optional[int]:
+        lib = self._lib
+        if lib._token is not STATE.token:
+            lib._revalidate()
+        with LOCK:
+            out = _FTAG_OUT
+            if fn(*args, out) != 1:
+                self._miss(what)
+                return None
+            return out.value
 
     def topology_ftag(self, topology: int, graph: int) -> Optional[int]:
         """The topology's ftag for a graph, or None."""
         return self._ftag_out(f"ftag of topology {topology} graph {graph}",
-                              N.tarn.gyre_get_l2_tpg_ftag, topology, graph)
+                              N.tarn.gyre_get_l2_tpg_ftag,
+                              u32(topology, "topology"),
+                              bounded(graph, "graph", 0xFFFF))
 
     def unicast_ftag(self, topology: int) -> Optional[int]:
         """The topology's unicast ftag, or None."""
         return self._ftag_out(f"unicast ftag of topology {topology}",
-                              N.tarn.gyre_get_l2_tpg_unicast_ftag, topology)
+                              N.tarn.gyre_get_l2_tpg_unicast_ftag,
+                              u32(topology, "topology"))
 
     def vlan_ftag(self, vlan: int, graph: int) -> Optional[int]:
         """The ftag of a VLAN's topology for a graph, or None."""
-        _check_range(vlan, 4095, "VLAN")
         return self._ftag_out(f"ftag of VLAN {vlan} graph {graph}",
-                              N.tarn.gyre_get_vlan_ftag, vlan, graph)
+                              N.tarn.gyre_get_vlan_ftag,
+                              bounded(vlan, "vlan", 4095),
+                              bounded(graph, "graph", 0xFFFF))
 
     def vlan_unicast_ftag(self, vlan: int) -> Optional[int]:
         """The unicast ftag of a VLAN's topology, or None."""
-        _check_range(vlan, 4095, "VLAN")
-        return self._ftag_out(f"unicast ftag of VLAN {vlan}",
-                              N.tarn.gyre_get_unicast_ftag_by_vlan, vlan)
+        lib = self._lib
+        if lib._token is not STATE.token:
+            lib._revalidate()
+        key = bounded(vlan, "vlan", 4095)
+        with LOCK:
+            out = _FTAG_OUT
+            if N.tarn.gyre_get_unicast_ftag_by_vlan(key, out) != 1:
+                lib._miss(f"unicast ftag of VLAN {key}")
+                return None
+            return out.value
 
     # ---- VLAN sets -------------------------------------------------------------
 
-    def _vlans(self, what: str, fn, *args) -> Optional[set[int]]:
-        bmp = S.VlanBitmap()
-        if fn(*args, ctypes.byref(bmp)) != 1:
-            self._miss(what)
-            return None
-        return from_bits(bmp.bits, S.VLAN_BMP_BYTES)
+    def _vlans(self, what: str, fn: Callable[..., int], arg: Any
+               ) -> Optional[frozenset[int]]:
+        lib = self._lib
+        if lib._token is not STATE.token:
+            lib._revalidate()
+        bmp = _VLAN_BUFFER
+        with LOCK:
+            if fn(arg, bmp) != 1:
+                self._miss(what)
+                return None
+            raw = bytes(bmp.bits)
+        return set_from_bitmap(raw)
 
-    def ftag_vlans(self, ftag: int) -> Optional[set[int]]:
+    def ftag_vlans(self, ftag: int) -> Optional[frozenset[int]]:
         """The VLANs that ride on an ftag, or None for an unowned ftag."""
-        _check_range(ftag, 1023, "ftag")
-        return self._vlans(f"VLANs of ftag {ftag}", N.tarn.gyre_get_ftag_vlans,
-                           ftag)
+        key = bounded(ftag, "ftag", 1023)
+        return self._vlans(f"VLANs of ftag {key}", N.tarn.gyre_get_ftag_vlans,
+                           key)
 
     def topology_vlans(self, topology: Union[int, str],
-                       configured: bool = False) -> Optional[set[int]]:
+                       configured: bool = False) -> Optional[frozenset[int]]:
         """A topology's active (or configured) VLANs, by id or name; None
         when the topology has no such record.  With the cache on the cache
         holds one set per topology, so both questions get the active set."""
-        name = str(topology).encode()
+        if type(topology) is int and 0 <= topology <= 0xFFFFFFFF:
+            name = b"%d" % topology
+        elif isinstance(topology, str):
+            name = name_bytes(topology, "topology")
+        else:
+            name = b"%d" % u32(topology, "topology")
         fn = (N.tarn.gyre_get_l2_tpg_cfg_vlans_by_name if configured
               else N.tarn.gyre_get_l2_tpg_act_vlans_by_name)
         return self._vlans(f"VLANs of topology {topology}", fn, name)
 
     def interface_vlans(self, ifindex: Optional[int] = None, *,
                         iod: Optional[int] = None,
-                        configured: bool = False) -> Optional[set[int]]:
+                        configured: bool = False) -> Optional[frozenset[int]]:
         """An interface's active (or configured) VLANs, by ifindex or IOD; a
         port-channel member answers its port-channel's.  An interface with
         no VLAN record has the empty set; None when the interface is not
@@ -154,80 +190,83 @@ class Gyre:
         if iod is not None:
             fn = (N.tarn.gyre_get_if_cfg_vlans_iod if configured
                   else N.tarn.gyre_get_if_act_vlans_iod)
-            return self._vlans(f"VLANs of IOD {iod}", fn, iod)
+            return self._vlans(f"VLANs of IOD {iod}", fn, u32(iod, "iod"))
         fn = (N.tarn.gyre_get_if_cfg_vlans if configured
               else N.tarn.gyre_get_if_act_vlans)
-        return self._vlans(f"VLANs of interface {ifindex}", fn, ifindex)
+        return self._vlans(f"VLANs of interface {ifindex}", fn,
+                           u32(ifindex, "ifindex"))
 
     # ---- topologies ------------------------------------------------------------
 
     def topologies(self) -> Iterator[Topology]:
-        """Every layer-2 topology.  A walk over the Tarn database."""
+        """Every layer-2 topology.  The walk runs to its end under the
+        library's lock."""
+        self._lib.require_open()
         info = S.TableInfo()
-
-        def answer(t: int, what: str) -> Optional[Topology]:
-            if t in (NONE, 0):
-                self._miss(what)
-                return None
-            return Topology(t, N.text(info.name))
-
-        return _walks.walk(
-            _walks.TARN_DB,
-            lambda: answer(N.tarn.gyre_get_first_l2_tpg(ctypes.byref(info)),
-                           "topology walk"),
-            lambda _: answer(N.tarn.gyre_get_next_l2_tpg(ctypes.byref(info)),
-                             "topology walk"))
+        out: list[Topology] = []
+        with LOCK:
+            t = N.tarn.gyre_get_first_l2_tpg(ctypes.byref(info))
+            while t not in (NONE, 0):
+                out.append(Topology(t, N.text(info.name)))
+                t = N.tarn.gyre_get_next_l2_tpg(ctypes.byref(info))
+            self._miss("topology walk")
+        return iter(out)
 
     def interface_topologies(self, ifindex: int) -> Iterator[Topology]:
         """The topologies an interface carries, with the names it knows
-        them by.  A walk over the Tarn database."""
+        them by.  The walk runs to its end under the library's lock."""
+        self._lib.require_open()
+        ix = u32(ifindex, "ifindex")
         info = S.TableInfo()
-
-        def answer(first: int) -> Optional[Topology]:
-            t = N.tarn.gyre_get_next_if_table_info(ifindex, first,
-                                                   ctypes.byref(info))
-            if t in (NONE, 0):
-                self._miss(f"topologies of interface {ifindex}")
-                return None
-            return Topology(t, N.text(info.name))
-
-        return _walks.walk(_walks.TARN_DB, lambda: answer(1),
-                           lambda _: answer(0))
+        out: list[Topology] = []
+        with LOCK:
+            first = 1
+            while True:
+                t = N.tarn.gyre_get_next_if_table_info(ix, first,
+                                                       ctypes.byref(info))
+                if t in (NONE, 0):
+                    self._miss(f"topologies of interface {ix}")
+                    break
+                out.append(Topology(t, N.text(info.name)))
+                first = 0
+        return iter(out)
 
     def interface_topology(self, ifindex: int, name: str) -> Optional[Topology]:
         """The topology an interface knows by ``name``, or None."""
+        self._lib.require_open()
+        ix = u32(ifindex, "ifindex")
+        key = name_bytes(name, "name")
         info = S.TableInfo()
-        if N.tarn.gyre_get_if_l2_tpg_info(ifindex, name.encode(),
-                                          ctypes.byref(info)) != 1:
-            self._miss(f"topology {name!r} of interface {ifindex}")
-            return None
+        with LOCK:
+            if N.tarn.gyre_get_if_l2_tpg_info(ix, key, ctypes.byref(info)) != 1:
+                self._miss(f"topology {name!r} of interface {ix}")
+                return None
         return Topology(info.tpg_id & _TPG_MASK, N.text(info.name))
 
-    @staticmethod
-    def topology_id(name: str) -> Optional[int]:
+    def topology_id(self, name: str) -> Optional[int]:
         """The topology id of a decimal name, or None."""
-        return _tpg(N.tarn.gyre_l2_tpg_name2id(name.encode()))
+        key = name_bytes(name, "name")
+        with LOCK:
+            return _tpg(N.tarn.gyre_l2_tpg_name2id(key))
 
     # ---- ftag walks -------------------------------------------------------------
 
     def ftags(self, flags: Union[FtagFlags, int] = FtagFlags(0),
               topology: Optional[int] = None) -> Iterator[int]:
         """The ftags that carry every bit of ``flags``, in any topology or in
-        one.  A walk over the Gyre database: finish it before the next."""
-        tpg = NONE if topology is None else topology
-        flt = int(flags)
+        one.  The walk runs to its end under the library's lock."""
+        self._lib.require_open()
+        tpg = NONE if topology is None else u32(topology, "topology")
+        flt = u32(int(flags) if isinstance(flags, FtagFlags) else flags, "flags")
         out = ctypes.c_uint16(0)
-
-        def step(first: bool) -> Optional[int]:
-            fn = (N.tarn.gyre_get_first_ftag_by_filter if first
-                  else N.tarn.gyre_get_next_ftag_by_filter)
-            if fn(tpg, flt, ctypes.byref(out)) != 1:
-                self._miss("ftag walk")
-                return None
-            return out.value
-
-        return _walks.walk(_walks.GYRE_DB, lambda: step(True),
-                           lambda _: step(False))
+        found: list[int] = []
+        with LOCK:
+            fn = N.tarn.gyre_get_first_ftag_by_filter
+            while fn(tpg, flt, ctypes.byref(out)) == 1:
+                found.append(out.value)
+                fn = N.tarn.gyre_get_next_ftag_by_filter
+            self._miss("ftag walk")
+        return iter(found)
 
     def active_ftags(self, topology: Optional[int] = None) -> Iterator[int]:
         """The active ftags (of one topology when given)."""
@@ -245,37 +284,40 @@ class Gyre:
 
     def topology_ftags(self, topology: int) -> Iterator[Ftag]:
         """Every ftag of one topology, whatever its flags, with its graph
-        and flags.  A walk over the Gyre database."""
+        and flags.  The walk runs to its end under the library's lock."""
+        self._lib.require_open()
+        tpg = u32(topology, "topology")
         info = S.FtagInfo()
-
-        def step(first: bool) -> Optional[Ftag]:
-            info.tpg_id = topology
-            fn = (N.tarn.gyre_get_l2_tpg_first_ftag if first
-                  else N.tarn.gyre_get_l2_tpg_next_ftag)
-            if fn(topology, ctypes.byref(info)) != 1:
-                self._miss(f"ftags of topology {topology}")
-                return None
-            return Ftag(info.ftag, info.graph_id, FtagFlags(info.flags & 0xFF),
-                        topology)
-
-        return _walks.walk(_walks.GYRE_DB, lambda: step(True),
-                           lambda _: step(False))
+        out: list[Ftag] = []
+        with LOCK:
+            info.tpg_id = tpg
+            fn = N.tarn.gyre_get_l2_tpg_first_ftag
+            while fn(tpg, ctypes.byref(info)) == 1:
+                out.append(Ftag(info.ftag, info.graph_id,
+                                FtagFlags(info.flags & 0xFF), tpg))
+                info.tpg_id = tpg
+                fn = N.tarn.gyre_get_l2_tpg_next_ftag
+            self._miss(f"ftags of topology {tpg}")
+        return iter(out)
 
     # ---- notices to the service ------------------------------------------------
 
     def converge(self) -> None:
         """Tell the Gyre service that this client's ftags converged."""
-        if N.tarn.gyre_ftag_converge() != 1:
-            from .errors import failure
-            raise failure("the ftag converge notice was not sent")
+        self._lib.require_open()
+        with LOCK:
+            if N.tarn.gyre_ftag_converge() != 1:
+                raise E.failure("the ftag converge notice was not sent")
 
     def stale(self, topology: int) -> None:
         """Tell the Gyre service that a topology's ftags went stale."""
-        if N.tarn.gyre_ftag_stale(topology) != 1:
-            from .errors import failure
-            raise failure(f"the stale notice for topology {topology} was not sent")
+        self._lib.require_open()
+        tpg = u32(topology, "topology")
+        with LOCK:
+            if N.tarn.gyre_ftag_stale(tpg) != 1:
+                raise E.failure(
+                    f"the stale notice for topology {tpg} was not sent")
 
 
-def _check_range(value: int, limit: int, what: str) -> None:
-    if not 0 <= value <= limit:
-        raise ValueError(f"{what} {value} is out of range 0..{limit}")
+_VLAN_BUFFER = S.VlanBitmap()
+_FTAG_OUT = ctypes.c_uint16(0)

@@ -66,35 +66,41 @@ DEVICE = {
 }
 
 
+# The package's own pytest plugin (tarn.testing) provides the fixtures;
+# importing them here serves the source tree, where the plugin's entry point
+# is not installed.
+from tarn.testing import (tarn_client, tarn_device, tarn_fresh_reports,  # noqa: E402,F401
+                          tarn_library)
+
+
+@pytest.fixture
+def tarn_device_description():
+    return DEVICE
+
+
 @pytest.fixture(autouse=True)
-def fresh_reports():
+def fresh_reports(tarn_fresh_reports):
     """Each test starts with no report pending and no rate-limit history, so
     that the reports it provokes are rendered whatever ran before."""
-    from tarn import _native as N
-    N.host.tarnhost_log_throttle_reset()
-    tarn.take_log_lines()
     yield
 
 
 @pytest.fixture
-def device():
+def device(tarn_device):
     """A temporary device loaded with DEVICE."""
-    with tarn.Device.temporary(DEVICE) as dev:
-        yield dev
+    return tarn_device
 
 
 @pytest.fixture
-def lib(device):
+def lib(tarn_library):
     """The library, open on the test device."""
-    with tarn.open() as library:
-        yield library
+    return tarn_library
 
 
 @pytest.fixture
-def client(lib):
+def client(tarn_client):
     """A registered client of the open library."""
-    with lib.client() as c:
-        yield c
+    return tarn_client
 
 
 def child_env() -> dict:

@@ -120,10 +120,14 @@ def test_closing_a_temporary_device_closes_the_library():
 
 
 def test_device_log_holds_reports_of_every_process(device):
+    from tarn import _native as N
     with tarn.open() as lib:
-        lib.close()
-        with pytest.raises(tarn.NotInitialisedError) as err:
-            lib.context_id("red")
+        N.host.tarnhost_fault_set(b"kvs_read", 5, 1)
+        try:
+            with pytest.raises(tarn.TarnError) as err:
+                lib.context_id("red")
+        finally:
+            N.host.tarnhost_fault_clear_all()
     assert err.value.log_line in device.log_lines()
 
 

@@ -89,3 +89,20 @@ def test_random_ftag_sets_agree_with_the_library():
             assert lib_text == "--"
         elif len(lib_text) < 2000:
             assert vlans.parse_ranges(lib_text, limit=1023) == members
+
+
+def test_bitmaps_become_frozensets_and_back():
+    rng = random.Random(77)
+    for members in _hostile_sets(rng, vlans.MAX_VLAN):
+        raw = vlans.bitmap_bytes(members, 512)
+        got = vlans.set_from_bitmap(raw, memo=False)
+        assert type(got) is frozenset and got == members
+        assert vlans.set_from_bitmap(raw) == members
+        assert vlans.set_from_bitmap(raw) is vlans.set_from_bitmap(raw)
+    assert vlans.set_from_bitmap(bytes(512)) == frozenset()
+
+
+def test_gyre_answers_frozensets(lib):
+    got = lib.gyre.topology_vlans(10)
+    assert type(got) is frozenset and got == set(range(100, 200))
+    assert type(lib.gyre.interface_vlans(200)) is frozenset
