@@ -32,4 +32,5 @@ def _decode(what: int, opcode: int, payload: Optional[bytes]) -> dict[str, Any]:
     needed = N.host.tarnhost_notification_json(what, opcode, data, length, None, 0)
     buf = ctypes.create_string_buffer(needed + 1)
     N.host.tarnhost_notification_json(what, opcode, data, length, buf, needed + 1)
-    return json.loads(buf.raw[:needed].decode("utf-8"))
+    decoded: dict[str, Any] = json.loads(buf.raw[:needed].decode("utf-8"))
+    return decoded
