@@ -6,6 +6,7 @@
 
 #include <lmdb.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <string>
 
@@ -44,13 +45,52 @@ public:
         return true;
     }
 
-    bool read(const uint8_t *key, size_t key_len)
+    bool read(const uint8_t *key, size_t key_len) { return read_in(dbi_, key, key_len); }
+
+    // Another database of the same store, for read_in.
+    bool add_uri(const std::string &uri, MDB_dbi *dbi)
+    {
+        char path[1024];
+        if (env_ == nullptr || tarnhost_kvs_path(uri.c_str(), path, sizeof path) != 0)
+            return false;
+        const std::string kvs = std::string(tarnhost_root()) + "/kvs/";
+        const std::string db = std::string(path).substr(kvs.size());
+        MDB_txn *t = nullptr;
+        if (mdb_txn_begin(env_, nullptr, MDB_RDONLY, &t) != 0)
+            return false;
+        if (mdb_dbi_open(t, db.c_str(), 0, dbi) != 0) {
+            mdb_txn_abort(t);
+            return false;
+        }
+        return mdb_txn_commit(t) == 0;
+    }
+
+    // One read in its own fresh snapshot, as read() makes it.
+    bool read_in(MDB_dbi dbi, const uint8_t *key, size_t key_len)
     {
         mdb_txn_reset(txn_);
         if (mdb_txn_renew(txn_) != 0)
             return false;
         MDB_val k = {key_len, const_cast<uint8_t *>(key)}, v;
-        return mdb_get(txn_, dbi_, &k, &v) == 0 && v.mv_size > 0;
+        return mdb_get(txn_, dbi, &k, &v) == 0 && v.mv_size > 0;
+    }
+
+    // One walk step as a walk that holds no snapshot between steps must
+    // take it: a fresh snapshot, a seek to the key the walk stands on, past
+    // it, and the record found there (true when there is one).
+    bool seek_step(const uint8_t *key, size_t key_len)
+    {
+        mdb_txn_reset(txn_);
+        if (mdb_txn_renew(txn_) != 0)
+            return false;
+        if (cursor_ == nullptr ? mdb_cursor_open(txn_, dbi_, &cursor_) != 0
+                               : mdb_cursor_renew(txn_, cursor_) != 0)
+            return false;
+        MDB_val k = {key_len, const_cast<uint8_t *>(key)}, v;
+        int rc = mdb_cursor_get(cursor_, &k, &v, MDB_SET_RANGE);
+        if (rc == 0 && k.mv_size == key_len && memcmp(k.mv_data, key, key_len) == 0)
+            rc = mdb_cursor_get(cursor_, &k, &v, MDB_NEXT);
+        return rc == 0 && v.mv_size > 0;
     }
 
     // A read inside a snapshot that stays open (begin_snapshot first): what
@@ -70,6 +110,7 @@ private:
     MDB_env *env_ = nullptr;
     MDB_dbi dbi_ = 0;
     MDB_txn *txn_ = nullptr;
+    MDB_cursor *cursor_ = nullptr;
 };
 
 #endif

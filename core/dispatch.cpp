@@ -70,8 +70,10 @@ TARN_API int32_t tarn_process_attr_change(struct bus_msg *msg)
         gyre_cache_delete_info();
         break;
     case kAttrCacheDump:
-        // The dump handler answers and disposes of the request itself.
-        if (gyre_dump_cache_info(handle, msg) == 1)
+        // The dump handler answers and disposes of the request itself; any
+        // other result of it is this call's result, after the drop below.
+        result = gyre_dump_cache_info(handle, msg);
+        if (result == 1)
             return 1;
         break;
     default:

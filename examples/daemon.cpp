@@ -5,7 +5,7 @@
 // cleanly on SIGINT or SIGTERM.
 //
 // Build against an installed libtarn:
-//     c++ -std=c++17 -fno-exceptions daemon.cpp $(pkg-config --cflags --libs tarn tarnhost-client) -o daemon
+//     c++ -std=c++17 -fno-exceptions daemon.cpp $(pkg-config --cflags --libs tarn) -o daemon
 // Exit status: 0 after a signal, 1 when it could not start.
 #include <errno.h>
 #include <poll.h>

@@ -4,7 +4,7 @@
 // signal_set.  Same argument, same lines and same exit as daemon.cpp.
 //
 // Build against an installed libtarn (Boost.Asio is header-only):
-//     c++ -std=c++17 -fno-exceptions daemon_asio.cpp $(pkg-config --cflags --libs tarn tarnhost-client) -lpthread -o daemon_asio
+//     c++ -std=c++17 -fno-exceptions daemon_asio.cpp $(pkg-config --cflags --libs tarn) -lpthread -o daemon_asio
 // Exit status: 0 after a signal, 1 when it could not start.
 #include <errno.h>
 #include <signal.h>

@@ -73,6 +73,28 @@ inline uint32_t count_set(const uint8_t *bits, uint32_t nbits)
     return n;
 }
 
+// The element of the one set bit of a word read as stored (memcpy): bytes
+// in memory order, each byte's elements from its high bit down.
+inline uint32_t lone_element(uint64_t raw)
+{
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    return 63u - static_cast<uint32_t>(__builtin_ctzll(raw));
+#else
+    return static_cast<uint32_t>(__builtin_ctzll(raw)) ^ 7u;
+#endif
+}
+
+// The word with element i at bit i (the bits of every byte reversed).
+inline uint64_t element_order(uint64_t x)
+{
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    x = __builtin_bswap64(x);  // byte 0 in the low bits
+#endif
+    x = ((x >> 1) & 0x5555555555555555ull) | ((x & 0x5555555555555555ull) << 1);
+    x = ((x >> 2) & 0x3333333333333333ull) | ((x & 0x3333333333333333ull) << 2);
+    return ((x >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((x & 0x0F0F0F0F0F0F0F0Full) << 4);
+}
+
 // The maximal runs of set bits of a map of `nbits` bits (a multiple of 64),
 // ascending.
 //
@@ -106,12 +128,7 @@ public:
                 base_ = 64 * w_++;
                 if (x == 0 - carry_)
                     continue;  // no edge: carry_ stays
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-                x = __builtin_bswap64(x);  // byte 0 in the low bits
-#endif
-                x = ((x >> 1) & 0x5555555555555555ull) | ((x & 0x5555555555555555ull) << 1);
-                x = ((x >> 2) & 0x3333333333333333ull) | ((x & 0x3333333333333333ull) << 2);
-                x = ((x >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((x & 0x0F0F0F0F0F0F0F0Full) << 4);
+                x = element_order(x);
                 edges_ = x ^ ((x << 1) | carry_);
                 const uint64_t open = carry_;
                 carry_ = x >> 63;
@@ -147,6 +164,94 @@ private:
     uint64_t carry_ = 0;  // 1 when the last element read is set
     uint64_t edges_ = 0;  // edges of the last word not yet handed out
 };
+
+// The runs of set bits that one 64-bit word of a map closes, for formatters
+// that write each run as soon as it is known.  `open` is 1 while a run
+// begun in an earlier word (at `start`) goes on.
+struct WordRunState {
+    uint64_t open = 0;
+    uint32_t start = 0;
+};
+
+// The first word at or after `w` (of `words` 64-bit words) that changes
+// something: not all clear outside a run (`open` 0), not all set inside
+// one (`open` 1); `words` when there is none.  Four words a step.
+inline uint32_t next_changing_word(const uint8_t *bits, uint32_t w, uint32_t words,
+                                   uint64_t open)
+{
+    const uint64_t same = 0 - open;
+    for (; w + 4 <= words; w += 4) {
+        uint64_t x[4];
+        memcpy(x, bits + 8u * w, sizeof x);
+        if (((x[0] ^ same) | (x[1] ^ same) | (x[2] ^ same) | (x[3] ^ same)) != 0)
+            break;
+    }
+    for (; w < words; ++w) {
+        uint64_t x;
+        memcpy(&x, bits + 8u * w, sizeof x);
+        if (x != same)
+            break;
+    }
+    return w;
+}
+
+// Hands `sink` the runs of set bits that end in word `w` of `bits`, in
+// order, and leaves a run still open at the word's end in `state` (after
+// the last word, the caller closes it).  The sink sees the word once:
+//   sink.single(v)             one run of one element;
+//   sink.singles(base, s)      every set bit of s (element base + i at bit
+//                              i) is a run of one element;
+//   sink.runs(base, s, e)      the runs start at the set bits of s and end
+//                              at those of e, in pairs, lowest first;
+//   sink.run(first, last)      one run.
+// Each returns false to stop, and word_runs then returns false.
+//
+// A word that changes nothing (all clear outside a run, all set inside one)
+// costs a compare; a word with one set element and no open run, a count of
+// trailing zeros without reversing its bits.  Otherwise the starts are
+// x & ~(x << 1) and the ends x & ~(x >> 1): two masks that the sink takes
+// apart lowest bit first, each step a 1-cycle dependency (x & (x - 1)).
+template <class Sink>
+inline __attribute__((always_inline)) bool word_runs(const uint8_t *bits, uint32_t w,
+                                                     WordRunState *state, Sink &sink)
+{
+    uint64_t raw;
+    memcpy(&raw, bits + 8u * w, sizeof raw);
+    if (raw == 0 - state->open)
+        return true;
+    const uint32_t base = 64u * w;
+    if (state->open == 0 && (raw & (raw - 1)) == 0) {
+        const uint32_t e = lone_element(raw);
+        if (e != 63u)
+            return sink.single(base + e);
+        state->open = 1;  // may go on in the next word
+        state->start = base + 63u;
+        return true;
+    }
+    uint64_t x = element_order(raw);
+    if (state->open != 0) {
+        // Not all set: the run ends before the first clear element.
+        const uint32_t end = static_cast<uint32_t>(__builtin_ctzll(~x));
+        state->open = 0;
+        if (!sink.run(state->start, base + end - 1))
+            return false;
+        x &= ~0ull << end;
+    }
+    if ((x >> 63) != 0) {
+        // The last run goes on into the next word, perhaps: it is left open.
+        const uint64_t clear = ~x;
+        const uint32_t from = clear != 0 ? 64u - static_cast<uint32_t>(__builtin_clzll(clear)) : 0u;
+        state->open = 1;
+        state->start = base + from;
+        x &= from != 0 ? ~(~0ull << from) : 0;
+    }
+    if (x == 0)
+        return true;
+    const uint64_t starts = x & ~(x << 1), ends = x & ~(x >> 1);
+    if (starts == ends)
+        return sink.singles(base, starts);
+    return sink.runs(base, starts, ends);
+}
 
 }  // namespace gyre
 

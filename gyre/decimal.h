@@ -54,6 +54,33 @@ inline char *put_decimal(char *p, uint32_t v)
     return p + length;
 }
 
+// Each number led by a comma, for the comma notation: ',' and its digits,
+// zero bytes up to seven, and in the eighth byte the length with the comma
+// (",7" is 2, ",4095" is 5).  32 KiB.
+struct CommaDecimalTable {
+    char text[kDecimalCount][8];
+    constexpr CommaDecimalTable() : text()
+    {
+        for (uint32_t v = 0; v < kDecimalCount; ++v) {
+            text[v][0] = ',';
+            for (uint32_t i = 0; i < 4; ++i)
+                text[v][1 + i] = kDecimal.digits[v][i];
+            text[v][7] = static_cast<char>(1 + kDecimal.length[v]);
+        }
+    }
+};
+
+inline constexpr CommaDecimalTable kCommaDecimal{};
+
+// Writes the eight bytes of v's comma entry at p and returns the end of
+// ",<v>": up to seven bytes past it are overwritten, as with
+// put_decimal_wide.  v must be below kDecimalCount.
+inline __attribute__((always_inline)) char *put_comma_decimal_wide(char *p, uint32_t v)
+{
+    memcpy(p, kCommaDecimal.text[v], 8);
+    return p + kCommaDecimal.text[v][7];
+}
+
 }  // namespace gyre
 
 #endif

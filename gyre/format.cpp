@@ -36,81 +36,287 @@ inline char *put_item(char *p, char lead, uint32_t first, uint32_t last, char ta
     return p;
 }
 
-// A comma item written with whole 4-byte numbers, its lead written always
-// and its range part written always but kept only when there is one: no
-// branch on the item's shape.  Writes up to kLongestItem bytes from p;
-// the bytes past the item's end are left to be written again.  Returns
-// the end.
-inline __attribute__((always_inline)) char *put_comma_item_wide(char *p, size_t lead,
-                                                             uint32_t first, uint32_t last)
+// The most text the runs that one word closes can take: a run open from
+// an earlier word and 32 more, each at most kLongestItem bytes; and the
+// most that writing a whole table entry puts past an item's end.
+constexpr size_t kLongestWordText = 33 * kLongestItem;
+constexpr size_t kWideSlack = 8;
+
+// The comma text being written, and what the formatter must know about it.
+struct CommaText {
+    char *out;
+    size_t size;
+    char *p;             // where the next item goes
+    uint32_t last;       // the last element of the last item written
+    bool whole;          // false once an item did not fit
+};
+
+// Items written with whole table entries, without looking at the room
+// left: the caller lets a word's items through only while
+// kLongestWordText bytes and the terminator are left.  The bytes written
+// past each item are written again by the next one or cleared at the end.
+// Every item but the text's first begins with ','.  Kept apart from
+// CommaText (and copied back) so that its position stays in a register:
+// the compiler cannot tell that the text's bytes do not overlap CommaText.
+struct BulkItems {
+    char *p;
+    uint32_t last;
+    inline __attribute__((always_inline)) bool single(uint32_t v)
+    {
+        p = gyre::put_comma_decimal_wide(p, v);
+        last = v;
+        return true;
+    }
+    inline __attribute__((always_inline)) bool singles(uint32_t base, uint64_t s)
+    {
+        const char(*const entry)[8] = gyre::kCommaDecimal.text + base;
+        char *p = this->p;
+        last = base + 63u - static_cast<uint32_t>(__builtin_clzll(s));
+        do {
+            const uint32_t i = static_cast<uint32_t>(__builtin_ctzll(s));
+            s &= s - 1;
+            memcpy(p, entry[i], 8);
+            p += entry[i][7];
+        } while (s != 0);
+        this->p = p;
+        return true;
+    }
+    inline __attribute__((always_inline)) bool runs(uint32_t base, uint64_t s, uint64_t e)
+    {
+        const char(*const entry)[8] = gyre::kCommaDecimal.text + base;
+        char *p = this->p;
+        last = base + 63u - static_cast<uint32_t>(__builtin_clzll(e));
+        if ((s & e) == 0) {
+            // No run of one element: every item is a range.
+            do {
+                const uint32_t i = static_cast<uint32_t>(__builtin_ctzll(s));
+                const uint32_t j = static_cast<uint32_t>(__builtin_ctzll(e));
+                s &= s - 1;
+                e &= e - 1;
+                memcpy(p, entry[i], 8);
+                p += entry[i][7];
+                memcpy(p, entry[j], 8);
+                *p = '-';
+                p += entry[j][7];
+            } while (s != 0);
+        } else {
+            // Both numbers written always, the range part kept only when
+            // there is one: no branch on the item's shape.
+            do {
+                const uint32_t i = static_cast<uint32_t>(__builtin_ctzll(s));
+                const uint32_t j = static_cast<uint32_t>(__builtin_ctzll(e));
+                s &= s - 1;
+                e &= e - 1;
+                memcpy(p, entry[i], 8);
+                p += entry[i][7];
+                memcpy(p, entry[j], 8);
+                *p = '-';
+                char *range_end = p + entry[j][7];
+                p = i != j ? range_end : p;
+            } while (s != 0);
+        }
+        this->p = p;
+        return true;
+    }
+    inline __attribute__((always_inline)) bool run(uint32_t first, uint32_t last)
+    {
+        char *p = gyre::put_comma_decimal_wide(this->p, first);
+        char *range_end = gyre::put_comma_decimal_wide(p, last);
+        *p = '-';
+        this->p = last != first ? range_end : p;
+        this->last = last;
+        return true;
+    }
+};
+
+// Hands the items of a word's masks to `sink.run` one by one: for the
+// sinks that look at each item anyway.
+template <class Sink>
+inline bool each_single(Sink &sink, uint32_t base, uint64_t s)
 {
-    *p = ',';  // overwritten by the number when there is no lead
-    p += lead;
-    p = gyre::put_decimal_wide(p, first);
-    *p = '-';
-    char *range_end = gyre::put_decimal_wide(p + 1, last);
-    return last != first ? range_end : p;
+    for (; s != 0; s &= s - 1) {
+        const uint32_t v = base + static_cast<uint32_t>(__builtin_ctzll(s));
+        if (!sink.run(v, v))
+            return false;
+    }
+    return true;
+}
+template <class Sink>
+inline bool each_run(Sink &sink, uint32_t base, uint64_t s, uint64_t e)
+{
+    for (; s != 0; s &= s - 1, e &= e - 1)
+        if (!sink.run(base + static_cast<uint32_t>(__builtin_ctzll(s)),
+                      base + static_cast<uint32_t>(__builtin_ctzll(e))))
+            return false;
+    return true;
 }
 
-// Comma notation ("1-3,5,10-11") of a map of `nbits` bits, cut after the
-// last item that fits with its terminator.  printf_curr_idx follows the last
-// element written, and is 0 when the set was empty or written whole.
-//
-// Leaves the string exactly as item-by-item snprintf would: the rest of the
-// array zeroed, and an item that does not fit written as far as it goes
-// before the terminator is put back at its start.
-const char *comma_notation(const uint8_t *bits, uint32_t nbits, char *out, size_t size)
-{
-    gyre::SetRuns runs(bits, nbits);
-    uint32_t first = 0, last = 0;
-    size_t lead = 0;  // 1 once an item was written: later ones begin with ','
-    uint32_t last_written = 0;
-    // Items that start before `roomy` fit however long they are: they are
-    // written without looking at the room left, and the bytes written past
-    // each are written again by the next item or by the clearing below.
-    char *p = out;
-    char *const roomy = out + size - kLongestItem - 1;
-    bool more = runs.next(&first, &last);
-    if (more && p < roomy) {
-        p = put_comma_item_wide(p, 0, first, last);
+// The same until the text's first item is written: that one has no lead.
+struct FirstItems {
+    CommaText &t;
+    size_t lead;  // 1 once an item was written
+    bool single(uint32_t v) { return run(v, v); }
+    bool singles(uint32_t base, uint64_t s) { return each_single(*this, base, s); }
+    bool runs(uint32_t base, uint64_t s, uint64_t e) { return each_run(*this, base, s, e); }
+    inline __attribute__((always_inline)) bool run(uint32_t first, uint32_t last)
+    {
+        char *p = t.p;
+        *p = ',';  // overwritten by the number when there is no lead
+        p += lead;
+        p = gyre::put_decimal_wide(p, first);
+        *p = '-';
+        char *range_end = gyre::put_decimal_wide(p + 1, last);
+        t.p = last != first ? range_end : p;
+        t.last = last;
         lead = 1;
-        last_written = last;
-        while ((more = runs.next(&first, &last)) && p < roomy) {
-            p = put_comma_item_wide(p, 1, first, last);
-            last_written = last;
-        }
+        return true;
     }
-    // Near the end, each item is made apart and written only as far as it
-    // fits.
-    bool whole = true;
-    for (; more; more = runs.next(&first, &last)) {
+};
+
+// Items near the end of the array.  Those that start before `roomy` fit
+// however long they are and are written as FirstItems writes them; after
+// that each is made apart and written only as far as it fits, and the
+// first that does not fit ends the text.
+struct TailItems {
+    CommaText &t;
+    size_t lead;  // 1 once an item was written
+    const char *roomy;
+    bool single(uint32_t v) { return run(v, v); }
+    bool singles(uint32_t base, uint64_t s) { return each_single(*this, base, s); }
+    bool runs(uint32_t base, uint64_t s, uint64_t e) { return each_run(*this, base, s, e); }
+    bool run(uint32_t first, uint32_t last)
+    {
+        if (t.p < roomy) {
+            FirstItems wide{t, lead};
+            wide.run(first, last);
+            lead = 1;
+            return true;
+        }
         char item[kLongestItem];
         const size_t n =
             static_cast<size_t>(put_item(item, lead ? ',' : '\0', first, last, '\0') - item);
-        const size_t room = size - static_cast<size_t>(p - out);
+        const size_t room = t.size - static_cast<size_t>(t.p - t.out);
         if (n >= room) {
-            memcpy(p, item, room - 1);
-            out[size - 1] = '\0';
-            whole = false;
-            break;
+            // As a bounded print leaves it: the item as far as it goes, its
+            // terminator, and later the terminator put back at its start.
+            memcpy(t.p, item, room - 1);
+            t.out[t.size - 1] = '\0';
+            t.whole = false;
+            return false;
         }
-        memcpy(p, item, n);
-        p += n;
+        memcpy(t.p, item, n);
+        t.p += n;
+        t.last = last;
         lead = 1;
-        last_written = last;
+        return true;
     }
-    if (whole) {
-        memset(p, 0, size - static_cast<size_t>(p - out));
-    } else {
-        *p = '\0';
+};
+
+// Items of the words near the end: a word whose items fit whole, by the
+// count of its runs, is written as BulkItems writes it, and only the rest
+// item by item (TailItems).
+struct NearEndItems {
+    CommaText &t;
+    TailItems &tail;
+    // Room for `items` items of at most `longest` bytes each, the bytes a
+    // whole table entry writes past the last, and the terminator.
+    bool fits(uint32_t items, size_t longest) const
+    {
+        return static_cast<size_t>(t.out + t.size - t.p) > items * longest + kWideSlack + 1;
     }
-    printf_curr_idx = whole ? 0 : static_cast<int>(last_written);
-    return lead != 0 ? out : kEmptySet;
+    template <class Write>
+    bool bulk(Write write)
+    {
+        BulkItems b{t.p, t.last};
+        write(b);
+        t.p = b.p;
+        t.last = b.last;
+        tail.lead = 1;
+        return true;
+    }
+    bool single(uint32_t v)
+    {
+        if (fits(1, kLongestItem))
+            return bulk([v](BulkItems &b) { b.single(v); });
+        return tail.run(v, v);
+    }
+    bool run(uint32_t first, uint32_t last)
+    {
+        if (fits(1, kLongestItem))
+            return bulk([first, last](BulkItems &b) { b.run(first, last); });
+        return tail.run(first, last);
+    }
+    bool singles(uint32_t base, uint64_t s)
+    {
+        if (fits(static_cast<uint32_t>(__builtin_popcountll(s)), 5))
+            return bulk([base, s](BulkItems &b) { b.singles(base, s); });
+        return each_single(tail, base, s);
+    }
+    bool runs(uint32_t base, uint64_t s, uint64_t e)
+    {
+        if (fits(static_cast<uint32_t>(__builtin_popcountll(s)), kLongestItem))
+            return bulk([base, s, e](BulkItems &b) { b.runs(base, s, e); });
+        return each_run(tail, base, s, e);
+    }
+};
+
+// Comma notation ("1-3,5,10-11") of a map of `nbits` bits (a multiple of
+// 64) into `out` of `size` bytes (room for the items of two words), cut after the last item that fits with its terminator.
+// printf_curr_idx follows the last element written, and is 0 when the set
+// was empty or written whole.
+//
+// Leaves the array exactly as clearing it and printing item by item with
+// snprintf would: the rest of the array zeroed, and an item that does not
+// fit written as far as it goes before the terminator is put back at its
+// start.
+const char *comma_notation(const uint8_t *bits, uint32_t nbits, char *out, size_t size)
+{
+    const uint32_t words = nbits / 64;
+    CommaText t{out, size, out, 0, true};
+    gyre::WordRunState state;
+    uint32_t w = 0;
+    FirstItems first{t, 0};
+    // Long stretches of clear words (before the first run) or set words
+    // (inside a run, the whole of a full set) are passed over four at a
+    // time.
+    while ((w = gyre::next_changing_word(bits, w, words, state.open)) < words &&
+           first.lead == 0)
+        gyre::word_runs(bits, w++, &state, first);
+    // Words that begin before `bulk_end` have room for all their items.
+    const char *const bulk_end = out + size - 1 - kLongestWordText - kWideSlack;
+    BulkItems bulk{t.p, t.last};
+    for (; w < words && bulk.p < bulk_end; ++w)
+        gyre::word_runs(bits, w, &state, bulk);
+    t.p = bulk.p;
+    t.last = bulk.last;
+    TailItems tail{t, t.p != out ? 1u : 0u, out + size - kLongestItem - 1};
+    NearEndItems near_end{t, tail};
+    bool more = true;
+    for (; w < words && more; ++w)
+        more = gyre::word_runs(bits, w, &state, near_end);
+    if (more && state.open != 0) {
+        // A run up to the last element.
+        const uint32_t end = nbits - 1;
+        if (first.lead == 0)
+            first.run(state.start, end);
+        else
+            near_end.run(state.start, end);
+    }
+    if (t.whole)
+        memset(t.p, 0, size - static_cast<size_t>(t.p - out));
+    else
+        *t.p = '\0';
+    printf_curr_idx = t.whole ? 0 : static_cast<int>(t.last);
+    return t.p != out ? out : kEmptySet;
 }
 
 }  // namespace
 
 extern "C" {
+
+static_assert(sizeof gyre_scratch_bmp_str > 2 * kLongestWordText + kWideSlack + 1 &&
+                  sizeof gyre_scratch_bmp_str2 > 2 * kLongestWordText + kWideSlack + 1,
+              "the scratch strings hold a word's items past the first");
 
 TARN_API const char *gyre_vlans2str(const void *vlans)
 {

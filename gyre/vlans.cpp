@@ -1,5 +1,6 @@
 // Interface and topology VLAN sets, and the walks over topologies.
 
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -165,7 +166,14 @@ TARN_API uint32_t gyre_get_l2_tpg_vlans(const char *name, gyre_vlan_bmp_t *vlans
             tarn_debug("Invalid Arguments in %s()", "gyre_cache_get_l2_tpg_vlans");
             return 0;
         }
-        const uint32_t tpg = static_cast<uint32_t>(strtol(name, nullptr, 10));
+        // Read as the 32-bit device's strtol reads it: beyond the signed
+        // 32-bit range the number saturates instead of wrapping.
+        long long wide = strtoll(name, nullptr, 10);
+        if (wide > INT32_MAX)
+            wide = INT32_MAX;
+        else if (wide < INT32_MIN)
+            wide = INT32_MIN;
+        const uint32_t tpg = static_cast<uint32_t>(static_cast<int32_t>(wide));
         const gyre_cache_tpg_node_t *node = gyre_cache_find_topo_by_id(tpg);
         if (node == nullptr) {
             tarn_debug("No tpg id %lu information in %s()", static_cast<unsigned long>(tpg),
@@ -212,6 +220,16 @@ TARN_API uint32_t gyre_get_l2_tpg_cfg_vlans_by_name(const char *name, gyre_vlan_
     return gyre_get_l2_tpg_vlans(name, vlans, kTpgVlansConfigured);
 }
 
+// Steps past a record that is no topology: topology records are the last
+// of kind 4, so from a record of a later kind the walk goes to the end at
+// once.  False at the end.
+static bool step_topologies(const char *db, kvs_datum_t *key, kvs_datum_t *value)
+{
+    if (tarn::past_kind(*key, TARN_KVS_KIND_TABLE_INFO))
+        return tarn::walk_to_end(db, key, value);
+    return kvs_getnext(db, key, value) == 0;
+}
+
 // Starts at the key pattern of table id 0xC0000000 and takes the first
 // topology record at or after it, so the walk yields exactly the device's
 // topologies in ascending id order.
@@ -240,7 +258,7 @@ TARN_API uint32_t gyre_get_first_l2_tpg(tarn_table_info_t *info)
     }
     uint32_t table_id = 0;
     while (!is_topology_record(key, &table_id)) {
-        if (kvs_getnext(db, &key, &value) != 0)
+        if (!step_topologies(db, &key, &value))
             return GYRE_TPG_NONE;
     }
     return deliver_topology(key, value, info, fn);
@@ -257,10 +275,12 @@ TARN_API uint32_t gyre_get_next_l2_tpg(tarn_table_info_t *info)
     const char *db = tarn::clt_of(ix)->kvs;
     kvs_datum_t key, value;
     uint32_t table_id = 0;
-    do {
-        if (kvs_getnext(db, &key, &value) != 0)
+    if (kvs_getnext(db, &key, &value) != 0)
+        return GYRE_TPG_NONE;
+    while (!is_topology_record(key, &table_id)) {
+        if (!step_topologies(db, &key, &value))
             return GYRE_TPG_NONE;
-    } while (!is_topology_record(key, &table_id));
+    }
     return deliver_topology(key, value, info, fn);
 }
 

@@ -58,6 +58,11 @@ using tarnhost::StoreId;
 
 constexpr unsigned kMaxLinks = 128;   // URIs open at once in a process
 constexpr unsigned kMaxIdleEnvs = 4;  // environments kept for the writer
+// The records an iterator step reads ahead of its position: one, or, while
+// a walk goes on from where the last call left it, up to kAheadMax that
+// together take at most kAheadBytes (the first is always read).
+constexpr unsigned kAheadMax = 16;
+constexpr size_t kAheadBytes = 16 * 1024;
 
 // Where the iterator of a database stands.  On a record (kIterOn), the
 // record is kept as a copy and no snapshot is held between calls: each step
@@ -110,6 +115,18 @@ struct Db {
     bool iter_txn_live = false;
     IterState iter_state = kIterNone;
     Held held_key, held_value;
+    // The records after the position, read in the same snapshot, in order
+    // ([ahead_pos, ahead_n); `ahead_end` when the last of them, or the
+    // position when there is none, was the database's last), and the
+    // snapshot's transaction id.  While the store's last committed
+    // transaction is still that one, a fresh snapshot would find exactly
+    // these, so steps are taken from the copies without one.
+    bool ahead_valid = false;
+    bool ahead_end = false;
+    uint64_t ahead_txnid = 0;
+    unsigned ahead_pos = 0, ahead_n = 0;
+    unsigned ahead_want = 1;  // how many the next snapshot reads
+    Held ahead_key[kAheadMax], ahead_value[kAheadMax];
 };
 
 struct Env {
@@ -296,8 +313,13 @@ void iter_close(Db *d)
     d->iter_txn = nullptr;
     d->iter_txn_live = false;
     d->iter_state = kIterNone;
+    d->ahead_valid = false;
     unhold(&d->held_key);
     unhold(&d->held_value);
+    for (unsigned i = 0; i < kAheadMax; ++i) {
+        unhold(&d->ahead_key[i]);
+        unhold(&d->ahead_value[i]);
+    }
 }
 
 void free_env(Env *e)
@@ -843,6 +865,7 @@ uint32_t iter_settle(Db *d)
     MDB_val k{0, nullptr}, v{0, nullptr};
     int rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_GET_CURRENT);
     uint32_t st = KVS_OK;
+    d->ahead_valid = false;
     if (rc != 0) {
         st = store_status(rc);
         d->iter_state = kIterNone;
@@ -851,9 +874,45 @@ uint32_t iter_settle(Db *d)
         d->iter_state = kIterNone;
     } else {
         d->iter_state = kIterOn;
+        // The next records too, while the snapshot is at hand: the next
+        // steps take them from the copies when nothing was committed since.
+        d->ahead_pos = d->ahead_n = 0;
+        d->ahead_end = false;
+        size_t bytes = 0;
+        while (d->ahead_n < d->ahead_want && d->ahead_n < kAheadMax &&
+               (d->ahead_n == 0 || bytes < kAheadBytes)) {
+            rc = mdb_cursor_get(d->iter_cur, &k, &v, MDB_NEXT);
+            if (rc == MDB_NOTFOUND) {
+                d->ahead_end = true;
+                break;
+            }
+            if (rc != 0 || !hold(&d->ahead_key[d->ahead_n], k) ||
+                !hold(&d->ahead_value[d->ahead_n], v))
+                break;  // what was read so far still holds
+            bytes += k.mv_size + v.mv_size;
+            ++d->ahead_n;
+        }
+        d->ahead_valid = d->ahead_n != 0 || d->ahead_end;
+        d->ahead_txnid = static_cast<uint64_t>(mdb_txn_id(d->iter_txn));
     }
     iter_release(d);
     return st;
+}
+
+// The store's last committed transaction, 0 when unknown.
+uint64_t last_txnid(MDB_env *env)
+{
+    MDB_envinfo info;
+    return mdb_env_info(env, &info) == 0 ? static_cast<uint64_t>(info.me_last_txnid) : 0;
+}
+
+// Whether the copies of the position and of the record after it are what
+// a fresh snapshot would find: nothing was committed since they were read.
+bool ahead_current(MDB_env *env, const Db *d)
+{
+    return d->iter_state == kIterOn && d->ahead_valid &&
+           (d->ahead_pos < d->ahead_n || d->ahead_end) && d->ahead_txnid != 0 &&
+           last_txnid(env) == d->ahead_txnid;
 }
 
 // The walk has reached the end: the position stays on the record it stood
@@ -970,6 +1029,25 @@ uint32_t kvs_iterator_init(const char *uri, const kvs_datum_t *key, uint32_t fro
         return st;
     Db *d = l->db;
     std::lock_guard<std::mutex> lock(d->iter_mu);
+    if (!from_start && key->len != 0 && ahead_current(l->env->env, d)) {
+        // A walk that starts again from where the last call left it: when
+        // the key lies from the position up to (not including) the record
+        // after it, the position is where a fresh search would put it.
+        const MDB_val held{d->held_key.len, d->held_key.data};
+        const bool last = d->ahead_pos == d->ahead_n;  // and ahead_end
+        const MDB_val next{last ? 0 : d->ahead_key[d->ahead_pos].len,
+                           last ? nullptr : d->ahead_key[d->ahead_pos].data};
+        if (compare_keys(held, key->data, key->len) <= 0 &&
+            (last || compare_keys(next, key->data, key->len) > 0))
+            return KVS_OK;
+    }
+    // A walk that goes on from where it stands reads further ahead each
+    // time; anything else reads one record ahead.
+    if (!from_start && key->len != 0 && d->iter_state == kIterOn &&
+        d->held_key.len == key->len && memcmp(d->held_key.data, key->data, key->len) == 0)
+        d->ahead_want = d->ahead_want * 2 < kAheadMax ? d->ahead_want * 2 : kAheadMax;
+    else
+        d->ahead_want = 1;
     iter_release(d);
     d->iter_state = kIterNone;
     const MDB_dbi dbi = d->dbi.load(std::memory_order_acquire);
@@ -1044,6 +1122,23 @@ uint32_t kvs_getnext(const char *uri, kvs_datum_t *key, kvs_datum_t *value)
     case kIterOn:
         break;
     }
+    if (ahead_current(l->env->env, d)) {
+        // Nothing committed since the position was read: the record after
+        // it is the copy read with it.
+        if (d->ahead_pos == d->ahead_n) {  // and ahead_end
+            iter_finish(d);
+            return KVS_ERR_END;
+        }
+        std::swap(d->held_key, d->ahead_key[d->ahead_pos]);
+        std::swap(d->held_value, d->ahead_value[d->ahead_pos]);
+        ++d->ahead_pos;
+        fill(key, d->held_key.data, d->held_key.len);
+        fill(value, d->held_value.data, d->held_value.len);
+        return KVS_OK;
+    }
+    // A walk that steps on reads further ahead each time it needs a
+    // snapshot.
+    d->ahead_want = d->ahead_want * 2 < kAheadMax ? d->ahead_want * 2 : kAheadMax;
     const MDB_dbi dbi = d->dbi.load(std::memory_order_acquire);
     st = iter_begin(l->env->env, d, dbi);
     if (st != KVS_OK)
@@ -1094,12 +1189,14 @@ struct tarnhost_kvs_txn {
     char tmp[kStorePathMax];
 };
 
+// Static as well: inside extern "C" the unnamed namespace alone does not
+// keep gcc from exporting these C-linkage names from the library.
 namespace {
 
 // A transaction object for `uri`, its store located; null with *status
 // set when the URI names no database.  A null `status` is pointed at a
 // place of this thread's own.
-tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
+static tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
 {
     static thread_local uint32_t ignored;
     if (status == nullptr)
@@ -1130,7 +1227,7 @@ tarnhost_kvs_txn_t *txn_new(const char *uri, uint32_t *&status)
 
 // Ends the transaction's hold on its environment (the LMDB transaction is
 // committed or aborted by now).
-void txn_release(tarnhost_kvs_txn_t *t, bool committed)
+static void txn_release(tarnhost_kvs_txn_t *t, bool committed)
 {
     if (t->holds_dbi_mu) {
         if (committed)
@@ -1150,7 +1247,7 @@ void txn_release(tarnhost_kvs_txn_t *t, bool committed)
     delete t;
 }
 
-uint32_t txn_start(tarnhost_kvs_txn_t *t, const char *uri)
+static uint32_t txn_start(tarnhost_kvs_txn_t *t, const char *uri)
 {
     // A write transaction knows the handles opened before it began, and
     // may open more itself, which must then be the only ones opened in the

@@ -75,8 +75,17 @@ TARN_API uint32_t tarn_get_next_context_info(uint32_t context_id,
         return 0;
     kvs_datum_t key, value;
     bool more = walk_start(ix, TARN_KVS_KIND_CONTEXT_INFO, context_id, &key, &value, fn);
-    // No upper bound: records of later kinds are stepped over to the end.
-    for (; more; more = walk_next(ix, &key, &value)) {
+    // No upper bound: records of later kinds are passed over to the end,
+    // at once from the first of them (nothing after it can match).
+    bool jumped = false;
+    const auto step = [&] {
+        if (!jumped && past_kind(key, TARN_KVS_KIND_CONTEXT_INFO)) {
+            jumped = true;
+            return walk_to_end(clt_of(ix)->kvs, &key, &value);
+        }
+        return walk_next(ix, &key, &value);
+    };
+    for (; more; more = step()) {
         uint32_t kind = 0, id = 0;
         if (!load_be32(key.data, key.len, 0, &kind) || kind != TARN_KVS_KIND_CONTEXT_INFO ||
             !load_be32(key.data, key.len, 4, &id))

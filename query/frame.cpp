@@ -68,13 +68,56 @@ bool walk_start(uint32_t ix, uint32_t kind, uint32_t id, kvs_datum_t *key,
     }
     // The record at the start position is where the walk stands, not a
     // result: only records after it are examined.
-    (void)kvs_getkey(db, key, value);
+    const bool on_record = kvs_getkey(db, key, value) == 0;
+    if (id == 0 && on_record && before_kind(*key, kind)) {
+        // From the start of the database: the records before the kind's
+        // first cannot match, so the walk stands on the last of them at
+        // once (the start record itself when there is none in between).
+        const TarnKey prefix(kind);
+        const kvs_datum_t k{prefix.bytes, 4};
+        (void)kvs_iterator_init(db, &k, 0);
+    }
     return kvs_getnext(db, key, value) == 0;
 }
 
 bool walk_next(uint32_t ix, kvs_datum_t *key, kvs_datum_t *value)
 {
     return kvs_getnext(clt_of(ix)->kvs, key, value) == 0;
+}
+
+bool past_prefix(const kvs_datum_t &key, const uint8_t *prefix, uint32_t n)
+{
+    const uint32_t m = key.len < n ? key.len : n;
+    const int c = m != 0 ? memcmp(key.data, prefix, m) : 0;
+    return c > 0;  // equal over a shorter key sorts before the prefix
+}
+
+bool before_kind(const kvs_datum_t &key, uint32_t kind)
+{
+    const TarnKey prefix(kind);
+    const uint32_t m = key.len < 4 ? key.len : 4;
+    const int c = m != 0 ? memcmp(key.data, prefix.bytes, m) : 0;
+    return c < 0 || (c == 0 && key.len < 4);
+}
+
+bool past_kind(const kvs_datum_t &key, uint32_t kind)
+{
+    const uint8_t be[4] = {static_cast<uint8_t>(kind >> 24), static_cast<uint8_t>(kind >> 16),
+                           static_cast<uint8_t>(kind >> 8), static_cast<uint8_t>(kind)};
+    return past_prefix(key, be, sizeof be);
+}
+
+bool walk_to_end(const char *db, kvs_datum_t *key, kvs_datum_t *value)
+{
+    // Longer than any key the store holds (511 bytes at most): it is placed
+    // on the last record.
+    static const struct Last {
+        uint8_t bytes[512];
+        Last() { memset(bytes, 0xFF, sizeof bytes); }
+    } last;
+    const kvs_datum_t k{last.bytes, sizeof last.bytes};
+    (void)kvs_iterator_init(db, &k, 0);
+    return kvs_getnext(db, key, value) == 0;
 }
 
 }  // namespace tarn

@@ -103,11 +103,30 @@ inline bool null_result(const void *p, const char *what, const char *fn)
 // Positions the process's iterator on the database (after `id` of `kind`,
 // or at its start when `id` is 0) and steps to the first record after the
 // start; false with a report when the iterator cannot be placed, false
-// silently at the end.
+// silently at the end.  From the start, the walk steps from the last record
+// before the kind's first: every record passed over that way is of an
+// earlier kind, which no walk of `kind` examines, and the start record
+// itself is still never a result.
 bool walk_start(uint32_t ix, uint32_t kind, uint32_t id, kvs_datum_t *key,
                 kvs_datum_t *value, const char *fn);
 // Steps to the next record; false at the end.
 bool walk_next(uint32_t ix, kvs_datum_t *key, kvs_datum_t *value);
+
+// Whether `key` sorts after every key that begins with the `n` bytes of
+// `prefix` (keys are ordered bytewise, shorter first on a common prefix).
+bool past_prefix(const kvs_datum_t &key, const uint8_t *prefix, uint32_t n);
+// The same for the keys of one kind (its big-endian first four bytes).
+bool past_kind(const kvs_datum_t &key, uint32_t kind);
+// Whether `key` sorts before every key of the kind.
+bool before_kind(const kvs_datum_t &key, uint32_t kind);
+
+// Moves the walk of `db` to its last record at once and steps from there,
+// as stepping record by record would have ended: false at the end (the
+// position on the last record, as stepping leaves it), true with a record
+// added behind it meanwhile.  For walks that have met a key past every key
+// they can match: the records passed over could match nothing.  When the
+// iterator cannot be placed, it steps from where it stands.
+bool walk_to_end(const char *db, kvs_datum_t *key, kvs_datum_t *value);
 
 }  // namespace tarn
 

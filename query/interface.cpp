@@ -119,7 +119,16 @@ TARN_API uint32_t tarn_get_next_if_context_info(uint32_t ifindex,
         return 0;
     kvs_datum_t key, value;
     bool more = walk_start(ix, TARN_KVS_KIND_IF_CONTEXT, ifindex, &key, &value, fn);
-    for (; more; more = walk_next(ix, &key, &value)) {
+    // Records of later kinds are passed over to the end at once.
+    bool jumped = false;
+    const auto step = [&] {
+        if (!jumped && past_kind(key, TARN_KVS_KIND_IF_CONTEXT)) {
+            jumped = true;
+            return walk_to_end(clt_of(ix)->kvs, &key, &value);
+        }
+        return walk_next(ix, &key, &value);
+    };
+    for (; more; more = step()) {
         uint32_t kind = 0, found = 0;
         if (!load_be32(key.data, key.len, 0, &kind) || kind != TARN_KVS_KIND_IF_CONTEXT ||
             !load_be32(key.data, key.len, 4, &found))

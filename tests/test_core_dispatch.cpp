@@ -191,6 +191,55 @@ TEST_F(Dispatch, UnknownAttributeKindIsDroppedAndHandled)
               captured());
 }
 
+// A dump request goes to the Gyre dump handler, whose result is the
+// attribute change's.  Given a kind-4 payload under another opcode, the
+// handler refuses it (-1): that is the result, and the message is dropped
+// (seen through the drop's failure report) as after every kind but an
+// answered dump request.
+TEST_F(Dispatch, DumpHandlerResultIsTheResultMinusOneIncluded)
+{
+    load();
+    ASSERT_EQ(1u, tarn_register(handle_));
+    const std::vector<uint8_t> p = attr_change(4, 1);
+    bus_msg_t *msg = tarnhost_bus_msg_new(40000, p.data(), static_cast<uint32_t>(p.size()));
+    ASSERT_NE(nullptr, msg);
+    tarnhost_fault_set("bus_drop", 5, 1);
+    EXPECT_EQ(-1, tarn_process_attr_change(msg));
+    EXPECT_EQ((std::vector<std::string>{
+                  "<<%TARN-3-BUS>> Error returned from bus_drop, errno: 0x00000005 "
+                  "(Input/output error) in tarn_process_attr_change()"}),
+              captured());
+}
+
+// A dump request under its own opcode is answered by the handler, which
+// disposes of it: 1, and nothing is dropped a second time.
+TEST_F(Dispatch, AnsweredDumpRequestIsTheHandlersOne)
+{
+    load();
+    ASSERT_EQ(1u, tarn_register(handle_));
+    const uint32_t requester = bus_bind(4, -1, nullptr, "requester");
+    ASSERT_NE(BUS_HANDLE_NONE, requester);
+    const std::vector<uint8_t> p = attr_change(4, 1);
+    ASSERT_EQ(0, tarnhost_bus_subscribe(handle_, kAttrChange, 1));
+    ASSERT_EQ(0, tarnhost_bus_publish(requester, kAttrChange, p.data(),
+                                      static_cast<uint32_t>(p.size())));
+    bus_msg_t *msg = tarnhost_bus_recv_ms(handle_, 2000);
+    ASSERT_NE(nullptr, msg);
+    tarnhost_fault_set("bus_drop", 5, TARNHOST_FAULT_ALWAYS);
+    EXPECT_EQ(1, tarn_process_attr_change(msg));
+    tarnhost_fault_clear("bus_drop");
+    // The handler's own drops, and no drop of tarn_process_attr_change.
+    for (const std::string &line : captured())
+        EXPECT_EQ(std::string::npos, line.find("in tarn_process_attr_change()")) << line;
+    bus_msg_t *reply = tarnhost_bus_recv_ms(requester, 2000);
+    ASSERT_NE(nullptr, reply);
+    uint32_t len = 0;
+    ASSERT_NE(nullptr, bus_payload_get(reply, &len));
+    EXPECT_EQ(12u, len) << "the cache is off: a page of status 0";
+    bus_drop(requester, reply);
+    bus_unbind(requester);
+}
+
 TEST_F(Dispatch, AsFormatNotificationWhileCacheModeIsOn)
 {
     load(R"({"as_format": 1})");

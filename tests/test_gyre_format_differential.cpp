@@ -120,6 +120,9 @@ TEST(GyreFormatDifferential, ChosenSets)
         if (edge + 2 < kVlans)
             check_all(map_of({edge, edge + 2}));
     }
+    // Runs of three, two and one in every four elements, every other pair.
+    for (uint8_t fill : {0xEE, 0x77, 0xCC, 0x88, 0x11, 0x66})
+        check_all(Map(kMapBytes, fill));
     // Sparse: one element in every 64-bit word, one in every other word.
     check_all(range_map(5, 4095, 64));
     check_all(range_map(63, 4095, 128));

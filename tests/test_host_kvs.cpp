@@ -353,7 +353,8 @@ protected:
         host_kvs::SetUp();
         ASSERT_EQ(0u, kvs_open(kUri, 1, 0, 0, 0));
     }
-    void fill(std::initializer_list<uint32_t> ids)
+    void fill(std::initializer_list<uint32_t> ids) { fill(std::vector<uint32_t>(ids)); }
+    void fill(const std::vector<uint32_t> &ids)
     {
         for (uint32_t id : ids)
             ASSERT_EQ(0u, put(kUri, be32(id), "v" + std::to_string(id)));
@@ -513,6 +514,56 @@ TEST_F(host_kvs_iter, each_step_reads_the_database_as_it_is_now)
     ASSERT_EQ(0u, tarnhost_kvs_del(kUri, be32(15).data(), 4));
     EXPECT_EQ(15, current());
     EXPECT_EQ(30, next());
+    EXPECT_EQ(-1, next());
+}
+
+// Steps taken from the records read ahead of the position give what fresh
+// steps give: the same walk, whether it steps on or starts again from
+// where the last call left it (as the library's walks do), long enough to
+// read ahead many times; and a commit between two steps is seen at once,
+// whether it adds a record just ahead, removes one, or leaves the walk's
+// records as they were.
+TEST_F(host_kvs_iter, steps_from_records_read_ahead_give_what_fresh_steps_give)
+{
+    std::vector<uint32_t> ids;
+    for (uint32_t id = 10; id <= 1000; id += 10)
+        ids.push_back(id);
+    fill(ids);
+    ASSERT_EQ(0u, kvs_iterator_init(kUri, nullptr, 1));
+    for (size_t i = 1; i < ids.size(); ++i)
+        ASSERT_EQ(static_cast<int64_t>(ids[i]), next()) << i;
+    EXPECT_EQ(-1, next());
+    EXPECT_EQ(1000, current());
+    // Starting again from the record the last call returned.
+    int64_t at = 10;
+    for (size_t i = 1; i < ids.size(); ++i) {
+        ASSERT_EQ(0u, init_at(static_cast<uint32_t>(at)));
+        ASSERT_EQ(at, current());
+        at = next();
+        ASSERT_EQ(static_cast<int64_t>(ids[i]), at) << i;
+    }
+    ASSERT_EQ(0u, init_at(1000));
+    EXPECT_EQ(-1, next());
+    // Between two steps of a walk that has read ahead: a record added just
+    // ahead is met, a removed one is not, an unrelated commit changes
+    // nothing, and an absent key between two records read ahead lands on
+    // the one before it.
+    ASSERT_EQ(0u, init_at(100));
+    EXPECT_EQ(110, next());
+    fill({115});
+    EXPECT_EQ(115, next());
+    ASSERT_EQ(0u, tarnhost_kvs_del(kUri, be32(120).data(), 4));
+    EXPECT_EQ(130, next());
+    ASSERT_EQ(0u, tarnhost_kvs_put(kUri, "z", 1, "other", 5));
+    EXPECT_EQ(140, next());
+    ASSERT_EQ(0u, init_at(145));
+    EXPECT_EQ(140, current());
+    EXPECT_EQ(150, next());
+    ASSERT_EQ(0u, tarnhost_kvs_del(kUri, "z", 1));
+    ASSERT_EQ(0u, init_at(990));
+    EXPECT_EQ(1000, next());
+    fill({2000});
+    EXPECT_EQ(2000, next());
     EXPECT_EQ(-1, next());
 }
 

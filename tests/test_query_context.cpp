@@ -11,6 +11,7 @@
 
 #include <tarn/tarn.h>
 
+#include "platform/kvs.h"
 #include "support/device.h"
 #include "support/fixture.h"
 #include "support/library.h"
@@ -328,6 +329,49 @@ TEST_F(Query, WalkFromTheLastContextSkipsEverythingAfter)
     EXPECT_EQ(0u, tarn_get_next_context_info(8, &info));
     // And from an id past every context.
     EXPECT_EQ(0u, tarn_get_next_context_info(1000, &info));
+}
+
+// The last call passes over the records of later kinds at once, and leaves
+// the database's iterator where stepping over each of them would: on the
+// last record, with nothing after it.
+TEST_F(Query, WalkFromTheLastContextLeavesTheIteratorAtTheEnd)
+{
+    load();
+    const std::string uri = tarntest::tarn_kvs_uri();
+    const char *db = uri.c_str();
+    put(key_with_id(0x7F, 1), {1, 2, 3});  // the database's last record
+    tarn_context_info_t info;
+    EXPECT_EQ(0u, tarn_get_next_context_info(8, &info));
+    kvs_datum_t key{nullptr, 0}, value{nullptr, 0};
+    EXPECT_EQ(KVS_ERR_END, kvs_getnext(db, &key, &value));
+    ASSERT_EQ(0u, kvs_getkey(db, &key, &value));
+    EXPECT_EQ(key_with_id(0x7F, 1),
+              std::vector<uint8_t>(static_cast<const uint8_t *>(key.data),
+                                   static_cast<const uint8_t *>(key.data) + key.len));
+    // A context added after them is still found by the next walk.
+    EXPECT_EQ(1u, tarn_get_next_context_info(0, &info));
+    EXPECT_TRUE(captured().empty());
+}
+
+// From 0 the walk starts at the first record of the database and never
+// examines it, even when it is a context's record (the name records of
+// kind 1 are expected before it): passing over the earlier kinds at once
+// changes nothing about that.
+TEST_F(Query, WalkFromZeroNeverExaminesTheDatabasesFirstRecord)
+{
+    load(R"({"contexts": [{"id": 1, "name": "default"}, {"id": 3, "name": "red"}]})");
+    const std::string uri = tarntest::tarn_kvs_uri();
+    const char *db = uri.c_str();
+    // Without the name records the first record is context 1's.
+    for (const char *name : {"default", "red"}) {
+        std::vector<uint8_t> k(48, 0);
+        k[3] = 1;
+        memcpy(&k[4], name, strlen(name));
+        ASSERT_EQ(0u, tarnhost_kvs_del(db, k.data(), 48));
+    }
+    tarn_context_info_t info;
+    EXPECT_EQ(3u, tarn_get_next_context_info(0, &info));
+    EXPECT_STREQ("red", info.name);
 }
 
 TEST_F(Query, WalkContinuesAfterAContextThatHasGone)

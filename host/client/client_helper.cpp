@@ -65,8 +65,12 @@ const char *tarnhost_client_start(uint32_t handle, uint32_t what)
 
 uint32_t tarnhost_client_enabled(void) { return g_enabled; }
 
+void tarnhost_client_set_enabled(uint32_t what) { g_enabled = what & TARNHOST_CLIENT_ALL; }
+
+// No exception leaves for the C caller: an answer that cannot be made (out
+// of memory) is not sent, and the requester's wait runs out.
 int32_t tarnhost_client_dispatch(uint32_t handle, bus_msg_t *msg)
-{
+try {
     if (msg == nullptr || bus_opc_get(msg) != TARNHOST_OPC_CLIENT_INSPECT)
         return tarn_dispatch(msg);
     uint32_t len = 0;
@@ -87,6 +91,9 @@ int32_t tarnhost_client_dispatch(uint32_t handle, bus_msg_t *msg)
         (void)tarnhost_bus_reply(handle, msg, TARNHOST_OPC_CLIENT_INSPECT, a.data(),
                                  static_cast<uint32_t>(a.size()));
     }
+    bus_drop(handle, msg);
+    return 1;
+} catch (...) {
     bus_drop(handle, msg);
     return 1;
 }

@@ -161,7 +161,8 @@ std::string answers(const Question &q, int64_t enabled)
     doc["vlan_graph_ftag"] = vlan_graph;
     doc["ftag_vlans"] = ftag_vlans;
     doc["topologies"] = topologies;
-    return doc.dump();
+    // The program's name is the kernel's bytes, not always UTF-8.
+    return doc.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 std::vector<uint8_t> encode_request(const Question &q, uint32_t nonce,

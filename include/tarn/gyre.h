@@ -174,7 +174,13 @@ TARN_API uint32_t gyre_register(uint32_t bus_handle);
 /* Clear the subscriptions; the last option change's result (0: success). */
 TARN_API uint32_t gyre_deregister(uint32_t bus_handle);
 /* For processes that use the Gyre client alone: tarn_dispatch(msg) while
- * the cache is on; otherwise answers a dump request and returns -1. */
+ * the cache is on; otherwise answers a dump request (gyre_cache_disabled_resp)
+ * and returns -1.  Who owns `msg` afterwards:
+ *   1: the library has dropped it (as after tarn_dispatch).
+ *   0: the caller, who drops it (a Gyre notification was applied, or the
+ *      process is outside cell 1).
+ *  -1: the caller, who drops it (also after the cache-off answer to a dump
+ *      request, which leaves the request alone). */
 TARN_API int32_t gyre_dispatch(struct bus_msg *msg);
 /* Cache off, subscriptions cleared, database closed. */
 TARN_API void gyre_api_close(void);
@@ -189,7 +195,9 @@ TARN_API uint32_t gyre_enable_cache_mode(const gyre_cache_attr_t *attr);
 /* Turn it off and free it.  Always 1. */
 TARN_API uint32_t gyre_disable_cache_mode(void);
 /* Apply one received message (opcodes 51208 to 51215): 0, or -1 when the
- * opcode is not the cache's. */
+ * opcode is not the cache's.  It never returns 1 and never drops `msg`:
+ *   0: the message is still the caller's (applied, or outside cell 1).
+ *  -1: the message is still the caller's (not a Gyre notification). */
 TARN_API int32_t gyre_dispatch_internal(struct bus_msg *msg);
 /* Ftag notices to the Gyre service: converge, or a topology gone stale.
  * 1 when sent. */
@@ -202,12 +210,15 @@ TARN_API uint32_t gyre_ftag_stale(uint32_t tpg);
 TARN_API uint32_t gyre_cache_build_info(void);
 /* Apply an ftag update (51215): entries of reason 1 or 2 set the ftag's
  * entry and its bit in the topology (added when missing), reason 3 clears
- * them, other reasons change nothing.  0 without payload, else 1. */
+ * them, other reasons change nothing.  0 without payload, else 1.  It never
+ * drops `msg`: after 1 and after 0 the message is still the caller's. */
 TARN_API uint32_t gyre_cache_update_ftag(const struct bus_msg *msg);
 /* With the cache off: answer a cache dump request (51226 of kind 4) with a
  * 12-byte page of status 0 from a temporary handle, so that the requester
  * does not wait.  Other messages are left alone.  0, or -1 when no reply
- * handle could be bound. */
+ * handle could be bound.  It never drops `msg`:
+ *   0: the message (answered or not) is still the caller's.
+ *  -1: the message is still the caller's, unanswered. */
 TARN_API int32_t gyre_cache_disabled_resp(struct bus_msg *msg);
 
 /* ---- cache primitives ------------------------------------------------------ */
@@ -226,16 +237,18 @@ TARN_API struct gyre_cache_tpg_node *gyre_cache_find_topo_by_id(uint32_t tpg);
  * or null when the cache is off or out of memory (reported). */
 TARN_API struct gyre_cache_tpg_node *gyre_cache_add_tpg(uint32_t tpg);
 /* gyre_cache_add_tpg for the topology of a creation notice (51208: the id
- * at payload bytes 20-23). */
+ * at payload bytes 20-23).  `msg` stays the caller's, whatever the result. */
 TARN_API struct gyre_cache_tpg_node *gyre_cache_create_l2_tpg(const struct bus_msg *msg);
 /* Remove the topology of a deletion notice (51210: the id at payload bytes
- * 20-23): its VLAN and ftag entries are cleared, then the node is freed. */
+ * 20-23): its VLAN and ftag entries are cleared, then the node is freed.
+ * `msg` stays the caller's. */
 TARN_API void gyre_cache_delete_l2_tpg(const struct bus_msg *msg);
 /* Copy a cached topology's VLAN and ftag bits into the caller's bitmaps
  * (their length words are not written); 1 when the topology is cached. */
 TARN_API uint32_t gyre_cache_get_topo_info(uint32_t tpg, gyre_vlan_bmp_t *vlans,
                                            gyre_ftag_bmp_t *ftags);
-/* Remove the ftags named by an attribute change of kind 2 from the cache. */
+/* Remove the ftags named by an attribute change of kind 2 from the cache.
+ * `msg` stays the caller's, whatever the result. */
 TARN_API uint32_t gyre_cache_delete_topo_ftag(const struct bus_msg *msg);
 /* Free the whole cache (topologies and tables); the cache flag stays. */
 TARN_API void gyre_cache_delete_info(void);
@@ -341,12 +354,21 @@ TARN_API extern char gyre_scratch_bmp_str2[2098];
  * standard output.  0 on success. */
 TARN_API uint32_t gyre_client_dbg_print_cache(uint32_t bus_handle, uint32_t dest_a,
                                               uint32_t dest_b);
-/* Serve a dump request: -1 for a message that is not one, else 1. */
+/* Serve a dump request: -1 for a message that is not one, else 1 (the
+ * result of gyre_cache_dump_info).  Who owns `msg` afterwards:
+ *   1: the library, which has answered and dropped it.
+ *  -1: the caller (nothing was sent or dropped).
+ * It never returns 0. */
 TARN_API int32_t gyre_dump_cache_info(uint32_t bus_handle, struct bus_msg *msg);
 /* Answer `msg` with one page of the cache, the page named by the request's
  * iteration word (payload offset 24), or with a 12-byte page of status 0
  * while the cache is off; then drop the request.  1, or -1 (reported) for
- * a null message.  gyre_dump_cache_info checks the request first. */
+ * a null message.  gyre_dump_cache_info checks the request first.  Who owns
+ * `msg` afterwards:
+ *   1: the library, which has answered and dropped it (also when the send
+ *      or the drop failed: a failed drop still releases the message).
+ *  -1: nobody: there was no message.
+ * It never returns 0. */
 TARN_API int32_t gyre_cache_dump_info(uint32_t bus_handle, struct bus_msg *msg);
 /* Build page `iteration` (from 1, 16 topologies a page): a 12-byte header
  * (status 2 more or 3 last, next iteration, record count n) and n records

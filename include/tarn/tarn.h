@@ -196,20 +196,34 @@ TARN_API uint32_t tarn_register(uint32_t bus_handle);
 TARN_API uint32_t tarn_deregister(void);
 
 /* Hand one received bus message to the library: the Gyre side looks first,
- * then Tarn's own attribute change.  -1 when the process is not registered
- * or no handler took the message (the caller keeps it), 0 outside cell 1,
- * else the handler's result (1: handled, and the message dropped). */
+ * then Tarn's own attribute change.  Who owns `msg` afterwards:
+ *   1: an attribute change was handled (applied, an unknown kind ignored, a
+ *      dump request answered) and the library has dropped the message.
+ *   0: a Gyre notification was applied, or the process is outside cell 1;
+ *      the library never drops the message then: the caller drops it.
+ *  -1: the process is not registered, the message has no usable payload, or
+ *      no handler took it; the message is still the caller's to drop. */
 TARN_API int32_t tarn_dispatch(struct bus_msg *msg);
 /* Tarn's own part of tarn_dispatch: -1 unless `msg` is an attribute change
  * (opcode 51226, also for a null message), else tarn_process_attr_change's
- * result. */
+ * result.  Who owns `msg` afterwards:
+ *   1: the library has dropped it.
+ *   0: the caller (outside cell 1, nothing was done).
+ *  -1: the caller (not an attribute change, or no usable payload). */
 TARN_API int32_t tarn_dispatch_internal(struct bus_msg *msg);
 /* Apply an attribute change by its kind (payload bytes 2-3): 1 the AS-number
  * format at offset 24, 2 the ftags of one topology, 3 the whole Gyre cache,
- * 4 a cache dump request, others ignored.  1 when applied and the message
- * dropped (a dump request is answered and disposed of by the dump handler);
- * -1, reported and not dropped, for a message without payload; 0 outside
- * cell 1. */
+ * 4 a cache dump request (gyre_dump_cache_info), others ignored.  The result
+ * is 1 when applied, or the dump handler's result when that handler ran
+ * (-1 included); -1, reported, for a message without a usable payload; 0
+ * outside cell 1.  Who owns `msg` afterwards:
+ *   1: the library has dropped it (a dump request is answered and disposed
+ *      of by the dump handler).
+ *   0: the caller (nothing was done).
+ *  -1: the caller when the payload was missing or too short; the library
+ *      (dropped) when the dump handler refused a kind-4 message, which
+ *      happens only when it is not of opcode 51226 and so never through
+ *      tarn_dispatch. */
 TARN_API int32_t tarn_process_attr_change(struct bus_msg *msg);
 
 /* 1 while client cache mode is on. */
@@ -226,7 +240,8 @@ TARN_API uint32_t tarn_get_as_format(void);
 TARN_API uint32_t tarn_track_as_format(void);
 /* Read the format from the database into the cache; 1 when valid after. */
 TARN_API uint32_t tarn_refresh_as_format_info(void);
-/* 1 when `msg` is an attribute change of kind 1 (AS format). */
+/* 1 when `msg` is an attribute change of kind 1 (AS format).  It only
+ * reads `msg`, which stays the caller's. */
 TARN_API uint32_t tarn_is_msg_asformat_update(const struct bus_msg *msg);
 
 /* ------------------------------------------------------------------------ */
