@@ -207,6 +207,69 @@ TEST_F(TarnctlRecord, BusCommandsRefuseARootWithoutADevice)
     EXPECT_EQ(0, rmdir(root.c_str())) << "the root holds more than it did";
 }
 
+// Both listeners decode every payload through the same definition: each
+// notification of changes.json carries its fields beside the raw payload,
+// and the caching and the passive watcher decode it alike.
+TEST_F(TarnctlRecord, WatchJsonDecodesEveryPayload)
+{
+    Proc w, p;
+    w.start({"watch", "--json", "--sap", "1201", "--count", "8"});
+    p.start({"watch", "--passive", "--json", "--count", "8"});
+    ASSERT_TRUE(w.wait_for("\"event\":\"start\"")) << w.err();
+    ASSERT_TRUE(p.wait_for("\"event\":\"start\"")) << p.err();
+    apply();
+    ASSERT_EQ(0, w.wait()) << w.err();
+    ASSERT_EQ(0, p.wait()) << p.err();
+    std::vector<json> caching, passive;
+    for (const std::string &l : tarntest::split_lines(w.out()))
+        caching.push_back(json::parse(l));
+    for (const std::string &l : tarntest::split_lines(p.out()))
+        passive.push_back(json::parse(l));
+    ASSERT_EQ(10u, caching.size()) << w.out();
+    ASSERT_EQ(10u, passive.size()) << p.out();
+    for (size_t i = 1; i < 9; ++i) {
+        EXPECT_EQ("", tarntest::tarnctl_schema_problem("watch_notification", caching[i]))
+            << caching[i].dump();
+        EXPECT_EQ("", tarntest::tarnctl_schema_problem("watch_notification", passive[i]))
+            << passive[i].dump();
+        EXPECT_EQ(caching[i]["decoded"], passive[i]["decoded"]) << i;
+        EXPECT_EQ(true, caching[i]["decoded"]["complete"]) << caching[i].dump();
+    }
+    const json created = caching[1]["decoded"];
+    EXPECT_EQ("topology_created", created["type"]);
+    EXPECT_EQ(40, created["topology"]);
+    const json vlans = caching[2]["decoded"];
+    EXPECT_EQ("topology_vlans", vlans["type"]);
+    EXPECT_EQ(2, vlans["declared"]);
+    EXPECT_EQ(20, vlans["records"][0]["topology"]);
+    EXPECT_EQ("200-249", vlans["records"][0]["vlans"]);
+    EXPECT_EQ("40", vlans["records"][1]["name"]);
+    EXPECT_EQ("250-259", vlans["records"][1]["vlans"]);
+    EXPECT_EQ(10u, vlans["records"][1]["vlan_list"].size());
+    EXPECT_EQ(250, vlans["records"][1]["vlan_list"][0]);
+    const json ftags = caching[4]["decoded"];
+    EXPECT_EQ("ftags_changed", ftags["type"]);
+    ASSERT_EQ(4u, ftags["entries"].size()) << ftags.dump();
+    EXPECT_EQ("GYRE_FTAG_CREATE", ftags["entries"][1]["reason_name"]);
+    EXPECT_EQ(41, ftags["entries"][1]["ftag"]);
+    EXPECT_EQ(2, ftags["entries"][1]["graph"]);
+    EXPECT_EQ(6, ftags["entries"][1]["flags"]);
+    EXPECT_EQ("GYRE_FTAG_DELETE", ftags["entries"][3]["reason_name"]);
+    const json deleted = caching[5]["decoded"];
+    EXPECT_EQ("topology_ftags_deleted", deleted["type"]);
+    EXPECT_EQ(2, deleted["kind"]);
+    EXPECT_EQ(30, deleted["topology"]);
+    EXPECT_EQ(deleted["ftags"] == "--", deleted["ftag_list"].empty());
+    EXPECT_EQ("topology_deleted", caching[6]["decoded"]["type"]);
+    EXPECT_EQ(30, caching[6]["decoded"]["topology"]);
+    EXPECT_EQ("as_format", caching[7]["decoded"]["type"]);
+    EXPECT_EQ(1, caching[7]["decoded"]["as_format"]);
+    const json dump = caching[8]["decoded"];
+    EXPECT_EQ("cache_dump_request", dump["type"]);
+    EXPECT_EQ(1, dump["iteration"]);
+    EXPECT_EQ(28, dump["length"]);
+}
+
 TEST_F(TarnctlRecord, ReplayOnAFreshDeviceGivesASecondClientTheSameCache)
 {
     const std::string file = root_ + "/notifications.ndjson";

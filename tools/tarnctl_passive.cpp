@@ -14,6 +14,7 @@
 #include <set>
 
 #include <tarn/gyre.h>
+#include <tarn/notification_json.hpp>
 #include <tarn/tarn.h>
 
 #include "host/tarnhost_bus.h"
@@ -41,6 +42,12 @@ void stop_on_signals()
 }
 
 bool stop_requested() { return g_stop_requested != 0; }
+
+nlohmann::json decoded_json(const tarn::Decoded &decoded)
+{
+    // The rendering always writes valid JSON; parse without exceptions.
+    return nlohmann::json::parse(tarn::to_json(decoded), nullptr, false);
+}
 
 std::vector<uint32_t> notification_opcodes()
 {

@@ -10,7 +10,16 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
+#include <tarn/notification.hpp>
+
 namespace tarnctl {
+
+// A decoded payload as the "decoded" object of watch's JSON lines: the
+// fields of <tarn/notification_json.hpp>, the rendering the Python package
+// gets too.
+nlohmann::json decoded_json(const tarn::Decoded &decoded);
 
 // The notifications that the Tarn and Gyre services publish.
 std::vector<uint32_t> notification_opcodes();

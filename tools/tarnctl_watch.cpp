@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <tarn/gyre.h>
+#include <tarn/notification.hpp>
 #include <tarn/tarn.h>
 
 #include "host/tarnhost.h"
@@ -169,6 +170,7 @@ struct Seen {
     bool has_payload = false;
     uint32_t bytes = 0;
     std::string payload_hex;
+    json decoded;  // --json: the payload's fields
     uint16_t kind = 0;                 // attribute change
     uint32_t word24 = 0;               // attribute change: format or page
     std::vector<uint32_t> topologies;  // 51208, 51210, 51214, kind 2
@@ -189,8 +191,10 @@ Seen inspect(const bus_msg_t *msg)
     if (p == nullptr)
         return s;
     s.bytes = len;
-    if (g_json)
+    if (g_json) {
         s.payload_hex = to_hex(p, len);
+        s.decoded = decoded_json(tarn::decode_notification(s.opcode, p, len));
+    }
     switch (s.opcode) {
     case BUS_OPC_GYRE_TPG_CREATE:
     case BUS_OPC_GYRE_TPG_DELETE:
@@ -349,7 +353,7 @@ bool handle(uint32_t h, bus_msg_t *msg)
     if (g_json)
         emit({{"event", "notification"}, {"time", now_text()}, {"opcode", seen.opcode},
               {"name", name}, {"bytes", seen.bytes}, {"payload", seen.payload_hex},
-              {"taken", r == 1}, {"result", r}, {"change", what}});
+              {"decoded", seen.decoded}, {"taken", r == 1}, {"result", r}, {"change", what}});
     else
         printf("%s %s %s\n", now_text().c_str(), escaped(name).c_str(), escaped(what).c_str());
     return true;
@@ -484,7 +488,9 @@ int listen(uint64_t count, uint64_t timeout)
         const std::string name = opcode_name(opcode);
         if (g_json)
             emit({{"event", "notification"}, {"time", now_text()}, {"opcode", opcode},
-                  {"name", name}, {"bytes", len}, {"payload", hex}, {"taken", nullptr}, {"result", nullptr},
+                  {"name", name}, {"bytes", len}, {"payload", hex},
+                  {"decoded", decoded_json(tarn::decode_notification(opcode, p, len))},
+                  {"taken", nullptr}, {"result", nullptr},
                   {"change", nullptr}});
         else
             printf("%s %s %u bytes %s\n", now_text().c_str(), name.c_str(), len,

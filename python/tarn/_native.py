@@ -60,6 +60,8 @@ def _prototype(host: ctypes.CDLL, tarn: ctypes.CDLL) -> None:
     _proto(host, "tarnhost_device_down", c_int)
     _proto(host, "tarnhost_kvs_put", u32, c_char_p, c_void_p, u32, c_void_p, u32)
     _proto(host, "tarnhost_kvs_del", u32, c_char_p, c_void_p, u32)
+    _proto(host, "tarnhost_notification_json", ctypes.c_int64, u32, u32, c_char_p, u32,
+           c_char_p, u32)
     _proto(host, "tarnhost_capture", None, c_int)
     _proto(host, "tarnhost_capture_clear", None)
     _proto(host, "tarnhost_capture_count", c_size_t, c_int)
