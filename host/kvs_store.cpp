@@ -414,8 +414,11 @@ uint32_t store_open(const char *dir, MDB_env **env, StoreId *id, int *lock_fd)
         st = open_env(pin.path, &e);
     int lfd = -1;
     if (st == KVS_OK) {
-        snprintf(path, sizeof path, "%s/lock.mdb", pin.path);
-        lfd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+        // data.mdb fitted, and lock.mdb is no longer.
+        if (snprintf(path, sizeof path, "%s/lock.mdb", pin.path) >= static_cast<int>(sizeof path))
+            path[0] = '\0';
+        lfd = path[0] == '\0' ? -1
+                               : open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
         if (lfd < 0 || !lock_file_ok(lfd))
             st = KVS_ERR_DAMAGED;
     }
